@@ -1,0 +1,30 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace parlavox {
+
+// What an OSC address asks of the announcer.
+struct AnnouncementTarget {
+  enum class Kind {
+    ignore,          // not an announcement address
+    unknownChannel,  // "/parlavox/say/{channel}" naming no configured channel
+    announce,        // speak to `mask`
+  };
+  Kind kind = Kind::ignore;
+  std::uint32_t mask = 0;
+  std::string channel;  // the name asked for, for the unknown-channel warning
+};
+
+// "/parlavox/say" reaches every configured channel; "/parlavox/say/{channel}" one channel by name.
+AnnouncementTarget resolveAnnouncement(std::string_view address,
+                                       const std::vector<std::string>& channels);
+
+// The 9-byte audio header of an announcement frame: 02, FF FF, mask, seq (little-endian).
+std::array<std::uint8_t, 9> announcementHeader(std::uint32_t mask, std::uint16_t seq);
+
+}  // namespace parlavox

@@ -1,0 +1,90 @@
+#include "config/Names.h"
+
+#include <utf8proc.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace parlavox {
+namespace {
+
+struct FreeDeleter {
+  void operator()(utf8proc_uint8_t* p) const { std::free(p); }  // NOLINT: utf8proc allocates with malloc
+};
+
+// NFD of valid UTF-8; nullopt for invalid input, which then only equals itself byte for byte.
+std::optional<std::string> decomposed(std::string_view text) {
+  utf8proc_uint8_t* out = nullptr;
+  const auto n = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                              static_cast<utf8proc_ssize_t>(text.size()), &out,
+                              static_cast<utf8proc_option_t>(UTF8PROC_DECOMPOSE | UTF8PROC_STABLE));
+  std::unique_ptr<utf8proc_uint8_t, FreeDeleter> owned(out);
+  if (n < 0) {
+    return std::nullopt;
+  }
+  return std::string(reinterpret_cast<const char*>(out), static_cast<std::size_t>(n));
+}
+
+bool isAscii(std::string_view s) {
+  for (const char c : s) {
+    if (static_cast<unsigned char>(c) >= 0x80) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool sameName(std::string_view a, std::string_view b) {
+  if (a == b) {
+    return true;
+  }
+  if (isAscii(a) && isAscii(b)) {
+    return false;  // nothing to normalise: the common case stays cheap
+  }
+  const auto da = decomposed(a);
+  const auto db = decomposed(b);
+  return da && db && *da == *db;
+}
+
+std::optional<std::size_t> findName(std::string_view name, const std::vector<std::string>& names) {
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (sameName(name, names[i])) {
+      return i;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string firstGraphemes(std::string_view text, std::size_t limit) {
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  const auto size = static_cast<utf8proc_ssize_t>(text.size());
+  utf8proc_int32_t state = 0;
+  utf8proc_int32_t previous = -1;
+  std::size_t clusters = 0;
+  utf8proc_ssize_t pos = 0;
+  while (pos < size) {
+    utf8proc_int32_t cp = 0;
+    auto len = utf8proc_iterate(bytes + pos, size - pos, &cp);
+    if (len < 0) {
+      cp = -1;  // a stray byte is a character of its own
+      len = 1;
+    }
+    const bool breaks = previous < 0 || cp < 0 || utf8proc_grapheme_break_stateful(previous, cp, &state);
+    if (breaks) {
+      if (clusters == limit) {
+        break;
+      }
+      ++clusters;
+      if (cp < 0) {
+        state = 0;
+      }
+    }
+    previous = cp;
+    pos += len;
+  }
+  return std::string(text.substr(0, static_cast<std::size_t>(pos)));
+}
+
+}  // namespace parlavox

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace parlavox {
+
+// Role and channel names compare exactly (case-sensitive, no trimming), except that canonically
+// equivalent Unicode spellings are the same name: "Régie" precomposed equals "Re\u0301gie".
+bool sameName(std::string_view a, std::string_view b);
+
+// The position of the first entry of `names` equal to `name` by sameName().
+std::optional<std::size_t> findName(std::string_view name, const std::vector<std::string>& names);
+
+// The first `limit` user-perceived characters (extended grapheme clusters) of `text`. Invalid
+// UTF-8 is kept byte for byte; it is counted one byte per character.
+std::string firstGraphemes(std::string_view text, std::size_t limit);
+
+}  // namespace parlavox

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace parlavox::platform {
+
+// DNS-SD advertisement of a service on the local network. Problems (no daemon, a name collision)
+// are worked around and reported on the console by the implementation itself.
+class Advertiser {
+ public:
+  virtual ~Advertiser() = default;
+  // Main thread or loop thread, once. Keeps the service advertised for the life of the object,
+  // re-registering when the daemon comes back after a restart.
+  virtual void advertise(const std::string& name, const std::string& type, std::uint16_t port) = 0;
+};
+
+}  // namespace parlavox::platform

@@ -1,0 +1,22 @@
+#include "platform/Clock.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace parlavox::platform {
+
+MonoTime SteadyClock::now() const { return MonoClock::now(); }
+
+void SteadyClock::sleepUntil(MonoTime deadline) {
+  // An absolute sleep on CLOCK_MONOTONIC (steady_clock's clock on Linux): oversleeping one frame
+  // never shifts the deadlines after it.
+  const auto since = deadline.time_since_epoch();
+  const auto secs = std::chrono::duration_cast<std::chrono::seconds>(since);
+  timespec ts{};
+  ts.tv_sec = static_cast<time_t>(secs.count());
+  ts.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - secs).count());
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+  }
+}
+
+}  // namespace parlavox::platform

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+
+namespace parlavox::platform {
+
+using MonoClock = std::chrono::steady_clock;
+using MonoTime = MonoClock::time_point;
+
+// Monotonic time, so that a change of the wall clock neither drops nor keeps peers and never
+// bends the pacing of announcements.
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  // Any thread.
+  virtual MonoTime now() const = 0;
+  // Any thread. Blocks the caller until the clock reads at least `deadline`.
+  virtual void sleepUntil(MonoTime deadline) = 0;
+};
+
+class SteadyClock final : public Clock {
+ public:
+  MonoTime now() const override;
+  void sleepUntil(MonoTime deadline) override;
+};
+
+}  // namespace parlavox::platform

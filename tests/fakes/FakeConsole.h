@@ -1,0 +1,33 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Console.h"
+
+namespace parlavox::test {
+
+// Collects printed messages instead of writing them.
+class FakeConsole final : public platform::Console {
+ public:
+  void print(std::string_view message) override {
+    std::lock_guard lock(mutex_);
+    lines_.emplace_back(message);
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  std::vector<std::string> take() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(lines_, {});
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace parlavox::test
