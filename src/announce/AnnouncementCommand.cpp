@@ -1,1 +1,64 @@
-// filled in by its owner
+#include "announce/AnnouncementCommand.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "config/Names.h"
+#include "config/Protocol.h"
+
+namespace parlavox {
+namespace {
+
+constexpr std::string_view kSayAll = "/parlavox/say";
+constexpr std::string_view kSayChannel = "/parlavox/say/";
+constexpr std::size_t kMaskBits = 32;
+
+// Bits 0 to count-1; built from the top so that 32 channels never shift by 32.
+std::uint32_t lowBits(std::size_t count) {
+  const std::size_t bits = std::min(count, kMaskBits);
+  return bits == 0 ? 0 : ~std::uint32_t{0} >> (kMaskBits - bits);
+}
+
+}  // namespace
+
+AnnouncementTarget resolveAnnouncement(std::string_view address,
+                                       const std::vector<std::string>& channels) {
+  AnnouncementTarget target;
+  if (sameName(address, kSayAll)) {
+    target.kind = AnnouncementTarget::Kind::announce;
+    target.mask = lowBits(channels.size());
+    return target;
+  }
+  // The prefix is matched character by character, so a combining mark after its last "/" makes
+  // another character and the address no command.
+  const std::string head = firstGraphemes(address, kSayChannel.size());
+  if (!sameName(head, kSayChannel)) {
+    return target;
+  }
+  const std::string_view name = address.substr(head.size());
+  const auto position = findName(name, channels);
+  if (!position) {
+    target.kind = AnnouncementTarget::Kind::unknownChannel;
+    target.channel = std::string(name);
+    return target;
+  }
+  target.kind = AnnouncementTarget::Kind::announce;
+  target.mask = *position < kMaskBits ? std::uint32_t{1} << *position : 0;
+  return target;
+}
+
+std::array<std::uint8_t, 9> announcementHeader(std::uint32_t mask, std::uint16_t seq) {
+  static_assert(protocol::audioHeaderSize == 9);
+  std::array<std::uint8_t, protocol::audioHeaderSize> header{};
+  header[0] = protocol::kindAudio;
+  header[protocol::senderIdOffset] = static_cast<std::uint8_t>(protocol::announcerID & 0xFFu);
+  header[protocol::senderIdOffset + 1] = static_cast<std::uint8_t>(protocol::announcerID >> 8);
+  for (std::size_t i = 0; i < 4; ++i) {
+    header[protocol::maskOffset + i] = static_cast<std::uint8_t>(mask >> (8 * i));
+  }
+  header[protocol::seqOffset] = static_cast<std::uint8_t>(seq & 0xFFu);
+  header[protocol::seqOffset + 1] = static_cast<std::uint8_t>(seq >> 8);
+  return header;
+}
+
+}  // namespace parlavox

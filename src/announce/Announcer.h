@@ -23,7 +23,9 @@ class Announcer {
   using FrameHandler = std::function<void(Bytes frame)>;
 
   // `sayCommand` is run as `sayCommand -o FILE.aiff TEXT` and must write FILE.aiff and exit 0.
-  Announcer(std::string sayCommand, platform::Console& console, platform::Clock& clock);
+  // FILE.aiff lies in `tempDirectory`, or in $TMPDIR (else /tmp) when that is empty.
+  Announcer(std::string sayCommand, platform::Console& console, platform::Clock& clock,
+            std::string tempDirectory = {});
   // Finishes the announcements already queued, then stops the thread.
   ~Announcer();
   Announcer(const Announcer&) = delete;

@@ -1,1 +1,322 @@
-// filled in by its owner
+#include "config/RolesFile.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "config/JsonScan.h"
+
+namespace parlavox {
+namespace {
+
+using Json = nlohmann::json;
+
+// A real roles file nests four levels deep; anything near this bound is not one.
+constexpr std::size_t maxNesting = 64;
+// Guards against a path that names something endless (a device, a pipe) or absurdly large.
+constexpr std::size_t maxFileSize = std::size_t{16} * 1024 * 1024;
+
+constexpr std::string_view defaultShow = "Parlavox";
+constexpr std::uint16_t defaultOscPort = 47000;
+
+// Decoding stops at the first failure; the message names the key or element that failed.
+struct Failure {
+  std::string message;
+};
+
+// The member `key` of `object`, or nullptr when absent or null: the file's rules treat both alike.
+const Json* member(const Json& object, std::string_view key) {
+  const auto it = object.find(key);
+  if (it == object.end() || it->is_null()) {
+    return nullptr;
+  }
+  return &*it;
+}
+
+std::optional<Failure> missing(const Json& object, std::string_view key, const std::string& where,
+                               std::string_view expected) {
+  const char* what = object.contains(key) ? "null" : "missing";
+  return Failure{fmt::format("{}: {} (expected {})", where, what, expected)};
+}
+
+std::optional<Failure> readStringArray(const Json& value, const std::string& where,
+                                       std::vector<std::string>& out) {
+  if (!value.is_array()) {
+    return Failure{where + ": expected an array of strings"};
+  }
+  out.clear();
+  out.reserve(value.size());
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    const auto& element = value[i];
+    if (!element.is_string()) {
+      return Failure{fmt::format("{}[{}]: expected a string", where, i)};
+    }
+    out.push_back(element.get_ref<const std::string&>());
+  }
+  return std::nullopt;
+}
+
+std::optional<Failure> readRequiredStringArray(const Json& object, std::string_view key,
+                                               const std::string& where,
+                                               std::vector<std::string>& out) {
+  const Json* value = member(object, key);
+  if (value == nullptr) {
+    return missing(object, key, where, "an array of strings");
+  }
+  return readStringArray(*value, where, out);
+}
+
+std::optional<Failure> readRole(const Json& value, const std::string& where, Role& role) {
+  if (!value.is_object()) {
+    return Failure{where + ": expected an object"};
+  }
+  const std::string namePath = where + ".name";
+  const Json* name = member(value, "name");
+  if (name == nullptr) {
+    return missing(value, "name", namePath, "a string");
+  }
+  if (!name->is_string()) {
+    return Failure{namePath + ": expected a string"};
+  }
+  role.name = name->get_ref<const std::string&>();
+  if (auto failure = readRequiredStringArray(value, "talk", where + ".talk", role.talk)) {
+    return failure;
+  }
+  return readRequiredStringArray(value, "listen", where + ".listen", role.listen);
+}
+
+std::optional<Failure> readOscPort(const Json& value, std::uint16_t& port) {
+  constexpr std::uint64_t highest = 65535;
+  // Integers only: 47000.0 and 4.7e4 are numbers of another type. "-0" parses as a signed zero.
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() <= highest) {
+    port = static_cast<std::uint16_t>(value.get<std::uint64_t>());
+    return std::nullopt;
+  }
+  if (value.is_number_integer() && !value.is_number_unsigned() && value.get<std::int64_t>() == 0) {
+    port = 0;
+    return std::nullopt;
+  }
+  return Failure{"oscPort: expected an integer from 0 to 65535"};
+}
+
+std::optional<Failure> readConfig(const Json& document, Config& config) {
+  if (!document.is_object()) {
+    return Failure{"expected a JSON object at the top level"};
+  }
+  if (const Json* show = member(document, "show")) {
+    if (!show->is_string()) {
+      return Failure{"show: expected a string"};
+    }
+    config.show = show->get_ref<const std::string&>();
+  } else {
+    config.show = defaultShow;
+  }
+  if (auto failure = readRequiredStringArray(document, "channels", "channels", config.channels)) {
+    return failure;
+  }
+  const Json* roles = member(document, "roles");
+  if (roles == nullptr) {
+    return missing(document, "roles", "roles", "an array of role objects");
+  }
+  if (!roles->is_array()) {
+    return Failure{"roles: expected an array of role objects"};
+  }
+  config.roles.assign(roles->size(), Role{});
+  for (std::size_t i = 0; i < roles->size(); ++i) {
+    if (auto failure = readRole((*roles)[i], fmt::format("roles[{}]", i), config.roles[i])) {
+      return failure;
+    }
+  }
+  config.oscPort = defaultOscPort;
+  if (const Json* port = member(document, "oscPort")) {
+    return readOscPort(*port, config.oscPort);
+  }
+  return std::nullopt;
+}
+
+// nlohmann's messages start with "[json.exception.parse_error.101] "; the rest is for people.
+std::string withoutExceptionTag(std::string_view what) {
+  if (what.starts_with("[json.exception.")) {
+    if (const auto end = what.find("] "); end != std::string_view::npos) {
+      what.remove_prefix(end + 2);
+    }
+  }
+  return std::string(what);
+}
+
+// Throws nlohmann's type_error 316 for a string that is not valid UTF-8. "/" stays unescaped.
+std::string quoted(const std::string& text) {
+  return Json(text).dump();
+}
+
+void appendIndent(std::string& out, int level) {
+  out.append(static_cast<std::size_t>(level) * 2, ' ');
+}
+
+void appendKey(std::string& out, int level, std::string_view key) {
+  appendIndent(out, level);
+  out += '"';
+  out += key;
+  out += "\" : ";
+}
+
+// The array opens after its key on the same line; elements sit one level deeper. An empty array
+// is written "[]".
+void appendStringArray(std::string& out, int level, const std::vector<std::string>& values) {
+  if (values.empty()) {
+    out += "[]";
+    return;
+  }
+  out += "[\n";
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    appendIndent(out, level + 1);
+    out += quoted(values[i]);
+    out += i + 1 < values.size() ? ",\n" : "\n";
+  }
+  appendIndent(out, level);
+  out += ']';
+}
+
+void appendRole(std::string& out, int level, const Role& role) {
+  appendIndent(out, level);
+  out += "{\n";
+  appendKey(out, level + 1, "name");
+  out += quoted(role.name);
+  out += ",\n";
+  appendKey(out, level + 1, "talk");
+  appendStringArray(out, level + 1, role.talk);
+  out += ",\n";
+  appendKey(out, level + 1, "listen");
+  appendStringArray(out, level + 1, role.listen);
+  out += '\n';
+  appendIndent(out, level);
+  out += '}';
+}
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+enum class ReadResult { ok, failed, tooLarge };
+
+ReadResult readWholeFile(const std::string& path, std::string& bytes) {
+  const File file(std::fopen(path.c_str(), "rb"));
+  if (!file) {
+    return ReadResult::failed;
+  }
+  bytes.clear();
+  char chunk[16384];
+  while (true) {
+    const std::size_t n = std::fread(chunk, 1, sizeof chunk, file.get());
+    bytes.append(chunk, n);
+    if (bytes.size() > maxFileSize) {
+      return ReadResult::tooLarge;
+    }
+    if (n < sizeof chunk) {
+      // A directory opens fine and fails here, with EISDIR.
+      return std::ferror(file.get()) != 0 ? ReadResult::failed : ReadResult::ok;
+    }
+  }
+}
+
+// Creates the file only where nothing exists at `path` ("x": O_EXCL), so an operator's file that
+// could not be read is never replaced. Failures are not reported.
+void writeIfAbsent(const std::string& path, const std::string& bytes) {
+  const File file(std::fopen(path.c_str(), "wbx"));
+  if (file) {
+    std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+  }
+}
+
+std::string absolutePath(const std::string& path) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.string();
+}
+
+}  // namespace
+
+DecodedConfig decodeConfig(std::string_view bytes) {
+  if (const auto problem = scanJson(bytes, maxNesting)) {
+    return {std::nullopt, problem->kind == JsonScanProblem::Kind::tooDeep
+                              ? fmt::format("nested deeper than {} levels at byte {}", maxNesting,
+                                            problem->offset + 1)
+                              : fmt::format("NUL character at byte {}", problem->offset + 1)};
+  }
+  try {
+    const auto document = Json::parse(bytes);
+    Config config;
+    if (auto failure = readConfig(document, config)) {
+      return {std::nullopt, std::move(failure->message)};
+    }
+    return {std::move(config), {}};
+  } catch (const Json::exception& e) {
+    return {std::nullopt, withoutExceptionTag(e.what())};
+  }
+}
+
+std::string encodeConfig(const Config& config) {
+  try {
+    std::string out = "{\n";
+    appendKey(out, 1, "show");
+    out += quoted(config.show);
+    out += ",\n";
+    appendKey(out, 1, "channels");
+    appendStringArray(out, 1, config.channels);
+    out += ",\n";
+    appendKey(out, 1, "roles");
+    if (config.roles.empty()) {
+      out += "[]";
+    } else {
+      out += "[\n";
+      for (std::size_t i = 0; i < config.roles.size(); ++i) {
+        appendRole(out, 2, config.roles[i]);
+        out += i + 1 < config.roles.size() ? ",\n" : "\n";
+      }
+      out += "  ]";
+    }
+    out += ",\n";
+    appendKey(out, 1, "oscPort");
+    out += std::to_string(config.oscPort);
+    out += "\n}";
+    return out;
+  } catch (const Json::exception&) {
+    return {};
+  }
+}
+
+Config loadConfig(const std::string& path, platform::Console& console) {
+  const std::string location = absolutePath(path);
+  std::string bytes;
+  const ReadResult read = readWholeFile(location, bytes);
+  if (read == ReadResult::failed) {
+    if (const std::string text = encodeConfig(defaultConfig()); !text.empty()) {
+      writeIfAbsent(location, text);
+    }
+    console.print(fmt::format(
+        "📝 Wrote default roles to {}. Edit it and restart the server to customize.", location));
+    return defaultConfig();
+  }
+  DecodedConfig decoded;
+  if (read == ReadResult::tooLarge) {
+    decoded.error = fmt::format("larger than {} bytes", maxFileSize);
+  } else {
+    decoded = decodeConfig(bytes);
+    if (decoded.config) {
+      return std::move(*decoded.config);
+    }
+  }
+  console.print(fmt::format("⚠️  Couldn't read {}: {}\n    Using built-in defaults instead.",
+                            location, decoded.error));
+  return defaultConfig();
+}
+
+}  // namespace parlavox

@@ -16,10 +16,12 @@ struct DecodedConfig {
 
 // Reads roles-file bytes by the file's rules: `channels` and `roles` required, `show` and
 // `oscPort` optional (null counts as missing), unknown keys ignored, anything else rejected.
+// Any thread; pure.
 DecodedConfig decodeConfig(std::string_view bytes);
 
 // The roles-file text of `config`: pretty-printed with " : ", two-space indents, keys in field
-// order, "/" unescaped, no newline after the closing brace.
+// order, "/" unescaped, no newline after the closing brace. Empty when a string in `config` is
+// not valid UTF-8. Any thread.
 std::string encodeConfig(const Config& config);
 
 // Main thread, once, before the server exists. Reads the roles file at `path` (relative to the

@@ -1,0 +1,47 @@
+// Fuzz target: OSC datagrams as any sender on the network may send them.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "FuzzCheck.h"
+#include "announce/OSCListener.h"
+
+namespace {
+
+// The string as a sender following OSC 1.0 to the letter would write it.
+std::string padded(const std::string& text) {
+  std::string out = text;
+  out.push_back('\0');
+  out.append((4 - out.size() % 4) % 4, '\0');
+  return out;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using parlavox::OSCListener;
+  using parlavox::fuzz::isValidUtf8;
+  using parlavox::fuzz::require;
+
+  const parlavox::Bytes datagram(data, size);
+  const auto message = OSCListener::parse(datagram);
+  if (!message) {
+    return 0;
+  }
+  require(!message->address.empty() && message->address.front() == '/', "address begins with /");
+  require(isValidUtf8(message->address) && isValidUtf8(message->text), "results are UTF-8");
+  require(message->address.find('\0') == std::string::npos &&
+              message->text.find('\0') == std::string::npos,
+          "results hold no zero byte");
+
+  // Nothing after the text's zero byte is read, so more bytes change nothing.
+  std::vector<std::uint8_t> longer(datagram.begin(), datagram.end());
+  longer.insert(longer.end(), {0xFF, 0x00, 0x2C, 0x73});
+  require(OSCListener::parse(longer) == message, "trailing bytes are ignored");
+
+  // The result written back as a well-formed message reads back unchanged.
+  const std::string rewritten = padded(message->address) + padded(",s") + padded(message->text);
+  require(OSCListener::parse(parlavox::asBytes(rewritten)) == message, "round trip");
+  return 0;
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "announce/Announcer.h"
+#include "platform/Clock.h"
+
+namespace parlavox {
+
+// How many 16 kHz samples to make room for when converting `sourceFrames` frames at
+// `sourceRate`: the exact share plus a margin of 32 for the resampler's rounding. Empty when the
+// count is not a finite number or does not fit 32 bits (a file no spoken line comes near).
+std::optional<std::uint32_t> convertedCapacity(double sourceRate, std::uint64_t sourceFrames);
+
+// Hands `samples` to `onFrame` in whole frames of Announcer::kFrameSamples samples (640 bytes,
+// little-endian), one every 20 ms measured from one start time on `clock`; a remainder shorter
+// than a frame is dropped. A loop running late sends on without sleeping until it is back on
+// schedule, and never skips a frame. Returns the time from start to the end of the last wait.
+platform::MonoClock::duration streamFrames(std::span<const std::int16_t> samples,
+                                           platform::Clock& clock,
+                                           const Announcer::FrameHandler& onFrame);
+
+}  // namespace parlavox

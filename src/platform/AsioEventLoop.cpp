@@ -1,0 +1,34 @@
+#include "platform/AsioEventLoop.h"
+
+#include <asio/post.hpp>
+
+namespace parlavox::platform {
+
+void AsioEventLoop::post(Task task) { asio::post(context_, std::move(task)); }
+
+void AsioEventLoop::every(std::chrono::milliseconds period, Task tick) {
+  auto& repeating = timers_.emplace_back(Repeating{asio::steady_timer(context_), period, std::move(tick)});
+  repeating.timer.expires_after(period);
+  arm(repeating);
+}
+
+void AsioEventLoop::arm(Repeating& repeating) {
+  repeating.timer.async_wait([this, &repeating](const std::error_code& error) {
+    if (error) {
+      return;  // cancelled: the loop is going away
+    }
+    // Deadlines advance from the previous deadline, not from now, so ticks do not drift.
+    repeating.timer.expires_at(repeating.timer.expiry() + repeating.period);
+    repeating.tick();
+    arm(repeating);
+  });
+}
+
+void AsioEventLoop::run() {
+  auto guard = asio::make_work_guard(context_);
+  context_.run();
+}
+
+void AsioEventLoop::stop() { context_.stop(); }
+
+}  // namespace parlavox::platform

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <list>
+
+#include "platform/EventLoop.h"
+
+namespace parlavox::platform {
+
+// The server loop over an Asio io_context, run by the main thread for the life of the process.
+class AsioEventLoop final : public EventLoop {
+ public:
+  AsioEventLoop() = default;
+
+  // Any thread.
+  void post(Task task) override;
+  // Main thread before run(), or the loop thread.
+  void every(std::chrono::milliseconds period, Task tick) override;
+  // Main thread. Runs the loop until stop(); the process normally never gets past it.
+  void run();
+  // Any thread.
+  void stop();
+
+  asio::io_context& context() { return context_; }
+
+ private:
+  struct Repeating {
+    asio::steady_timer timer;
+    std::chrono::milliseconds period;
+    Task tick;
+  };
+  void arm(Repeating& repeating);
+
+  asio::io_context context_{1};  // run by one thread; other threads only post
+  std::list<Repeating> timers_;  // stable addresses for the pending waits
+};
+
+}  // namespace parlavox::platform

@@ -1,0 +1,36 @@
+#include "platform/Interfaces.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <array>
+
+namespace parlavox::platform {
+
+std::vector<std::string> localIPv4Addresses() {
+  std::vector<std::string> entries;
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) {
+    return entries;
+  }
+  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
+      continue;
+    }
+    if ((entry->ifa_flags & IFF_LOOPBACK) != 0U) {
+      continue;
+    }
+    std::array<char, NI_MAXHOST> host{};
+    if (getnameinfo(entry->ifa_addr, sizeof(sockaddr_in), host.data(), host.size(), nullptr, 0,
+                    NI_NUMERICHOST) != 0) {
+      continue;
+    }
+    entries.push_back(std::string(host.data()) + "  (" + entry->ifa_name + ")");
+  }
+  freeifaddrs(list);
+  return entries;
+}
+
+}  // namespace parlavox::platform

@@ -1,0 +1,35 @@
+#include "platform/UdpNetwork.h"
+
+#include "platform/UdpFlowListener.h"
+#include "platform/UdpSocket.h"
+
+namespace parlavox::platform {
+namespace {
+
+// Every sender's datagrams, one at a time; the sender itself is of no interest.
+class UdpReceiver final : public DatagramReceiver {
+ public:
+  UdpReceiver(asio::io_context& context, std::uint16_t port) : socket_(context, port) {}
+
+  void start(Handlers handlers) override {
+    handlers_ = std::move(handlers);
+    socket_.start([this](Bytes datagram, const Endpoint&) { handlers_.onDatagram(datagram); },
+                  [this](std::string_view error) { handlers_.onFailed(error); });
+  }
+
+ private:
+  UdpSocket socket_;
+  Handlers handlers_;
+};
+
+}  // namespace
+
+std::unique_ptr<FlowListener> UdpNetwork::listenFlows(std::uint16_t port) {
+  return std::make_unique<UdpFlowListener>(context_, port);
+}
+
+std::unique_ptr<DatagramReceiver> UdpNetwork::listenDatagrams(std::uint16_t port) {
+  return std::make_unique<UdpReceiver>(context_, port);
+}
+
+}  // namespace parlavox::platform

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+
+#include "platform/Datagram.h"
+
+namespace parlavox::platform {
+
+// Opens UDP ports on the server loop's io_context.
+class UdpNetwork final : public Network {
+ public:
+  explicit UdpNetwork(asio::io_context& context) : context_(context) {}
+
+  std::unique_ptr<FlowListener> listenFlows(std::uint16_t port) override;
+  std::unique_ptr<DatagramReceiver> listenDatagrams(std::uint16_t port) override;
+
+ private:
+  asio::io_context& context_;
+};
+
+}  // namespace parlavox::platform

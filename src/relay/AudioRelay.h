@@ -1,0 +1,13 @@
+#pragma once
+
+#include "platform/Bytes.h"
+#include "relay/Peer.h"
+
+namespace parlavox {
+
+// Forwards one audio datagram from `sender` to every other joined peer that listens on a channel
+// the sender may talk on and asked for. Each copy carries the sender's id and the receiver's share
+// of the mask; everything else arrives as sent. Allocates nothing.
+void relayAudio(Bytes datagram, const Peer& sender, const PeerTable& peers);
+
+}  // namespace parlavox

@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "announce/OSCListener.h"
+#include "fakes/FakeConsole.h"
+#include "fakes/FakeDatagramReceiver.h"
+
+namespace parlavox {
+namespace {
+
+using namespace std::string_literals;
+
+// One OSC string field: the bytes, a zero byte, then zero padding to a multiple of four.
+std::string field(std::string_view text) {
+  std::string out(text);
+  out.push_back('\0');
+  while (out.size() % 4 != 0) {
+    out.push_back('\0');
+  }
+  return out;
+}
+
+// A well-formed message with one string argument (and whatever tags are given).
+std::string message(std::string_view address, std::string_view tags, std::string_view text) {
+  return field(address) + field(tags) + field(text);
+}
+
+std::optional<OSCMessage> parse(const std::string& datagram) {
+  return OSCListener::parse(asBytes(datagram));
+}
+
+std::optional<OSCMessage> accepted(std::string address, std::string text) {
+  return OSCMessage{std::move(address), std::move(text)};
+}
+
+const std::string kFFFD = "\xEF\xBF\xBD";
+
+struct ParseCase {
+  const char* name;
+  std::string datagram;
+  std::optional<OSCMessage> expected;
+};
+
+class ParseLayout : public testing::TestWithParam<ParseCase> {};
+
+TEST_P(ParseLayout, GivesExpectedResult) {
+  const ParseCase& c = GetParam();
+  EXPECT_EQ(parse(c.datagram), c.expected) << c.name;
+}
+
+const ParseCase kLayoutCases[] = {
+    {"string argument", message("/parlavox/say", ",s", "hello"),
+     accepted("/parlavox/say", "hello")},
+    {"later arguments ignored (si)", message("/a", ",si", "hello") + "\0\0\0\x07"s,
+     accepted("/a", "hello")},
+    {"later arguments ignored (ss)", message("/a", ",ss", "hello") + field("more"),
+     accepted("/a", "hello")},
+    {"later arguments need not be there", message("/a", ",sf", "x"), accepted("/a", "x")},
+
+    // Address lengths: 1 to 3 bytes take 4, exactly 4 take 8.
+    {"1-byte address takes 4", "/\0\0\0,s\0\0x\0\0\0"s, accepted("/", "x")},
+    {"3-byte address takes 4", "/ab\0,s\0\0x\0\0\0"s, accepted("/ab", "x")},
+    {"4-byte address takes 8", "/abc\0\0\0\0,s\0\0x\0\0\0"s, accepted("/abc", "x")},
+    {"4-byte address given only 5 bytes", "/abc\0,s\0\0x\0\0\0"s, std::nullopt},
+    {"5-byte address takes 8", "/abcd\0\0\0,s\0\0x\0\0\0"s, accepted("/abcd", "x")},
+
+    // Type tags.
+    {"first argument an int", message("/a", ",is", "x"), std::nullopt},
+    {"first argument a float", message("/a", ",f", "x"), std::nullopt},
+    {"alternate string type S", message("/a", ",S", "x"), std::nullopt},
+    {"no arguments", message("/a", ",", "x"), std::nullopt},
+    {"empty type tag string", message("/a", "", "x"), std::nullopt},
+    {"type tags without comma", message("/a", "s", "x"), std::nullopt},
+    {"no type tag string at all", field("/a"), std::nullopt},
+    {"type tag string without zero byte", "/a\0\0,s"s, std::nullopt},
+
+    // The text.
+    {"empty text", "/a\0\0,s\0\0\0\0\0\0"s, accepted("/a", "")},
+    {"text zero byte is last byte, no padding", "/a\0\0,s\0\0hello\0"s, accepted("/a", "hello")},
+    {"text zero byte with partial padding", "/a\0\0,s\0\0hello\0\0"s, accepted("/a", "hello")},
+    {"text without zero byte", "/a\0\0,s\0\0hello"s, std::nullopt},
+    {"text missing", "/a\0\0,s\0\0"s, std::nullopt},
+    {"bytes after text ignored", "/a\0\0,s\0\0hi\0\0\xFF\xFF\xFF"s, accepted("/a", "hi")},
+    {"text keeps spaces and UTF-8", message("/a", ",s", "  Places, 🎭 please "),
+     accepted("/a", "  Places, 🎭 please ")},
+
+    // Address checks.
+    {"address without slash", message("parlavox/say", ",s", "x"), std::nullopt},
+    {"empty address", message("", ",s", "x"), std::nullopt},
+    {"bundle", "#bundle\0"s + "\0\0\0\0\0\0\0\x01"s + "\0\0\0\x10"s + message("/a", ",s", "x"),
+     std::nullopt},
+    {"address without zero byte", "/parlavox/say"s, std::nullopt},
+    {"empty datagram", ""s, std::nullopt},
+
+    // Senders that leave out the padding after the address.
+    {"unpadded address, tags read from wrong place", "/abcde\0,s\0\0hi\0\0"s, std::nullopt},
+    {"unpadded 2-byte address", "/a\0,s\0\0hi\0\0"s, std::nullopt},
+    {"unpadded address whose bytes happen to line up", "/a\0,,s\0\0hi\0"s, accepted("/a", "hi")},
+
+    // Padding is skipped, not checked.
+    {"non-zero padding bytes", "/a\0X,s\0Yhi\0Z"s, accepted("/a", "hi")},
+    {"non-zero padding after 4-byte address", "/abc\0PAD,s\0\xFFhi\0\0"s, accepted("/abc", "hi")},
+};
+
+INSTANTIATE_TEST_SUITE_P(OSCListener, ParseLayout, testing::ValuesIn(kLayoutCases));
+
+struct DecodeCase {
+  const char* name;
+  std::string raw;
+  std::string decoded;
+};
+
+class ParseTextDecoding : public testing::TestWithParam<DecodeCase> {};
+
+// Ill-formed UTF-8 in the text is repaired, one U+FFFD per maximal subpart, and still accepted.
+TEST_P(ParseTextDecoding, RepairsText) {
+  const DecodeCase& c = GetParam();
+  EXPECT_EQ(parse(message("/a", ",s", c.raw)), accepted("/a", c.decoded)) << c.name;
+}
+
+// The address is decoded the same way, and a repaired address still counts when it begins "/".
+TEST_P(ParseTextDecoding, RepairsAddress) {
+  const DecodeCase& c = GetParam();
+  EXPECT_EQ(parse(message("/" + c.raw, ",s", "x")), accepted("/" + c.decoded, "x")) << c.name;
+}
+
+const DecodeCase kDecodeCases[] = {
+    {"valid two-byte", "R\xC3\xA9gie", "R\xC3\xA9gie"},
+    {"valid four-byte", "\xF0\x9F\x93\xA3", "\xF0\x9F\x93\xA3"},
+    {"stray continuation",
+     "a\x80"
+     "b",
+     "a" + kFFFD + "b"},
+    {"byte never used", "\xFF", kFFFD},
+    {"overlong two-byte lead", "\xC0\xAF", kFFFD + kFFFD},
+    {"overlong three-byte", "\xE0\x80\xAF", kFFFD + kFFFD + kFFFD},
+    {"surrogate", "\xED\xA0\x80", kFFFD + kFFFD + kFFFD},
+    {"above U+10FFFF", "\xF4\x90\x80\x80", kFFFD + kFFFD + kFFFD + kFFFD},
+    {"lead F5", "\xF5\x80", kFFFD + kFFFD},
+    {"truncated three-byte before ASCII", "\xE2\x82x", kFFFD + "x"},
+    {"truncated four-byte at end", "ok\xF0\x9F\x98", "ok" + kFFFD},
+    {"truncated then new lead", "\xE2\x82\xE2\x82\xAC", kFFFD + "\xE2\x82\xAC"},
+    {"highest code point kept", "\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
+    {"maximal subparts, mixed", "\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64",
+     "a" + kFFFD + kFFFD + kFFFD + "b" + kFFFD + "c" + kFFFD + kFFFD + "d"},
+};
+
+INSTANTIATE_TEST_SUITE_P(OSCListener, ParseTextDecoding, testing::ValuesIn(kDecodeCases));
+
+// "Begins with" and "first character" are about whole characters, so a combining mark glued onto
+// "/" or onto a type tag makes a different character.
+TEST(OSCListenerParse, ComparesWholeCharacters) {
+  EXPECT_EQ(parse(message("/\xCC\x81x", ",s", "x")), std::nullopt);
+  EXPECT_EQ(parse(message("/a", ",\xCC\x81s", "x")), std::nullopt);
+  EXPECT_EQ(parse(message("/a", ",s\xCC\x81", "x")), std::nullopt);
+  // A stray byte after "s" is a character of its own: the first tag is still "s".
+  EXPECT_EQ(parse(message("/a", ",s\xFF", "x")), accepted("/a", "x"));
+  EXPECT_EQ(parse(message("\xFF/a", ",s", "x")), std::nullopt);
+}
+
+// --- The listener ------------------------------------------------------------------------------
+
+class OSCListenerStart : public testing::Test {
+ protected:
+  struct Received {
+    std::string address;
+    std::string text;
+    bool operator==(const Received&) const = default;
+  };
+
+  void startAndCollect(std::uint16_t port = 47000) {
+    listener_.setOnMessage([this](const std::string& address, const std::string& text) {
+      received_.push_back({address, text});
+    });
+    listener_.start(port);
+    ASSERT_NE(network_.last, nullptr);
+  }
+  void deliver(const std::string& datagram) { network_.last->deliver(asBytes(datagram)); }
+
+  test::FakeDatagramNetwork network_;
+  test::FakeConsole console_;
+  OSCListener listener_{network_, console_};
+  std::vector<Received> received_;
+};
+
+TEST_F(OSCListenerStart, BindsThePortAndStartsQuietly) {
+  startAndCollect(47123);
+  EXPECT_EQ(network_.ports, std::vector<std::uint16_t>{47123});
+  EXPECT_TRUE(network_.last->started());
+  EXPECT_TRUE(console_.lines().empty());
+}
+
+TEST_F(OSCListenerStart, HandsOverEachAcceptedMessageInOrder) {
+  startAndCollect();
+  deliver(message("/parlavox/say", ",s", "Places please"));
+  deliver(message("/parlavox/say/Tech", ",si", "Standby cue 12") + "\0\0\0\x0C"s);
+  EXPECT_EQ(received_, (std::vector<Received>{{"/parlavox/say", "Places please"},
+                                              {"/parlavox/say/Tech", "Standby cue 12"}}));
+  EXPECT_TRUE(console_.lines().empty());
+}
+
+TEST_F(OSCListenerStart, DropsBadDatagramsSilentlyAndKeepsReceiving) {
+  startAndCollect();
+  deliver("");
+  deliver(message("/parlavox/say", ",i", "x"));
+  deliver("#bundle\0"s);
+  deliver("\xFF\xFE garbage"s);
+  EXPECT_TRUE(received_.empty());
+  deliver(message("/parlavox/say", ",s", "after"));
+  EXPECT_EQ(received_, (std::vector<Received>{{"/parlavox/say", "after"}}));
+  EXPECT_TRUE(console_.lines().empty());
+}
+
+TEST_F(OSCListenerStart, DropsMessagesWhileNoHandlerIsSetAndReadsTheHandlerAfresh) {
+  listener_.start(47000);
+  deliver(message("/parlavox/say", ",s", "nobody hears this"));
+  std::vector<std::string> first;
+  std::vector<std::string> second;
+  listener_.setOnMessage(
+      [&first](const std::string&, const std::string& text) { first.push_back(text); });
+  deliver(message("/parlavox/say", ",s", "one"));
+  listener_.setOnMessage(
+      [&second](const std::string&, const std::string& text) { second.push_back(text); });
+  deliver(message("/parlavox/say", ",s", "two"));
+  EXPECT_EQ(first, std::vector<std::string>{"one"});
+  EXPECT_EQ(second, std::vector<std::string>{"two"});
+  EXPECT_TRUE(console_.lines().empty());
+}
+
+TEST_F(OSCListenerStart, AHandlerMayReplaceItselfWhileRunning) {
+  std::vector<std::string> seen;
+  listener_.setOnMessage([&](const std::string&, const std::string& text) {
+    seen.push_back("old:" + text);
+    listener_.setOnMessage(
+        [&seen](const std::string&, const std::string& later) { seen.push_back("new:" + later); });
+  });
+  listener_.start(47000);
+  deliver(message("/a", ",s", "1"));
+  deliver(message("/a", ",s", "2"));
+  EXPECT_EQ(seen, (std::vector<std::string>{"old:1", "new:2"}));
+}
+
+TEST_F(OSCListenerStart, ReportsAFailureOfTheListener) {
+  startAndCollect();
+  network_.last->fail("Network is down");
+  EXPECT_EQ(console_.lines(),
+            std::vector<std::string>{"⚠️  OSC listener failed: Network is down"});
+  EXPECT_TRUE(received_.empty());
+}
+
+TEST_F(OSCListenerStart, ThrowsWhenThePortCannotBeBound) {
+  network_.busy = {47000};
+  listener_.setOnMessage([this](const std::string& address, const std::string& text) {
+    received_.push_back({address, text});
+  });
+  EXPECT_THROW(listener_.start(47000), std::system_error);
+  EXPECT_EQ(network_.last, nullptr);
+  EXPECT_TRUE(console_.lines().empty());
+}
+
+}  // namespace
+}  // namespace parlavox

@@ -1,0 +1,193 @@
+#include "client/IntercomClient.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace parlavox::client {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::uint16_t le16(const std::uint8_t* p) {
+  return static_cast<std::uint16_t>(p[0] | p[1] << 8);
+}
+
+std::uint32_t le32(const std::uint8_t* p) {
+  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
+         std::uint32_t{p[3]} << 24;
+}
+
+}  // namespace
+
+std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
+  if (datagram.size() < 9 || datagram[0] != 0x02) {
+    return std::nullopt;
+  }
+  return Audio{le16(&datagram[1]), le32(&datagram[3]), le16(&datagram[7]),
+               std::vector<std::uint8_t>(datagram.begin() + 9, datagram.end())};
+}
+
+IntercomClient::IntercomClient(const std::string& host, std::uint16_t port) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  const int status = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+  if (status != 0) {
+    throw std::system_error(std::make_error_code(std::errc::host_unreachable),
+                            "can't resolve " + host + ": " + gai_strerror(status));
+  }
+  int error = 0;
+  for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+    fd_ = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd_ >= 0 && ::connect(fd_, a->ai_addr, a->ai_addrlen) == 0) {
+      break;
+    }
+    error = errno;
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+    fd_ = -1;
+  }
+  freeaddrinfo(found);
+  if (fd_ < 0) {
+    throw std::system_error(error, std::system_category(), "can't reach " + host);
+  }
+}
+
+IntercomClient::~IntercomClient() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+}
+
+void IntercomClient::sendRaw(std::span<const std::uint8_t> datagram) {
+  (void)::send(fd_, datagram.data(), datagram.size(), MSG_NOSIGNAL);
+}
+
+void IntercomClient::sendControl(const nlohmann::json& message) {
+  const std::string text = message.dump();
+  Datagram datagram{0x01};
+  datagram.insert(datagram.end(), text.begin(), text.end());
+  sendRaw(datagram);
+}
+
+void IntercomClient::sendAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
+                               std::span<const std::uint8_t> samples) {
+  Datagram datagram{0x02,
+                    static_cast<std::uint8_t>(senderID),
+                    static_cast<std::uint8_t>(senderID >> 8),
+                    static_cast<std::uint8_t>(mask),
+                    static_cast<std::uint8_t>(mask >> 8),
+                    static_cast<std::uint8_t>(mask >> 16),
+                    static_cast<std::uint8_t>(mask >> 24),
+                    static_cast<std::uint8_t>(seq),
+                    static_cast<std::uint8_t>(seq >> 8)};
+  datagram.insert(datagram.end(), samples.begin(), samples.end());
+  sendRaw(datagram);
+}
+
+std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd p{fd_, POLLIN, 0};
+    const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(left, 0)));
+    if (ready == 0) {
+      return std::nullopt;
+    }
+    if (ready < 0 && errno == EINTR) {
+      continue;
+    }
+    Datagram buffer(65536);
+    const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), 0);
+    if (n < 0) {
+      if (errno == EINTR || errno == ECONNREFUSED) {
+        continue;  // ICMP from an earlier send: nothing to read yet
+      }
+      return std::nullopt;
+    }
+    buffer.resize(static_cast<std::size_t>(n));
+    return buffer;
+  }
+}
+
+void IntercomClient::keep(Datagram datagram) {
+  if (!datagram.empty() && datagram[0] == 0x01) {
+    auto parsed = nlohmann::json::parse(datagram.begin() + 1, datagram.end(), nullptr, false);
+    if (!parsed.is_discarded()) {
+      controls_.push_back(std::move(parsed));
+    }
+  } else if (auto audio = Audio::parse(datagram)) {
+    audio_.push_back(std::move(*audio));
+  }
+}
+
+std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (controls_.empty()) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
+    if (!datagram) {
+      return std::nullopt;
+    }
+    keep(std::move(*datagram));
+  }
+  auto message = std::move(controls_.front());
+  controls_.pop_front();
+  return message;
+}
+
+std::optional<Audio> IntercomClient::nextAudio(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (audio_.empty()) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
+    if (!datagram) {
+      return std::nullopt;
+    }
+    keep(std::move(*datagram));
+  }
+  auto audio = std::move(audio_.front());
+  audio_.pop_front();
+  return audio;
+}
+
+void IntercomClient::collect(std::chrono::milliseconds window) {
+  const auto deadline = Clock::now() + window;
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
+      return;
+    }
+    auto datagram = receive(left);
+    if (!datagram) {
+      return;
+    }
+    keep(std::move(*datagram));
+  }
+}
+
+std::optional<nlohmann::json> IntercomClient::hi(std::chrono::milliseconds timeout) {
+  sendControl({{"t", "hi"}});
+  return nextControl(timeout);
+}
+
+std::optional<nlohmann::json> IntercomClient::join(const std::optional<std::string>& name,
+                                                   const std::string& role,
+                                                   std::chrono::milliseconds timeout) {
+  nlohmann::json message{{"t", "join"}, {"role", role}};
+  if (name) {
+    message["name"] = *name;
+  }
+  sendControl(message);
+  return nextControl(timeout);
+}
+
+}  // namespace parlavox::client

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace parlavox::client {
+
+using Datagram = std::vector<std::uint8_t>;
+
+// One audio datagram as received.
+struct Audio {
+  std::uint16_t senderID = 0;
+  std::uint32_t mask = 0;
+  std::uint16_t seq = 0;
+  std::vector<std::uint8_t> samples;
+  static std::optional<Audio> parse(std::span<const std::uint8_t> datagram);
+};
+
+// A crew client over a real UDP socket: what a crew device does, for tests and for the
+// parlavox-client tool. Not thread-safe; one user at a time.
+class IntercomClient {
+ public:
+  // Resolves `host` (name or address) and connects a UDP socket to it. Throws std::system_error.
+  explicit IntercomClient(const std::string& host, std::uint16_t port = 50505);
+  ~IntercomClient();
+  IntercomClient(const IntercomClient&) = delete;
+  IntercomClient& operator=(const IntercomClient&) = delete;
+
+  void sendRaw(std::span<const std::uint8_t> datagram);
+  void sendControl(const nlohmann::json& message);
+  void sendAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
+                 std::span<const std::uint8_t> samples);
+
+  // The next datagram of any kind, waiting at most `timeout`.
+  std::optional<Datagram> receive(std::chrono::milliseconds timeout);
+  // The next control message, waiting at most `timeout`; audio met on the way is kept for
+  // nextAudio().
+  std::optional<nlohmann::json> nextControl(std::chrono::milliseconds timeout);
+  // The next audio datagram; control messages met on the way are kept for nextControl().
+  std::optional<Audio> nextAudio(std::chrono::milliseconds timeout);
+  // Everything that arrives within `window`, kept for nextControl() and nextAudio().
+  void collect(std::chrono::milliseconds window);
+
+  // "hi": the config message, or nothing.
+  std::optional<nlohmann::json> hi(std::chrono::milliseconds timeout = std::chrono::seconds(2));
+  // "join": the reply ("welcome" or "error"), or nothing.
+  std::optional<nlohmann::json> join(const std::optional<std::string>& name,
+                                     const std::string& role,
+                                     std::chrono::milliseconds timeout = std::chrono::seconds(2));
+
+  int fd() const { return fd_; }
+
+ private:
+  void keep(Datagram datagram);
+
+  int fd_ = -1;
+  std::deque<nlohmann::json> controls_;
+  std::deque<Audio> audio_;
+};
+
+}  // namespace parlavox::client
