@@ -1,6 +1,7 @@
 // parlavox: the intercom server. One optional argument, the roles file; no options.
 #include <fmt/format.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -43,11 +44,13 @@ void printReport(const Config& config, platform::Console& console) {
   console.print("   Press Ctrl-C to stop.\n");
 }
 
-}  // namespace
+// Ends the process from any thread without running destructors under the announcer's feet.
+[[noreturn]] void endProcess(int status) {
+  std::fflush(stdout);
+  std::_Exit(status);
+}
 
-int main(int argc, char** argv) {
-  platform::StdoutConsole::makeLineBuffered();
-  platform::StdoutConsole console;
+int run(int argc, char** argv, platform::Console& console) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const Config config = loadConfig(configPath, console);
   if (config.channels.size() > 32) {
@@ -67,7 +70,7 @@ int main(int argc, char** argv) {
                   .clock = clock,
                   .console = console,
                   .sayCommand = defaultSayCommand(),
-                  .exit = [](int status) { std::exit(status); },
+                  .exit = endProcess,
               });
   try {
     server->start(protocol::intercomPort);
@@ -78,4 +81,18 @@ int main(int argc, char** argv) {
   printReport(config, console);
   loop.run();  // for good: the process ends when it is killed or the listener fails
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  platform::StdoutConsole::makeLineBuffered();
+  platform::StdoutConsole console;
+  try {
+    return run(argc, argv, console);
+  } catch (const std::exception& error) {
+    // Not expected: every failure the server knows of is handled where it happens.
+    console.print(fmt::format("❌ {}", error.what()));
+    endProcess(1);
+  }
 }

@@ -36,7 +36,7 @@ void relayAudio(Bytes datagram, const Peer& sender, const PeerTable& peers) {
     return;
   }
   // The header is the working copy; the samples go out from the received buffer untouched.
-  std::array<std::uint8_t, audioHeaderSize> header;
+  std::array<std::uint8_t, audioHeaderSize> header{};
   std::memcpy(header.data(), datagram.data(), audioHeaderSize);
   writeLE16(&header[senderIdOffset], sender.id);
   const Bytes samples = datagram.subspan(audioHeaderSize);

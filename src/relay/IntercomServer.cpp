@@ -72,14 +72,14 @@ void IntercomServer::start(std::uint16_t port) {
 
 void IntercomServer::accept(std::shared_ptr<platform::Flow> conn) {
   auto peer = std::make_shared<Peer>();
-  peer->conn = conn;
+  peer->conn = std::move(conn);
   peer->lastSeen = platform_.clock.now();
-  const std::uint64_t key = conn->key();
+  const std::uint64_t key = peer->conn->key();
   peers_.emplace(key, peer);
   std::weak_ptr<IntercomServer> weak = weak_from_this();
   // The peer owns its flow, so the flow's handler holds the peer weakly; while a datagram is being
   // handled it holds it strongly, so a "bye" cannot pull the peer away from under the handler.
-  conn->start({
+  peer->conn->start({
       .onDatagram =
           [weak, weakPeer = std::weak_ptr<Peer>(peer)](Bytes datagram) {
             auto self = weak.lock();

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "platform/AvahiAdvertiser.h"
@@ -24,12 +25,12 @@ int main(int argc, char** argv) {
 
   parlavox::platform::StdoutConsole::makeLineBuffered();
   parlavox::platform::StdoutConsole console;
-  {
-    parlavox::platform::AvahiAdvertiser advertiser(console);
-    advertiser.advertise(argv[1], "_intercom._udp", 50505);
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-  }
+  // On the heap, so that no stale copy of its handles on the stack hides a leak from LeakSanitizer.
+  auto advertiser = std::make_unique<parlavox::platform::AvahiAdvertiser>(console);
+  advertiser->advertise(argv[1], "_intercom._udp", 50505);
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  advertiser.reset();
   console.print("advertise_probe: stopped");
   return 0;
 }

@@ -112,7 +112,11 @@ dump_logs() {
 }
 
 fail() {
+  local label
   say "FAIL: $*"
+  for label in "${!pids[@]}"; do
+    kill -0 "${pids[$label]}" 2>/dev/null || say "($label is no longer running)"
+  done
   dump_logs
   exit 1
 }
@@ -144,7 +148,8 @@ spawn() {
     if [[ "$site" == A ]]; then
       exec "$@"
     else
-      exec nsenter --target "$site_b_holder" --net --mount "$@"
+      # --wd: entering a mount namespace would otherwise leave the command in "/".
+      exec nsenter --target "$site_b_holder" --net --mount --wd="$directory" "$@"
     fi
   ) >>"$work/$label.log" 2>&1 &
   pids[$label]=$!

@@ -2,8 +2,6 @@
 // Avahi daemon (registration, the daemon coming and going, collisions) is covered end to end by
 // tests/e2e/dnssd-test.sh, which runs its own daemons in a network namespace.
 
-#include "platform/AvahiAdvertiser.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include <string>
 
 #include "fakes/FakeConsole.h"
+#include "platform/AvahiAdvertiser.h"
 
 namespace parlavox::platform {
 namespace {
@@ -20,22 +19,25 @@ constexpr const char* kUnavailable =
     "⚠️  Bonjour advertisement unavailable (no Avahi daemon): clients can still connect by "
     "address";
 
-// Points the system bus at a socket that does not exist, for the length of a test.
+// Points the system bus at a socket that does not exist, for the length of a test. The environment
+// is changed only while no Avahi thread runs: each test's advertisers are gone before TearDown().
 class AvahiAdvertiserWithoutBus : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (const char* previous = std::getenv("DBUS_SYSTEM_BUS_ADDRESS")) {
+    if (const char* previous =
+            std::getenv("DBUS_SYSTEM_BUS_ADDRESS")) {  // NOLINT(concurrency-mt-unsafe)
       previous_ = previous;
     }
     const auto absent = std::filesystem::temp_directory_path() / "parlavox-no-such-dir" / "bus";
     ASSERT_FALSE(std::filesystem::exists(absent.parent_path()));
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + absent.string()).c_str(), 1);
+    const std::string address = "unix:path=" + absent.string();
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   }
   void TearDown() override {
     if (previous_) {
-      setenv("DBUS_SYSTEM_BUS_ADDRESS", previous_->c_str(), 1);
+      setenv("DBUS_SYSTEM_BUS_ADDRESS", previous_->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
     } else {
-      unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+      unsetenv("DBUS_SYSTEM_BUS_ADDRESS");  // NOLINT(concurrency-mt-unsafe)
     }
   }
 
