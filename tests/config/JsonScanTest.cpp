@@ -16,6 +16,7 @@ struct Scan {
   std::size_t maxDepth;
   std::optional<JsonScanProblem> expected;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const Scan& c, std::ostream* os) {
   *os << c.label;
 }

@@ -98,6 +98,26 @@ TEST_F(LoadConfig, UnreadablePathThatExistsIsNeverReplaced) {
   EXPECT_EQ(console_.lines(), std::vector<std::string>{notice(path)});
 }
 
+TEST_F(LoadConfig, LinkToAMissingFileIsNotWrittenThrough) {
+  const auto path = dir_ / "roles.json";
+  const auto target = dir_ / "elsewhere.json";
+  fs::create_symlink(target, path);
+  EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());
+  EXPECT_FALSE(fs::exists(target));
+  EXPECT_TRUE(fs::is_symlink(path));
+  EXPECT_EQ(console_.lines(), std::vector<std::string>{notice(path)});
+}
+
+TEST_F(LoadConfig, OversizedFileIsRefusedWithoutDecoding) {
+  const auto path = dir_ / "roles.json";
+  writeFile(path, "{");
+  fs::resize_file(path, std::uintmax_t{17} * 1024 * 1024);  // sparse: cheap to make
+  EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());
+  EXPECT_EQ(fs::file_size(path), std::uintmax_t{17} * 1024 * 1024);
+  EXPECT_EQ(console_.lines(),
+            std::vector<std::string>{warning(path, "larger than 16777216 bytes")});
+}
+
 TEST_F(LoadConfig, FailedWriteStillPrintsTheNotice) {
   const auto path = dir_ / "no-such-dir" / "roles.json";
   EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());

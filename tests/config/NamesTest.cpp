@@ -23,6 +23,7 @@ struct NamePair {
   std::string b;
   bool same;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const NamePair& c, std::ostream* os) {
   *os << c.label;
 }
@@ -70,6 +71,7 @@ struct Cut {
   std::size_t limit;
   std::string expected;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const Cut& c, std::ostream* os) {
   *os << c.label;
 }
@@ -80,10 +82,10 @@ TEST_P(FirstGraphemes, KeepsWholeCharacters) {
   EXPECT_EQ(firstGraphemes(GetParam().text, GetParam().limit), GetParam().expected);
 }
 
-const std::string thumb = "\U0001F44D\U0001F3FD";  // 👍🏽 with a skin-tone modifier
-const std::string family =
+constexpr std::string_view thumb = "\U0001F44D\U0001F3FD";  // 👍🏽 with a skin-tone modifier
+constexpr std::string_view family =
     "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";  // 👨‍👩‍👧‍👦
-const std::string france = "\U0001F1EB\U0001F1F7";                 // 🇫🇷
+constexpr std::string_view france = "\U0001F1EB\U0001F1F7";        // 🇫🇷
 
 INSTANTIATE_TEST_SUITE_P(
     Names, FirstGraphemes,
@@ -95,13 +97,16 @@ INSTANTIATE_TEST_SUITE_P(
         Cut{"skinToneEmoji", repeat(thumb, 30), 24, repeat(thumb, 24)},
         Cut{"zwjFamily", repeat(family, 25), 24, repeat(family, 24)},
         Cut{"flags", repeat(france, 25), 24, repeat(france, 24)},
-        Cut{"flagPairsNotSplit", france + "\U0001F1E9\U0001F1EA", 1, france},
-        Cut{"oddRegionalIndicator", france + "\U0001F1E9" + "x", 2, france + "\U0001F1E9"},
+        Cut{"flagPairsNotSplit", std::string(france) + "\U0001F1E9\U0001F1EA", 1,
+            std::string(france)},
+        Cut{"oddRegionalIndicator", std::string(france) + "\U0001F1E9x", 2,
+            std::string(france) + "\U0001F1E9"},
         Cut{"combiningMarkStaysWithBase", repeat("e\u0301", 25), 24, repeat("e\u0301", 24)},
         Cut{"stackedMarks", "a\u0323\u0301b", 1, "a\u0323\u0301"},
         Cut{"hangulJamoOneCharacter", "\u1112\u1161\u11abx", 1, "\u1112\u1161\u11ab"},
         Cut{"crLfOneCharacter", "\r\nx", 1, "\r\n"},
-        Cut{"mixed", "R\u00e9gie " + thumb + family + "!", 8, "R\u00e9gie " + thumb + family},
+        Cut{"mixed", "R\u00e9gie " + std::string(thumb) + std::string(family) + "!", 8,
+            "R\u00e9gie " + std::string(thumb) + std::string(family)},
         Cut{"invalidBytesCountOneEach",
             "\xff\xfe"
             "abc",

@@ -109,6 +109,7 @@ struct Accepted {
   std::string json;
   Config expected;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const Accepted& c, std::ostream* os) {
   *os << c.label;
 }
@@ -121,27 +122,30 @@ TEST_P(DecodeAccepts, YieldsTheConfig) {
   EXPECT_EQ(*decoded.config, GetParam().expected);
 }
 
-const std::string roleAB = R"([{"name":"R","talk":["A"],"listen":["A","B"]}])";
+std::string roleAB() {
+  return R"([{"name":"R","talk":["A"],"listen":["A","B"]}])";
+}
 
 INSTANTIATE_TEST_SUITE_P(
     RolesFile, DecodeAccepts,
     testing::Values(
         Accepted{
             "complete",
-            R"({"show":"Hamlet","channels":["A","B"],"roles":)" + roleAB + R"(,"oscPort":9000})",
+            R"({"show":"Hamlet","channels":["A","B"],"roles":)" + roleAB() + R"(,"oscPort":9000})",
             twoChannels("Hamlet", 9000)},
         Accepted{
             "keysInAnyOrder",
-            R"({"oscPort":9000,"roles":)" + roleAB + R"(,"channels":["A","B"],"show":"Hamlet"})",
+            R"({"oscPort":9000,"roles":)" + roleAB() + R"(,"channels":["A","B"],"show":"Hamlet"})",
             twoChannels("Hamlet", 9000)},
-        Accepted{"onlyRequiredKeys", R"({"channels":["A","B"],"roles":)" + roleAB + "}",
+        Accepted{"onlyRequiredKeys", R"({"channels":["A","B"],"roles":)" + roleAB() + "}",
                  twoChannels()},
         Accepted{"nullOptionalKeys",
-                 R"({"show":null,"oscPort":null,"channels":["A","B"],"roles":)" + roleAB + "}",
+                 R"({"show":null,"oscPort":null,"channels":["A","B"],"roles":)" + roleAB() + "}",
                  twoChannels()},
-        Accepted{"lowestPort", R"({"oscPort":0,"channels":["A","B"],"roles":)" + roleAB + "}",
+        Accepted{"lowestPort", R"({"oscPort":0,"channels":["A","B"],"roles":)" + roleAB() + "}",
                  twoChannels("Parlavox", 0)},
-        Accepted{"highestPort", R"({"oscPort":65535,"channels":["A","B"],"roles":)" + roleAB + "}",
+        Accepted{"highestPort",
+                 R"({"oscPort":65535,"channels":["A","B"],"roles":)" + roleAB() + "}",
                  twoChannels("Parlavox", 65535)},
         Accepted{"emptyTalkIsListenOnly",
                  R"({"channels":["A"],"roles":[{"name":"D","talk":[],"listen":["A"]}]})",
@@ -151,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
                  R"("roles":[{"note":5,"name":"R","talk":["A"],"listen":["A","B"],"x":[]}]})",
                  twoChannels()},
         Accepted{"keysAreCaseSensitive",
-                 R"({"Show":5,"OSCPORT":"x","channels":["A","B"],"roles":)" + roleAB + "}",
+                 R"({"Show":5,"OSCPORT":"x","channels":["A","B"],"roles":)" + roleAB() + "}",
                  twoChannels()},
         Accepted{"emptyLists", R"({"channels":[],"roles":[]})", Config{"Parlavox", {}, {}, 47000}},
         Accepted{"duplicatesKept",
@@ -178,6 +182,7 @@ struct Rejected {
   std::string json;
   std::string errorMentions;  // the key or the position the message must name
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const Rejected& c, std::ostream* os) {
   *os << c.label;
 }
@@ -199,7 +204,9 @@ std::string withPort(const std::string& port) {
   return R"({"channels":[],"roles":[],"oscPort":)" + port + "}";
 }
 
-const std::string goodRole = R"({"name":"R","talk":[],"listen":[]})";
+std::string goodRole() {
+  return R"({"name":"R","talk":[],"listen":[]})";
+}
 
 INSTANTIATE_TEST_SUITE_P(
     RolesFile, DecodeRejects,
@@ -229,9 +236,10 @@ INSTANTIATE_TEST_SUITE_P(
         Rejected{"roleTalkNull", withRole(R"({"name":"R","talk":null,"listen":[]})"),
                  "roles[0].talk"},
         Rejected{"roleWithoutListen", withRole(R"({"name":"R","talk":[]})"), "roles[0].listen"},
-        Rejected{"thirdRoleTalkString",
-                 withRole(goodRole + "," + goodRole + R"(,{"name":"R","talk":"A","listen":[]})"),
-                 "roles[2].talk: expected an array of strings"},
+        Rejected{
+            "thirdRoleTalkString",
+            withRole(goodRole() + "," + goodRole() + R"(,{"name":"R","talk":"A","listen":[]})"),
+            "roles[2].talk: expected an array of strings"},
         Rejected{"talkElementNull", withRole(R"({"name":"R","talk":["A",null],"listen":[]})"),
                  "roles[0].talk[1]"},
         Rejected{"showNumber", R"({"show":5,"channels":[],"roles":[]})", "show"},

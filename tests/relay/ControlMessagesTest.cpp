@@ -23,6 +23,7 @@ struct Payload {
   std::string bytes;
   std::optional<Incoming> expected;
 };
+// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
 void PrintTo(const Payload& c, std::ostream* os) {
   *os << c.label;
 }
@@ -38,7 +39,9 @@ Incoming in(std::string t, std::optional<std::string> name = std::nullopt,
   return Incoming{std::move(t), std::move(name), std::move(role)};
 }
 
-const std::string longName(65000, 'a');
+std::string longName() {
+  return std::string(65000, 'a');
+}
 
 INSTANTIATE_TEST_SUITE_P(
     ControlMessages, DecodeIncoming,
@@ -67,8 +70,8 @@ INSTANTIATE_TEST_SUITE_P(
                 R"({"t":"hi","x":)" + nested("[", 20) + nested("]", 20) + "}", in("hi")},
         Payload{"lastDuplicateWins", R"({"t":5,"t":"ping"})", in("ping")},
         Payload{"lastDuplicateWinsBadType", R"({"t":"ping","t":5})", std::nullopt},
-        Payload{"largeValidPayload", R"({"t":"join","name":")" + longName + R"("})",
-                in("join", longName)},
+        Payload{"largeValidPayload", R"({"t":"join","name":")" + longName() + R"("})",
+                in("join", longName())},
         Payload{"tMissing", R"({"name":"Ana"})", std::nullopt},
         Payload{"tNumber", R"({"t":1})", std::nullopt},
         Payload{"tNull", R"({"t":null})", std::nullopt},
