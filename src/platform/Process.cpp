@@ -5,14 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
-
-extern char** environ;
 
 namespace parlavox::platform {
 namespace {
@@ -71,7 +70,9 @@ class SpawnSetup {
 };
 
 ProcessResult launchFailure(int error) {
-  return ProcessResult{false, std::strerror(error), 0};
+  // The GNU strerror_r: thread-safe, returns the text (in `buffer` or a static string).
+  std::array<char, 256> buffer{};
+  return ProcessResult{false, strerror_r(error, buffer.data(), buffer.size()), 0};
 }
 
 }  // namespace

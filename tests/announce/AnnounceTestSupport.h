@@ -9,6 +9,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace parlavox::test {
@@ -64,6 +65,24 @@ inline std::string writeScript(const std::string& path, const std::string& body)
   ::chmod(path.c_str(), 0755);
   return path;
 }
+
+// True if `text` has the shape of `pattern`, where each 'X' stands for one upper-case hexadecimal
+// digit and every other character for itself.
+inline bool matchesHexPattern(std::string_view text, std::string_view pattern) {
+  if (text.size() != pattern.size()) {
+    return false;
+  }
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool hex = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+    if (pattern[i] == 'X' ? !hex : c != pattern[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
+inline constexpr std::string_view kUuidPattern = "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX";
 
 // Splits NUL-terminated fields, as `printf '%s\0' "$@"` writes them.
 inline std::vector<std::string> splitNul(const std::string& text) {

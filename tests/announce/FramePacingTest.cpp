@@ -15,8 +15,8 @@ using std::chrono::milliseconds;
 using test::FakeClock;
 
 struct CapacityCase {
-  double rate;
-  std::uint64_t frames;
+  double rate = 0;
+  std::uint64_t frames = 0;
   std::optional<std::uint32_t> expected;
 };
 
@@ -95,7 +95,8 @@ TEST(StreamFrames, SleepsUntilAbsoluteDeadlinesFromOneStart) {
   FakeClock clock;
   const auto start = clock.now();
   Seen seen;
-  streamFrames(ramp(320 * 5), clock, [&](Bytes) { seen.times.push_back(clock.now()); });
+  streamFrames(ramp(std::size_t{320} * 5), clock,
+               [&](Bytes) { seen.times.push_back(clock.now()); });
   const std::vector<platform::MonoTime> deadlines = {
       start + milliseconds(20), start + milliseconds(40), start + milliseconds(60),
       start + milliseconds(80), start + milliseconds(100)};
@@ -110,7 +111,7 @@ TEST(StreamFrames, CatchesUpAfterAStallWithoutSleepingOrSkipping) {
   FakeClock clock;
   const auto start = clock.now();
   Seen seen;
-  const auto elapsed = streamFrames(ramp(320 * 10), clock, [&](Bytes frame) {
+  const auto elapsed = streamFrames(ramp(std::size_t{320} * 10), clock, [&](Bytes frame) {
     seen.times.push_back(clock.now());
     seen.frames.emplace_back(frame.begin(), frame.end());
     if (seen.times.size() == 3) {
@@ -143,7 +144,7 @@ TEST(StreamFrames, AnOverlongStallEndsWithoutAnySleep) {
   FakeClock clock;
   const auto start = clock.now();
   int calls = 0;
-  const auto elapsed = streamFrames(ramp(320 * 3), clock, [&](Bytes) {
+  const auto elapsed = streamFrames(ramp(std::size_t{320} * 3), clock, [&](Bytes) {
     if (++calls == 1) {
       clock.advance(milliseconds(500));
     }

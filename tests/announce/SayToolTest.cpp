@@ -18,7 +18,7 @@ namespace {
 
 using test::ScratchDir;
 
-const std::string kSay = PARLAVOX_SAY_PATH;
+constexpr const char* kSay = PARLAVOX_SAY_PATH;
 
 double rms(const platform::AudioReadResult& audio) {
   double sum = 0;
