@@ -20,7 +20,9 @@
 #include <string_view>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+// The name and signature are libFuzzer's.
+extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
+    const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -146,18 +148,24 @@ bool readFile(const std::filesystem::path& path, Input& out) {
 // The input being run, so that a crash can show it.
 const Input* gCurrent = nullptr;
 
+// Raw write(2): the only output that is safe in a signal handler.
+void writeToStderr(const char* data, std::size_t size) {
+  const ssize_t written = write(STDERR_FILENO, data, size);
+  static_cast<void>(written);  // nothing to be done about a failed write while dying
+}
+
 // On abort (a violated property, or a sanitizer report with abort_on_error), write the input in hex
-// to stderr so that it can be turned into a seed file and debugged. Only write(2): no allocation.
+// to stderr so that it can be turned into a seed file and debugged. No allocation here.
 extern "C" void showInputAndDie(int signal) {
   if (gCurrent != nullptr) {
     constexpr char kHex[] = "0123456789abcdef";
     constexpr std::string_view kHead = "input being run, in hex:\n";
-    (void)!write(STDERR_FILENO, kHead.data(), kHead.size());
+    writeToStderr(kHead.data(), kHead.size());
     for (const std::uint8_t byte : *gCurrent) {
       const char pair[2] = {kHex[byte >> 4], kHex[byte & 0xF]};
-      (void)!write(STDERR_FILENO, pair, 2);
+      writeToStderr(pair, 2);
     }
-    (void)!write(STDERR_FILENO, "\n", 1);
+    writeToStderr("\n", 1);
   }
   std::signal(signal, SIG_DFL);
   std::raise(signal);

@@ -19,7 +19,9 @@ std::string padded(const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+// The name and signature are libFuzzer's.
+extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
+    const std::uint8_t* data, std::size_t size) {
   using parlavox::OSCListener;
   using parlavox::fuzz::isValidUtf8;
   using parlavox::fuzz::require;

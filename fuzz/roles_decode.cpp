@@ -7,7 +7,9 @@
 #include "FuzzCheck.h"
 #include "config/RolesFile.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+// The name and signature are libFuzzer's.
+extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
+    const std::uint8_t* data, std::size_t size) {
   using parlavox::fuzz::require;
 
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);

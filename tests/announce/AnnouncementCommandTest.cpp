@@ -12,7 +12,9 @@ namespace {
 
 using Kind = AnnouncementTarget::Kind;
 
-const std::vector<std::string> kShowChannels = {"Main", "Tech", "Backstage", "Green Room"};
+std::vector<std::string> showChannels() {
+  return {"Main", "Tech", "Backstage", "Green Room"};
+}
 
 std::vector<std::string> numberedChannels(std::size_t count) {
   std::vector<std::string> channels;
@@ -41,63 +43,65 @@ TEST_P(ResolveAnnouncement, Resolves) {
   EXPECT_EQ(target.channel, c.channel) << c.name;
 }
 
-const ResolveCase kResolveCases[] = {
-    {"all channels", kShowChannels, "/parlavox/say", Kind::announce, 0xF, ""},
-    {"one channel", kShowChannels, "/parlavox/say/Tech", Kind::announce, 0x2, ""},
-    {"first channel", kShowChannels, "/parlavox/say/Main", Kind::announce, 0x1, ""},
-    {"name with a space", kShowChannels, "/parlavox/say/Green Room", Kind::announce, 0x8, ""},
-    {"case differs", kShowChannels, "/parlavox/say/tech", Kind::unknownChannel, 0, "tech"},
-    {"no trimming", kShowChannels, "/parlavox/say/Tech ", Kind::unknownChannel, 0, "Tech "},
-    {"empty name", kShowChannels, "/parlavox/say/", Kind::unknownChannel, 0, ""},
-    {"name with a slash", kShowChannels, "/parlavox/say/Tech/extra", Kind::unknownChannel, 0,
-     "Tech/extra"},
-    {"longer word", kShowChannels, "/parlavox/sayx", Kind::ignore, 0, ""},
-    {"digit after say", kShowChannels, "/parlavox/say2", Kind::ignore, 0, ""},
-    {"upper case", kShowChannels, "/PARLAVOX/say", Kind::ignore, 0, ""},
-    {"trailing space", kShowChannels, "/parlavox/say ", Kind::ignore, 0, ""},
-    {"other address", kShowChannels, "/cue/go", Kind::ignore, 0, ""},
-    {"prefix cut short", kShowChannels, "/parlavox/sa", Kind::ignore, 0, ""},
-    {"combining mark after the slash", kShowChannels, "/parlavox/say/\xCC\x81Tech", Kind::ignore, 0,
-     ""},
-    {"32 channels, all", numberedChannels(32), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
-    {"32 channels, last", numberedChannels(32), "/parlavox/say/C31", Kind::announce, 0x80000000,
-     ""},
-    {"31 channels, all", numberedChannels(31), "/parlavox/say", Kind::announce, 0x7FFFFFFF, ""},
-    {"33 channels, all", numberedChannels(33), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
-    {"33 channels, beyond the mask", numberedChannels(33), "/parlavox/say/C32", Kind::announce, 0,
-     ""},
-    {"no channels, all", {}, "/parlavox/say", Kind::announce, 0, ""},
-    {"no channels, one", {}, "/parlavox/say/Main", Kind::unknownChannel, 0, "Main"},
-    {"one channel, all", {"Main"}, "/parlavox/say", Kind::announce, 0x1, ""},
-    {"channel with an empty name", {"Main", ""}, "/parlavox/say/", Kind::announce, 0x2, ""},
-    {"duplicate name takes the first",
-     {"A", "Tech", "Tech"},
-     "/parlavox/say/Tech",
-     Kind::announce,
-     0x2,
-     ""},
-    {"canonically equivalent name",
-     {"Main", "R\xC3\xA9gie"},
-     "/parlavox/say/Re\xCC\x81gie",
-     Kind::announce,
-     0x2,
-     ""},
-    {"decomposed name configured",
-     {"Re\xCC\x81gie"},
-     "/parlavox/say/R\xC3\xA9gie",
-     Kind::announce,
-     0x1,
-     ""},
-    {"unknown name kept as sent",
-     {"R\xC3\xA9gie"},
-     "/parlavox/say/Re\xCC\x81gies",
-     Kind::unknownChannel,
-     0,
-     "Re\xCC\x81gies"},
-};
+std::vector<ResolveCase> resolveCases() {
+  return {
+      {"all channels", showChannels(), "/parlavox/say", Kind::announce, 0xF, ""},
+      {"one channel", showChannels(), "/parlavox/say/Tech", Kind::announce, 0x2, ""},
+      {"first channel", showChannels(), "/parlavox/say/Main", Kind::announce, 0x1, ""},
+      {"name with a space", showChannels(), "/parlavox/say/Green Room", Kind::announce, 0x8, ""},
+      {"case differs", showChannels(), "/parlavox/say/tech", Kind::unknownChannel, 0, "tech"},
+      {"no trimming", showChannels(), "/parlavox/say/Tech ", Kind::unknownChannel, 0, "Tech "},
+      {"empty name", showChannels(), "/parlavox/say/", Kind::unknownChannel, 0, ""},
+      {"name with a slash", showChannels(), "/parlavox/say/Tech/extra", Kind::unknownChannel, 0,
+       "Tech/extra"},
+      {"longer word", showChannels(), "/parlavox/sayx", Kind::ignore, 0, ""},
+      {"digit after say", showChannels(), "/parlavox/say2", Kind::ignore, 0, ""},
+      {"upper case", showChannels(), "/PARLAVOX/say", Kind::ignore, 0, ""},
+      {"trailing space", showChannels(), "/parlavox/say ", Kind::ignore, 0, ""},
+      {"other address", showChannels(), "/cue/go", Kind::ignore, 0, ""},
+      {"prefix cut short", showChannels(), "/parlavox/sa", Kind::ignore, 0, ""},
+      {"combining mark after the slash", showChannels(), "/parlavox/say/\xCC\x81Tech", Kind::ignore,
+       0, ""},
+      {"32 channels, all", numberedChannels(32), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
+      {"32 channels, last", numberedChannels(32), "/parlavox/say/C31", Kind::announce, 0x80000000,
+       ""},
+      {"31 channels, all", numberedChannels(31), "/parlavox/say", Kind::announce, 0x7FFFFFFF, ""},
+      {"33 channels, all", numberedChannels(33), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
+      {"33 channels, beyond the mask", numberedChannels(33), "/parlavox/say/C32", Kind::announce, 0,
+       ""},
+      {"no channels, all", {}, "/parlavox/say", Kind::announce, 0, ""},
+      {"no channels, one", {}, "/parlavox/say/Main", Kind::unknownChannel, 0, "Main"},
+      {"one channel, all", {"Main"}, "/parlavox/say", Kind::announce, 0x1, ""},
+      {"channel with an empty name", {"Main", ""}, "/parlavox/say/", Kind::announce, 0x2, ""},
+      {"duplicate name takes the first",
+       {"A", "Tech", "Tech"},
+       "/parlavox/say/Tech",
+       Kind::announce,
+       0x2,
+       ""},
+      {"canonically equivalent name",
+       {"Main", "R\xC3\xA9gie"},
+       "/parlavox/say/Re\xCC\x81gie",
+       Kind::announce,
+       0x2,
+       ""},
+      {"decomposed name configured",
+       {"Re\xCC\x81gie"},
+       "/parlavox/say/R\xC3\xA9gie",
+       Kind::announce,
+       0x1,
+       ""},
+      {"unknown name kept as sent",
+       {"R\xC3\xA9gie"},
+       "/parlavox/say/Re\xCC\x81gies",
+       Kind::unknownChannel,
+       0,
+       "Re\xCC\x81gies"},
+  };
+}
 
 INSTANTIATE_TEST_SUITE_P(AnnouncementCommand, ResolveAnnouncement,
-                         testing::ValuesIn(kResolveCases));
+                         testing::ValuesIn(resolveCases()));
 
 struct HeaderCase {
   std::uint32_t mask;

@@ -39,7 +39,10 @@ std::optional<OSCMessage> accepted(std::string address, std::string text) {
   return OSCMessage{std::move(address), std::move(text)};
 }
 
-const std::string kFFFD = "\xEF\xBF\xBD";
+// U+FFFD, the replacement character.
+std::string fffd() {
+  return "\xEF\xBF\xBD";
+}
 
 struct ParseCase {
   const char* name;
@@ -54,61 +57,63 @@ TEST_P(ParseLayout, GivesExpectedResult) {
   EXPECT_EQ(parse(c.datagram), c.expected) << c.name;
 }
 
-const ParseCase kLayoutCases[] = {
-    {"string argument", message("/parlavox/say", ",s", "hello"),
-     accepted("/parlavox/say", "hello")},
-    {"later arguments ignored (si)", message("/a", ",si", "hello") + "\0\0\0\x07"s,
-     accepted("/a", "hello")},
-    {"later arguments ignored (ss)", message("/a", ",ss", "hello") + field("more"),
-     accepted("/a", "hello")},
-    {"later arguments need not be there", message("/a", ",sf", "x"), accepted("/a", "x")},
+std::vector<ParseCase> layoutCases() {
+  return {
+      {"string argument", message("/parlavox/say", ",s", "hello"),
+       accepted("/parlavox/say", "hello")},
+      {"later arguments ignored (si)", message("/a", ",si", "hello") + "\0\0\0\x07"s,
+       accepted("/a", "hello")},
+      {"later arguments ignored (ss)", message("/a", ",ss", "hello") + field("more"),
+       accepted("/a", "hello")},
+      {"later arguments need not be there", message("/a", ",sf", "x"), accepted("/a", "x")},
 
-    // Address lengths: 1 to 3 bytes take 4, exactly 4 take 8.
-    {"1-byte address takes 4", "/\0\0\0,s\0\0x\0\0\0"s, accepted("/", "x")},
-    {"3-byte address takes 4", "/ab\0,s\0\0x\0\0\0"s, accepted("/ab", "x")},
-    {"4-byte address takes 8", "/abc\0\0\0\0,s\0\0x\0\0\0"s, accepted("/abc", "x")},
-    {"4-byte address given only 5 bytes", "/abc\0,s\0\0x\0\0\0"s, std::nullopt},
-    {"5-byte address takes 8", "/abcd\0\0\0,s\0\0x\0\0\0"s, accepted("/abcd", "x")},
+      // Address lengths: 1 to 3 bytes take 4, exactly 4 take 8.
+      {"1-byte address takes 4", "/\0\0\0,s\0\0x\0\0\0"s, accepted("/", "x")},
+      {"3-byte address takes 4", "/ab\0,s\0\0x\0\0\0"s, accepted("/ab", "x")},
+      {"4-byte address takes 8", "/abc\0\0\0\0,s\0\0x\0\0\0"s, accepted("/abc", "x")},
+      {"4-byte address given only 5 bytes", "/abc\0,s\0\0x\0\0\0"s, std::nullopt},
+      {"5-byte address takes 8", "/abcd\0\0\0,s\0\0x\0\0\0"s, accepted("/abcd", "x")},
 
-    // Type tags.
-    {"first argument an int", message("/a", ",is", "x"), std::nullopt},
-    {"first argument a float", message("/a", ",f", "x"), std::nullopt},
-    {"alternate string type S", message("/a", ",S", "x"), std::nullopt},
-    {"no arguments", message("/a", ",", "x"), std::nullopt},
-    {"empty type tag string", message("/a", "", "x"), std::nullopt},
-    {"type tags without comma", message("/a", "s", "x"), std::nullopt},
-    {"no type tag string at all", field("/a"), std::nullopt},
-    {"type tag string without zero byte", "/a\0\0,s"s, std::nullopt},
+      // Type tags.
+      {"first argument an int", message("/a", ",is", "x"), std::nullopt},
+      {"first argument a float", message("/a", ",f", "x"), std::nullopt},
+      {"alternate string type S", message("/a", ",S", "x"), std::nullopt},
+      {"no arguments", message("/a", ",", "x"), std::nullopt},
+      {"empty type tag string", message("/a", "", "x"), std::nullopt},
+      {"type tags without comma", message("/a", "s", "x"), std::nullopt},
+      {"no type tag string at all", field("/a"), std::nullopt},
+      {"type tag string without zero byte", "/a\0\0,s"s, std::nullopt},
 
-    // The text.
-    {"empty text", "/a\0\0,s\0\0\0\0\0\0"s, accepted("/a", "")},
-    {"text zero byte is last byte, no padding", "/a\0\0,s\0\0hello\0"s, accepted("/a", "hello")},
-    {"text zero byte with partial padding", "/a\0\0,s\0\0hello\0\0"s, accepted("/a", "hello")},
-    {"text without zero byte", "/a\0\0,s\0\0hello"s, std::nullopt},
-    {"text missing", "/a\0\0,s\0\0"s, std::nullopt},
-    {"bytes after text ignored", "/a\0\0,s\0\0hi\0\0\xFF\xFF\xFF"s, accepted("/a", "hi")},
-    {"text keeps spaces and UTF-8", message("/a", ",s", "  Places, 🎭 please "),
-     accepted("/a", "  Places, 🎭 please ")},
+      // The text.
+      {"empty text", "/a\0\0,s\0\0\0\0\0\0"s, accepted("/a", "")},
+      {"text zero byte is last byte, no padding", "/a\0\0,s\0\0hello\0"s, accepted("/a", "hello")},
+      {"text zero byte with partial padding", "/a\0\0,s\0\0hello\0\0"s, accepted("/a", "hello")},
+      {"text without zero byte", "/a\0\0,s\0\0hello"s, std::nullopt},
+      {"text missing", "/a\0\0,s\0\0"s, std::nullopt},
+      {"bytes after text ignored", "/a\0\0,s\0\0hi\0\0\xFF\xFF\xFF"s, accepted("/a", "hi")},
+      {"text keeps spaces and UTF-8", message("/a", ",s", "  Places, 🎭 please "),
+       accepted("/a", "  Places, 🎭 please ")},
 
-    // Address checks.
-    {"address without slash", message("parlavox/say", ",s", "x"), std::nullopt},
-    {"empty address", message("", ",s", "x"), std::nullopt},
-    {"bundle", "#bundle\0"s + "\0\0\0\0\0\0\0\x01"s + "\0\0\0\x10"s + message("/a", ",s", "x"),
-     std::nullopt},
-    {"address without zero byte", "/parlavox/say"s, std::nullopt},
-    {"empty datagram", ""s, std::nullopt},
+      // Address checks.
+      {"address without slash", message("parlavox/say", ",s", "x"), std::nullopt},
+      {"empty address", message("", ",s", "x"), std::nullopt},
+      {"bundle", "#bundle\0"s + "\0\0\0\0\0\0\0\x01"s + "\0\0\0\x10"s + message("/a", ",s", "x"),
+       std::nullopt},
+      {"address without zero byte", "/parlavox/say"s, std::nullopt},
+      {"empty datagram", ""s, std::nullopt},
 
-    // Senders that leave out the padding after the address.
-    {"unpadded address, tags read from wrong place", "/abcde\0,s\0\0hi\0\0"s, std::nullopt},
-    {"unpadded 2-byte address", "/a\0,s\0\0hi\0\0"s, std::nullopt},
-    {"unpadded address whose bytes happen to line up", "/a\0,,s\0\0hi\0"s, accepted("/a", "hi")},
+      // Senders that leave out the padding after the address.
+      {"unpadded address, tags read from wrong place", "/abcde\0,s\0\0hi\0\0"s, std::nullopt},
+      {"unpadded 2-byte address", "/a\0,s\0\0hi\0\0"s, std::nullopt},
+      {"unpadded address whose bytes happen to line up", "/a\0,,s\0\0hi\0"s, accepted("/a", "hi")},
 
-    // Padding is skipped, not checked.
-    {"non-zero padding bytes", "/a\0X,s\0Yhi\0Z"s, accepted("/a", "hi")},
-    {"non-zero padding after 4-byte address", "/abc\0PAD,s\0\xFFhi\0\0"s, accepted("/abc", "hi")},
-};
+      // Padding is skipped, not checked.
+      {"non-zero padding bytes", "/a\0X,s\0Yhi\0Z"s, accepted("/a", "hi")},
+      {"non-zero padding after 4-byte address", "/abc\0PAD,s\0\xFFhi\0\0"s, accepted("/abc", "hi")},
+  };
+}
 
-INSTANTIATE_TEST_SUITE_P(OSCListener, ParseLayout, testing::ValuesIn(kLayoutCases));
+INSTANTIATE_TEST_SUITE_P(OSCListener, ParseLayout, testing::ValuesIn(layoutCases()));
 
 struct DecodeCase {
   const char* name;
@@ -130,28 +135,30 @@ TEST_P(ParseTextDecoding, RepairsAddress) {
   EXPECT_EQ(parse(message("/" + c.raw, ",s", "x")), accepted("/" + c.decoded, "x")) << c.name;
 }
 
-const DecodeCase kDecodeCases[] = {
-    {"valid two-byte", "R\xC3\xA9gie", "R\xC3\xA9gie"},
-    {"valid four-byte", "\xF0\x9F\x93\xA3", "\xF0\x9F\x93\xA3"},
-    {"stray continuation",
-     "a\x80"
-     "b",
-     "a" + kFFFD + "b"},
-    {"byte never used", "\xFF", kFFFD},
-    {"overlong two-byte lead", "\xC0\xAF", kFFFD + kFFFD},
-    {"overlong three-byte", "\xE0\x80\xAF", kFFFD + kFFFD + kFFFD},
-    {"surrogate", "\xED\xA0\x80", kFFFD + kFFFD + kFFFD},
-    {"above U+10FFFF", "\xF4\x90\x80\x80", kFFFD + kFFFD + kFFFD + kFFFD},
-    {"lead F5", "\xF5\x80", kFFFD + kFFFD},
-    {"truncated three-byte before ASCII", "\xE2\x82x", kFFFD + "x"},
-    {"truncated four-byte at end", "ok\xF0\x9F\x98", "ok" + kFFFD},
-    {"truncated then new lead", "\xE2\x82\xE2\x82\xAC", kFFFD + "\xE2\x82\xAC"},
-    {"highest code point kept", "\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
-    {"maximal subparts, mixed", "\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64",
-     "a" + kFFFD + kFFFD + kFFFD + "b" + kFFFD + "c" + kFFFD + kFFFD + "d"},
-};
+std::vector<DecodeCase> decodeCases() {
+  return {
+      {"valid two-byte", "R\xC3\xA9gie", "R\xC3\xA9gie"},
+      {"valid four-byte", "\xF0\x9F\x93\xA3", "\xF0\x9F\x93\xA3"},
+      {"stray continuation",
+       "a\x80"
+       "b",
+       "a" + fffd() + "b"},
+      {"byte never used", "\xFF", fffd()},
+      {"overlong two-byte lead", "\xC0\xAF", fffd() + fffd()},
+      {"overlong three-byte", "\xE0\x80\xAF", fffd() + fffd() + fffd()},
+      {"surrogate", "\xED\xA0\x80", fffd() + fffd() + fffd()},
+      {"above U+10FFFF", "\xF4\x90\x80\x80", fffd() + fffd() + fffd() + fffd()},
+      {"lead F5", "\xF5\x80", fffd() + fffd()},
+      {"truncated three-byte before ASCII", "\xE2\x82x", fffd() + "x"},
+      {"truncated four-byte at end", "ok\xF0\x9F\x98", "ok" + fffd()},
+      {"truncated then new lead", "\xE2\x82\xE2\x82\xAC", fffd() + "\xE2\x82\xAC"},
+      {"highest code point kept", "\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
+      {"maximal subparts, mixed", "\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64",
+       "a" + fffd() + fffd() + fffd() + "b" + fffd() + "c" + fffd() + fffd() + "d"},
+  };
+}
 
-INSTANTIATE_TEST_SUITE_P(OSCListener, ParseTextDecoding, testing::ValuesIn(kDecodeCases));
+INSTANTIATE_TEST_SUITE_P(OSCListener, ParseTextDecoding, testing::ValuesIn(decodeCases()));
 
 // "Begins with" and "first character" are about whole characters, so a combining mark glued onto
 // "/" or onto a type tag makes a different character.
