@@ -169,3 +169,27 @@ void ServerProcess::kill() {
 }
 
 }  // namespace parlavox::test
+
+namespace parlavox::test {
+
+int runProgram(const std::vector<std::string>& args) {
+  std::vector<std::string> copy = args;
+  std::vector<char*> argv;
+  for (auto& a : copy) {
+    argv.push_back(a.data());
+  }
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+    return -1;
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::filesystem::path binaryDirectory() {
+  return std::filesystem::path(ServerProcess::binary()).parent_path();
+}
+
+}  // namespace parlavox::test

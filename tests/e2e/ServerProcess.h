@@ -66,3 +66,13 @@ class ServerProcess {
 };
 
 }  // namespace parlavox::test
+
+namespace parlavox::test {
+
+// Runs a program (no shell) to its end; its exit status, or -1 if it could not be started.
+int runProgram(const std::vector<std::string>& argv);
+
+// Where the binaries under test live (parlavox, parlavox-say, parlavox-client).
+std::filesystem::path binaryDirectory();
+
+}  // namespace parlavox::test

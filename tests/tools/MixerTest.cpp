@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "client/Mixer.h"
+
+namespace parlavox::client {
+namespace {
+
+using Samples = std::vector<std::int16_t>;
+constexpr std::uint64_t kSlot = Mixer::kSlotSamples;
+
+// A frame of `length` samples counting up from `first`, so every sample says where it came from.
+Samples ramp(std::int16_t first, std::size_t length = kSlot) {
+  Samples out(length);
+  std::iota(out.begin(), out.end(), first);
+  return out;
+}
+
+Samples silence(std::size_t length) {
+  return Samples(length, 0);
+}
+
+Samples concat(std::initializer_list<Samples> parts) {
+  Samples out;
+  for (const auto& part : parts) {
+    out.insert(out.end(), part.begin(), part.end());
+  }
+  return out;
+}
+
+TEST(Mixer, DecodesLittleEndianSamples) {
+  EXPECT_EQ(
+      Mixer::decode(std::vector<std::uint8_t>{0x01, 0x00, 0xFF, 0xFF, 0x00, 0x80, 0xFF, 0x7F}),
+      (Samples{1, -1, -32768, 32767}));
+  EXPECT_EQ(Mixer::decode(std::vector<std::uint8_t>{0x34, 0x12, 0x99}), Samples{0x1234})
+      << "half a sample at the end is dropped";
+  EXPECT_EQ(Mixer::decode({}), Samples{});
+}
+
+struct SumCase {
+  std::vector<std::int16_t> voices;  // one sample from each talker, all landing together
+  std::int16_t expected;
+};
+
+TEST(Mixer, SumsTalkersOnTheSameSlotAndClipsOnlyTheResult) {
+  const std::vector<SumCase> table{
+      {{1000, 2000}, 3000},
+      {{30000, 30000}, 32767},
+      {{-30000, -30000}, -32768},
+      {{32767, 1}, 32767},
+      {{-32768, -1}, -32768},
+      {{20000, -30000}, -10000},
+      // A loud pair and a third that cancels them: clipping the running sum would give 2767.
+      {{30000, 30000, -30000}, 30000},
+      {{-32768, -32768, -32768, 32767, 32767, 32767}, -3},
+  };
+  for (const auto& row : table) {
+    Mixer mixer;
+    for (std::size_t talker = 0; talker < row.voices.size(); ++talker) {
+      // Arrivals spread over the slot still land on its start.
+      mixer.add(static_cast<std::uint16_t>(talker + 1), 7, talker * 10,
+                Samples(kSlot, row.voices[talker]));
+    }
+    EXPECT_EQ(mixer.takeAll(0), Samples(kSlot, row.expected)) << row.voices.size();
+    EXPECT_EQ(mixer.talkers(), row.voices.size());
+  }
+}
+
+TEST(Mixer, LaysOneTalkersFramesEndToEndDespiteJitter) {
+  Mixer mixer;
+  // Frames 20 ms apart at the source, arriving 3 ms early, 5 ms late, then a clump of two.
+  mixer.add(4, 100, 5, ramp(0));
+  mixer.add(4, 101, kSlot - 48, ramp(1000));
+  mixer.add(4, 102, 2 * kSlot + 80, ramp(2000));
+  mixer.add(4, 103, 2 * kSlot + 90, ramp(3000));
+  EXPECT_EQ(mixer.takeAll(0), concat({ramp(0), ramp(1000), ramp(2000), ramp(3000)}));
+}
+
+TEST(Mixer, LeavesSilenceForALostFrameAndPutsALateOneBackInPlace) {
+  Mixer mixer;
+  mixer.add(4, 10, 0, ramp(0));
+  mixer.add(4, 12, 2 * kSlot, ramp(2000));  // 11 is lost
+  mixer.add(4, 14, 4 * kSlot, ramp(4000));
+  mixer.add(4, 13, 4 * kSlot + 10, ramp(3000));  // 13 arrives after 14
+  mixer.add(4, 15, 5 * kSlot, ramp(5000));
+  EXPECT_EQ(mixer.takeAll(0),
+            concat({ramp(0), silence(kSlot), ramp(2000), ramp(3000), ramp(4000), ramp(5000)}));
+}
+
+TEST(Mixer, MixesARepeatedDatagramOnlyOnce) {
+  Mixer mixer;
+  mixer.add(4, 10, 0, ramp(0));
+  mixer.add(4, 10, 5, ramp(0));
+  mixer.add(4, 11, kSlot, ramp(1000));
+  EXPECT_EQ(mixer.takeAll(0), concat({ramp(0), ramp(1000)}));
+}
+
+TEST(Mixer, FollowsSequenceNumbersAcrossTheWrap) {
+  Mixer mixer;
+  mixer.add(4, 65534, 0, ramp(0));
+  mixer.add(4, 65535, kSlot + 30, ramp(1000));
+  mixer.add(4, 0, 2 * kSlot - 20, ramp(2000));
+  mixer.add(4, 1, 3 * kSlot + 60, ramp(3000));
+  EXPECT_EQ(mixer.takeAll(0), concat({ramp(0), ramp(1000), ramp(2000), ramp(3000)}));
+}
+
+TEST(Mixer, PutsATalkerWhoPausedBackOnTheSlotOfArrival) {
+  Mixer mixer;
+  mixer.add(4, 1, 0, ramp(0));
+  // The talker's sequence runs on, but a second passes: its own pace would put this right after
+  // the first frame.
+  mixer.add(4, 2, 50 * kSlot + 100, ramp(1000));
+  // A sender whose sequence jumps far (a restart) is placed by arrival too.
+  mixer.add(5, 1, 0, silence(kSlot));
+  mixer.add(5, 30000, 52 * kSlot, ramp(2000));
+  const auto out = mixer.takeAll(0);
+  EXPECT_EQ(out, concat({ramp(0), silence(49 * kSlot), ramp(1000), silence(kSlot), ramp(2000)}));
+}
+
+TEST(Mixer, TakesOutInPiecesWithSilenceWhereNothingLandedAndDropsWhatComesTooLate) {
+  Mixer mixer;
+  mixer.add(1, 1, 0, ramp(0));
+  EXPECT_EQ(mixer.takeUntil(100), ramp(0, 100));
+  EXPECT_EQ(mixer.takeUntil(100), Samples{}) << "nothing twice";
+  EXPECT_EQ(mixer.takeUntil(50), Samples{});
+  EXPECT_EQ(mixer.taken(), 100U);
+  // A second talker's frame that belongs from sample 0 on: only its part from 100 on is mixed.
+  mixer.add(2, 9, 10, Samples(kSlot, 1));
+  Samples expected = ramp(100, kSlot - 100);
+  for (auto& s : expected) {
+    s = static_cast<std::int16_t>(s + 1);
+  }
+  EXPECT_EQ(mixer.takeUntil(kSlot), expected);
+  // Nothing held: silence up to where we ask.
+  EXPECT_EQ(mixer.takeUntil(kSlot + 7), silence(7));
+  // A frame wholly in the past is dropped; takeAll pads with silence to the end asked for.
+  mixer.add(3, 1, 0, Samples(5, 9));
+  EXPECT_EQ(mixer.takeAll(kSlot + 10), silence(3));
+}
+
+TEST(Mixer, TakeAllKeepsAFrameThatReachesPastTheEndAskedFor) {
+  Mixer mixer;
+  mixer.add(1, 1, 0, ramp(0));
+  EXPECT_EQ(mixer.takeAll(10), ramp(0));
+  EXPECT_EQ(mixer.taken(), kSlot);
+}
+
+}  // namespace
+}  // namespace parlavox::client
