@@ -38,8 +38,8 @@ void printReport(const Config& config, platform::Console& console) {
   for (const std::string& entry : platform::localIPv4Addresses()) {
     console.print("   Manual connect address: " + entry);
   }
-  console.print(
-      fmt::format("   QLab / OSC: point a Network (OSC) cue at this Mac, port {},", config.oscPort));
+  console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this Mac, port {},",
+                            config.oscPort));
   console.print("               address /parlavox/say with a string argument to announce.");
   console.print("   Press Ctrl-C to stop.\n");
 }
@@ -62,16 +62,15 @@ int run(int argc, char** argv, platform::Console& console) {
   platform::UdpNetwork network(loop.context());
   platform::AvahiAdvertiser advertiser(console);
   platform::SteadyClock clock;
-  const auto server = IntercomServer::create(
-      config, ServerPlatform{
-                  .loop = loop,
-                  .network = network,
-                  .advertiser = advertiser,
-                  .clock = clock,
-                  .console = console,
-                  .sayCommand = defaultSayCommand(),
-                  .exit = endProcess,
-              });
+  const auto server = IntercomServer::create(config, ServerPlatform{
+                                                         .loop = loop,
+                                                         .network = network,
+                                                         .advertiser = advertiser,
+                                                         .clock = clock,
+                                                         .console = console,
+                                                         .sayCommand = defaultSayCommand(),
+                                                         .exit = endProcess,
+                                                     });
   try {
     server->start(protocol::intercomPort);
   } catch (const std::exception& error) {

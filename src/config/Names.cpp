@@ -9,7 +9,9 @@ namespace parlavox {
 namespace {
 
 struct FreeDeleter {
-  void operator()(utf8proc_uint8_t* p) const { std::free(p); }  // NOLINT: utf8proc allocates with malloc
+  void operator()(utf8proc_uint8_t* p) const {
+    std::free(p);
+  }  // NOLINT: utf8proc allocates with malloc
 };
 
 // NFD of valid UTF-8; nullopt for invalid input, which then only equals itself byte for byte.
@@ -71,7 +73,8 @@ std::string firstGraphemes(std::string_view text, std::size_t limit) {
       cp = -1;  // a stray byte is a character of its own
       len = 1;
     }
-    const bool breaks = previous < 0 || cp < 0 || utf8proc_grapheme_break_stateful(previous, cp, &state);
+    const bool breaks =
+        previous < 0 || cp < 0 || utf8proc_grapheme_break_stateful(previous, cp, &state);
     if (breaks) {
       if (clusters == limit) {
         break;

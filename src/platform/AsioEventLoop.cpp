@@ -4,10 +4,13 @@
 
 namespace parlavox::platform {
 
-void AsioEventLoop::post(Task task) { asio::post(context_, std::move(task)); }
+void AsioEventLoop::post(Task task) {
+  asio::post(context_, std::move(task));
+}
 
 void AsioEventLoop::every(std::chrono::milliseconds period, Task tick) {
-  auto& repeating = timers_.emplace_back(Repeating{asio::steady_timer(context_), period, std::move(tick)});
+  auto& repeating =
+      timers_.emplace_back(Repeating{asio::steady_timer(context_), period, std::move(tick)});
   repeating.timer.expires_after(period);
   arm(repeating);
 }
@@ -29,6 +32,8 @@ void AsioEventLoop::run() {
   context_.run();
 }
 
-void AsioEventLoop::stop() { context_.stop(); }
+void AsioEventLoop::stop() {
+  context_.stop();
+}
 
 }  // namespace parlavox::platform

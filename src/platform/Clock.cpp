@@ -5,7 +5,9 @@
 
 namespace parlavox::platform {
 
-MonoTime SteadyClock::now() const { return MonoClock::now(); }
+MonoTime SteadyClock::now() const {
+  return MonoClock::now();
+}
 
 void SteadyClock::sleepUntil(MonoTime deadline) {
   // An absolute sleep on CLOCK_MONOTONIC (steady_clock's clock on Linux): oversleeping one frame

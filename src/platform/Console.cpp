@@ -5,7 +5,9 @@
 
 namespace parlavox::platform {
 
-void StdoutConsole::makeLineBuffered() { std::setvbuf(stdout, nullptr, _IOLBF, 0); }
+void StdoutConsole::makeLineBuffered() {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
 
 void StdoutConsole::print(std::string_view message) {
   // One fwrite per message: stdio's stream lock keeps concurrent messages whole.

@@ -44,12 +44,16 @@ void UdpFlowListener::onDatagram(Bytes datagram, const Endpoint& from) {
   }
 }
 
-void UdpFlowListener::forget(const Endpoint& endpoint) { flows_.erase(endpoint); }
+void UdpFlowListener::forget(const Endpoint& endpoint) {
+  flows_.erase(endpoint);
+}
 
 UdpFlow::UdpFlow(UdpFlowListener& listener, const Endpoint& endpoint, std::uint64_t key)
     : listener_(&listener), endpoint_(endpoint), key_(key) {}
 
-void UdpFlow::start(Handlers handlers) { handlers_ = std::move(handlers); }
+void UdpFlow::start(Handlers handlers) {
+  handlers_ = std::move(handlers);
+}
 
 void UdpFlow::send(Bytes head, Bytes body) {
   if (listener_ != nullptr) {
@@ -63,7 +67,7 @@ void UdpFlow::cancel() {
   }
   UdpFlowListener& listener = *listener_;
   const Endpoint endpoint = endpoint_;  // the table may hold the last reference to this flow
-  listener_ = nullptr;  // delivers nothing more
+  listener_ = nullptr;                  // delivers nothing more
   // The handlers stay: cancel() may be called from inside onDatagram, which must not be destroyed
   // while it runs. They go with the flow.
   if (handlers_.onEnd) {

@@ -229,17 +229,17 @@ void IntercomServer::handleOSC(const std::string& address, const std::string& te
   }
   platform_.console.print(fmt::format("📣 Announcing: \"{}\"", text));
   // Runs on the announcer's thread: it touches no server state, only hands the frame over.
-  announcer_.speak(text, [weak = weak_from_this(), loop = &platform_.loop,
-                          mask = target.mask](Bytes frame) {
-    if (weak.expired()) {
-      return;
-    }
-    loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
-      if (auto self = weak.lock()) {
-        self->broadcastAnnouncement(copy, mask);
-      }
-    });
-  });
+  announcer_.speak(
+      text, [weak = weak_from_this(), loop = &platform_.loop, mask = target.mask](Bytes frame) {
+        if (weak.expired()) {
+          return;
+        }
+        loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+          if (auto self = weak.lock()) {
+            self->broadcastAnnouncement(copy, mask);
+          }
+        });
+      });
 }
 
 void IntercomServer::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {

@@ -25,7 +25,7 @@ struct ServerPlatform {
   platform::Advertiser& advertiser;
   platform::Clock& clock;
   platform::Console& console;
-  std::string sayCommand;                 // the speech command the announcer runs
+  std::string sayCommand;                // the speech command the announcer runs
   std::function<void(int status)> exit;  // ends the process when the intercom listener fails
 };
 

@@ -132,7 +132,8 @@ void IntercomClient::keep(Datagram datagram) {
 std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (controls_.empty()) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
     if (!datagram) {
       return std::nullopt;
@@ -147,7 +148,8 @@ std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseco
 std::optional<Audio> IntercomClient::nextAudio(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (audio_.empty()) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
     if (!datagram) {
       return std::nullopt;
@@ -162,7 +164,8 @@ std::optional<Audio> IntercomClient::nextAudio(std::chrono::milliseconds timeout
 void IntercomClient::collect(std::chrono::milliseconds window) {
   const auto deadline = Clock::now() + window;
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {
       return;
     }
