@@ -24,30 +24,18 @@ std::vector<std::string> numberedChannels(std::size_t count) {
   return channels;
 }
 
-struct ResolveCase {
-  const char* name;
-  std::vector<std::string> channels;
-  std::string address;
-  Kind kind;
-  std::uint32_t mask;
-  std::string channel;
-};
-
-class ResolveAnnouncement : public testing::TestWithParam<ResolveCase> {};
-
-TEST_P(ResolveAnnouncement, Resolves) {
-  const ResolveCase& c = GetParam();
-  const AnnouncementTarget target = resolveAnnouncement(c.address, c.channels);
-  EXPECT_EQ(target.kind, c.kind) << c.name;
-  EXPECT_EQ(target.mask, c.mask) << c.name;
-  EXPECT_EQ(target.channel, c.channel) << c.name;
-}
-
-std::vector<ResolveCase> resolveCases() {
-  return {
+TEST(AnnouncementCommand, ResolvesAddressesAgainstTheChannels) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> channels;
+    std::string address;
+    Kind kind;
+    std::uint32_t mask;
+    std::string channel;
+  };
+  const Case cases[] = {
       {"all channels", showChannels(), "/parlavox/say", Kind::announce, 0xF, ""},
       {"one channel", showChannels(), "/parlavox/say/Tech", Kind::announce, 0x2, ""},
-      {"first channel", showChannels(), "/parlavox/say/Main", Kind::announce, 0x1, ""},
       {"name with a space", showChannels(), "/parlavox/say/Green Room", Kind::announce, 0x8, ""},
       {"case differs", showChannels(), "/parlavox/say/tech", Kind::unknownChannel, 0, "tech"},
       {"no trimming", showChannels(), "/parlavox/say/Tech ", Kind::unknownChannel, 0, "Tech "},
@@ -55,9 +43,7 @@ std::vector<ResolveCase> resolveCases() {
       {"name with a slash", showChannels(), "/parlavox/say/Tech/extra", Kind::unknownChannel, 0,
        "Tech/extra"},
       {"longer word", showChannels(), "/parlavox/sayx", Kind::ignore, 0, ""},
-      {"digit after say", showChannels(), "/parlavox/say2", Kind::ignore, 0, ""},
       {"upper case", showChannels(), "/PARLAVOX/say", Kind::ignore, 0, ""},
-      {"trailing space", showChannels(), "/parlavox/say ", Kind::ignore, 0, ""},
       {"other address", showChannels(), "/cue/go", Kind::ignore, 0, ""},
       {"prefix cut short", showChannels(), "/parlavox/sa", Kind::ignore, 0, ""},
       {"combining mark after the slash", showChannels(), "/parlavox/say/\xCC\x81Tech", Kind::ignore,
@@ -65,13 +51,11 @@ std::vector<ResolveCase> resolveCases() {
       {"32 channels, all", numberedChannels(32), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
       {"32 channels, last", numberedChannels(32), "/parlavox/say/C31", Kind::announce, 0x80000000,
        ""},
-      {"31 channels, all", numberedChannels(31), "/parlavox/say", Kind::announce, 0x7FFFFFFF, ""},
       {"33 channels, all", numberedChannels(33), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
       {"33 channels, beyond the mask", numberedChannels(33), "/parlavox/say/C32", Kind::announce, 0,
        ""},
       {"no channels, all", {}, "/parlavox/say", Kind::announce, 0, ""},
       {"no channels, one", {}, "/parlavox/say/Main", Kind::unknownChannel, 0, "Main"},
-      {"one channel, all", {"Main"}, "/parlavox/say", Kind::announce, 0x1, ""},
       {"channel with an empty name", {"Main", ""}, "/parlavox/say/", Kind::announce, 0x2, ""},
       {"duplicate name takes the first",
        {"A", "Tech", "Tech"},
@@ -98,10 +82,13 @@ std::vector<ResolveCase> resolveCases() {
        0,
        "Re\xCC\x81gies"},
   };
+  for (const auto& c : cases) {
+    const AnnouncementTarget target = resolveAnnouncement(c.address, c.channels);
+    EXPECT_EQ(target.kind, c.kind) << c.name;
+    EXPECT_EQ(target.mask, c.mask) << c.name;
+    EXPECT_EQ(target.channel, c.channel) << c.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(AnnouncementCommand, ResolveAnnouncement,
-                         testing::ValuesIn(resolveCases()));
 
 struct HeaderCase {
   std::uint32_t mask;
@@ -112,7 +99,6 @@ struct HeaderCase {
 TEST(AnnouncementHeader, LaysOutKindSenderMaskAndSeqLittleEndian) {
   const HeaderCase cases[] = {
       {0xF, 1, {0x02, 0xFF, 0xFF, 0x0F, 0x00, 0x00, 0x00, 0x01, 0x00}},
-      {0xF, 2, {0x02, 0xFF, 0xFF, 0x0F, 0x00, 0x00, 0x00, 0x02, 0x00}},
       {0x12345678, 0xABCD, {0x02, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12, 0xCD, 0xAB}},
       {0xFFFFFFFF, 0, {0x02, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}},
       {0, 0xFFFF, {0x02, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF}},

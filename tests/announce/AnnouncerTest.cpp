@@ -13,6 +13,7 @@
 #include "fakes/FakeConsole.h"
 #include "platform/AudioFile.h"
 #include "platform/Process.h"
+#include "support/Samples.h"
 
 namespace parlavox {
 namespace {
@@ -20,7 +21,7 @@ namespace {
 using std::chrono::milliseconds;
 using test::FakeClock;
 using test::FakeConsole;
-using test::ScratchDir;
+using test::TempDir;
 using test::writeScript;
 
 using Frame = std::vector<std::uint8_t>;
@@ -67,55 +68,23 @@ class AnnouncerTest : public ::testing::Test {
     return frames;
   }
 
-  ScratchDir bin_;    // stand-in commands
-  ScratchDir files_;  // audio the stand-ins hand over, and their records
-  ScratchDir tmp_;    // the announcer's temporary directory
+  TempDir bin_;    // stand-in commands
+  TempDir files_;  // audio the stand-ins hand over, and their records
+  TempDir tmp_;    // the announcer's temporary directory
   FakeConsole console_;
   FakeClock clock_;
 };
 
-TEST_F(AnnouncerTest, ReportsACommandThatCannotBeLaunched) {
-  struct Case {
-    std::string name;
-    std::string command;
-    int error;
-  };
-  test::writeFile(bin_ / "not-executable", "#!/bin/sh\nexit 0\n");
-  test::writeFile(bin_ / "not-a-program",
-                  "\x7f"
-                  "ELF garbage, not a program");
-  ::chmod((bin_ / "not-a-program").c_str(), 0755);
-  const Case cases[] = {
-      {"missing", bin_ / "no-such-say", ENOENT},
-      {"not executable", bin_ / "not-executable", EACCES},
-      {"unknown format", bin_ / "not-a-program", ENOEXEC},
-  };
-  for (const auto& c : cases) {
-    const auto frames = announce(c.command, "Places please");
-    EXPECT_TRUE(frames.empty()) << c.name;
-    EXPECT_EQ(console_.take(),
-              std::vector<std::string>{std::string("⚠️  Couldn't run `say`: ") +
-                                       std::strerror(c.error)})
-        << c.name;
-  }
-}
-
-TEST_F(AnnouncerTest, ReportsTheStatusOfAFailedCommand) {
-  struct Case {
-    std::string body;
-    std::string line;
-  };
-  const Case cases[] = {
-      {"exit 1", "⚠️  `say` failed (status 1)"},
-      {"echo partial > \"$2\"; exit 3", "⚠️  `say` failed (status 3)"},
-      // Killed by a signal: reported as a shell would, 128 + the signal's number.
-      {"kill -9 $$", "⚠️  `say` failed (status 137)"},
-  };
-  for (const auto& c : cases) {
-    const auto frames = announce(writeScript(bin_ / "say-fails", c.body), "Places please");
-    EXPECT_TRUE(frames.empty()) << c.body;
-    EXPECT_EQ(console_.take(), std::vector<std::string>{c.line}) << c.body;
-  }
+// Why a program cannot start, and how a status is counted, is runProcess's business (its own
+// tests); here, that the announcer says so in one line and sends nothing.
+TEST_F(AnnouncerTest, ReportsACommandThatCannotBeLaunchedOrFails) {
+  EXPECT_TRUE(announce(bin_ / "no-such-say", "Places please").empty());
+  EXPECT_EQ(console_.take(), std::vector<std::string>{std::string("⚠️  Couldn't run `say`: ") +
+                                                      std::strerror(ENOENT)});
+  // What it wrote before failing is not read.
+  const auto failing = writeScript(bin_ / "say-fails", "echo partial > \"$2\"; exit 3");
+  EXPECT_TRUE(announce(failing, "Places please").empty());
+  EXPECT_EQ(console_.take(), std::vector<std::string>{"⚠️  `say` failed (status 3)"});
 }
 
 TEST_F(AnnouncerTest, ReportsSpeechThatCannotBeRead) {
@@ -140,20 +109,18 @@ TEST_F(AnnouncerTest, SendsExactlyTheWholeFramesOfNetworkRateAudioUnchanged) {
   const auto frames = announce(copyingCommand(audio), "Places please");
 
   ASSERT_EQ(frames.size(), 20U);
-  for (std::size_t k = 0; k < frames.size(); ++k) {
-    ASSERT_EQ(frames[k].size(), 640U);
-    for (std::size_t s = 0; s < 320; ++s) {
-      const auto expected =
-          static_cast<std::int16_t>(std::lround(reference.samples[k * 320 + s] * 32768.0F));
-      const auto got = static_cast<std::int16_t>(frames[k][2 * s] | (frames[k][2 * s + 1] << 8));
-      ASSERT_EQ(got, expected) << "frame " << k << " sample " << s;
-    }
+  auto expected = test::toInt16(reference.samples);
+  expected.resize(20 * 320);
+  std::vector<std::int16_t> sent;
+  for (const auto& frame : frames) {
+    ASSERT_EQ(frame.size(), 640U);
+    const auto samples = test::fromWire(frame);
+    sent.insert(sent.end(), samples.begin(), samples.end());
   }
-  std::vector<platform::MonoTime> deadlines;
-  for (int i = 1; i <= 20; ++i) {
-    deadlines.push_back(FakeClock::kStart + milliseconds(20) * i);
-  }
-  EXPECT_EQ(clock_.deadlines(), deadlines);
+  EXPECT_EQ(sent, expected);
+  // Paced on the clock it was given: the last frame's slot ends 400 ms on.
+  ASSERT_EQ(clock_.deadlines().size(), 20U);
+  EXPECT_EQ(clock_.deadlines().back(), FakeClock::kStart + milliseconds(400));
   EXPECT_EQ(console_.take(), std::vector<std::string>{"📣 Announcement finished (0.4s)"});
 }
 
@@ -176,8 +143,7 @@ TEST_F(AnnouncerTest, ConvertsStereo44kToNetworkRateMono) {
   double sumSquares = 0;
   int peak = 0;
   for (const auto& frame : frames) {
-    for (std::size_t s = 0; s < 320; ++s) {
-      const int v = static_cast<std::int16_t>(frame[2 * s] | (frame[2 * s + 1] << 8));
+    for (const int v : test::fromWire(frame)) {
       sumSquares += static_cast<double>(v) * v;
       peak = std::max(peak, std::abs(v));
     }
@@ -194,8 +160,7 @@ TEST_F(AnnouncerTest, PassesTheTextAsTheLastArgumentUnchanged) {
   const std::string record = files_ / "args";
   const std::string command = writeScript(
       bin_ / "say-records", "printf '%s\\0' \"$@\" > '" + record + "'; cp '" + audio + "' \"$2\"");
-  for (const std::string text :
-       {"-f /etc/passwd", "", "--", "--version", "Places, please: \"Act 2\" in $HOME; `now`"}) {
+  for (const std::string text : {"-f /etc/passwd", "", "Places, please: \"Act 2\" in $HOME"}) {
     announce(command, text);
     const auto args = test::splitNul(test::readFile(record));
     ASSERT_EQ(args.size(), 3U) << text;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 
 #include "config/JsonScan.h"
@@ -10,38 +9,31 @@ namespace {
 
 using Kind = JsonScanProblem::Kind;
 
-struct Scan {
-  const char* label;
-  std::string text;
-  std::size_t maxDepth;
-  std::optional<JsonScanProblem> expected;
-};
-// NOLINTNEXTLINE(readability-identifier-naming): the name GoogleTest looks for
-void PrintTo(const Scan& c, std::ostream* os) {
-  *os << c.label;
+TEST(JsonScan, FindsTheFirstProblem) {
+  struct Case {
+    const char* label;
+    std::string text;
+    std::size_t maxDepth;
+    std::optional<JsonScanProblem> expected;
+  };
+  const Case cases[] = {
+      {"empty", "", 0, std::nullopt},
+      {"flatAtLimit", R"({"a":1})", 1, std::nullopt},
+      {"oneTooDeep", R"({"a":[1]})", 1, JsonScanProblem{Kind::tooDeep, 5}},
+      {"siblingsDoNotAddUp", "[[],[],{},[[]]]", 3, std::nullopt},
+      {"siblingsOneTooDeep", "[[],[],{},[[]]]", 2, JsonScanProblem{Kind::tooDeep, 11}},
+      {"deepSibling", "[[],[[[]]]]", 3, JsonScanProblem{Kind::tooDeep, 6}},
+      {"bracketsInStringsIgnored", R"(["[[[{{{"])", 1, std::nullopt},
+      {"escapedQuoteKeepsString", R"(["\"[[[", "\\"])", 1, std::nullopt},
+      {"escapedBackslashEndsString", R"(["\\", [[]]])", 2, JsonScanProblem{Kind::tooDeep, 8}},
+      {"hugeDepth", std::string(100000, '['), 32, JsonScanProblem{Kind::tooDeep, 32}},
+      {"nulOutsideString", std::string("{}\0", 3), 8, JsonScanProblem{Kind::nulByte, 2}},
+      {"nulInsideString", std::string("[\"a\0\"]", 6), 8, JsonScanProblem{Kind::nulByte, 3}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(scanJson(c.text, c.maxDepth), c.expected) << c.label;
+  }
 }
-
-class ScanJson : public testing::TestWithParam<Scan> {};
-
-TEST_P(ScanJson, FindsTheFirstProblem) {
-  EXPECT_EQ(scanJson(GetParam().text, GetParam().maxDepth), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    JsonScan, ScanJson,
-    testing::Values(
-        Scan{"empty", "", 0, std::nullopt}, Scan{"flatAtLimit", R"({"a":1})", 1, std::nullopt},
-        Scan{"oneTooDeep", R"({"a":[1]})", 1, JsonScanProblem{Kind::tooDeep, 5}},
-        Scan{"siblingsDoNotAddUp", "[[],[],{},[[]]]", 3, std::nullopt},
-        Scan{"siblingsOneTooDeep", "[[],[],{},[[]]]", 2, JsonScanProblem{Kind::tooDeep, 11}},
-        Scan{"deepSibling", "[[],[[[]]]]", 3, JsonScanProblem{Kind::tooDeep, 6}},
-        Scan{"bracketsInStringsIgnored", R"(["[[[{{{"])", 1, std::nullopt},
-        Scan{"escapedQuoteKeepsString", R"(["\"[[[", "\\"])", 1, std::nullopt},
-        Scan{"escapedBackslashEndsString", R"(["\\", [[]]])", 2, JsonScanProblem{Kind::tooDeep, 8}},
-        Scan{"hugeDepth", std::string(100000, '['), 32, JsonScanProblem{Kind::tooDeep, 32}},
-        Scan{"nulOutsideString", std::string("{}\0", 3), 8, JsonScanProblem{Kind::nulByte, 2}},
-        Scan{"nulInsideString", std::string("[\"a\0\"]", 6), 8, JsonScanProblem{Kind::nulByte, 3}}),
-    [](const auto& p) { return std::string(p.param.label); });
 
 }  // namespace
 }  // namespace parlavox

@@ -1,14 +1,11 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "config/RolesFile.h"
 #include "fakes/FakeConsole.h"
+#include "support/TempDir.h"
 
 namespace parlavox {
 namespace {
@@ -25,46 +22,27 @@ std::string warning(const fs::path& path, const std::string& error) {
          "\n    Using built-in defaults instead.";
 }
 
-std::string contents(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-// Each test gets a fresh directory of its own, removed afterwards.
 class LoadConfig : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "parlavox-config-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-
-  fs::path dir_;
+  test::TempDir temp_;
+  const fs::path dir_ = temp_.path();
   test::FakeConsole console_;
 };
 
 TEST_F(LoadConfig, MissingFileIsWrittenWithTheBuiltInShow) {
   const auto path = dir_ / "roles.json";
   EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());
-  EXPECT_EQ(contents(path), encodeConfig(defaultConfig()));
+  EXPECT_EQ(test::readFile(path), encodeConfig(defaultConfig()));
   EXPECT_EQ(console_.lines(), std::vector<std::string>{notice(path)});
 }
 
 TEST_F(LoadConfig, ValidFileIsUsedSilently) {
   const auto path = dir_ / "show.json";
   const std::string text = R"({"show":"Hamlet","channels":["A"],"roles":[],"oscPort":9000})";
-  writeFile(path, text);
+  test::writeFile(path, text);
   EXPECT_EQ(loadConfig(path.string(), console_), (Config{"Hamlet", {"A"}, {}, 9000}));
   EXPECT_TRUE(console_.lines().empty());
-  EXPECT_EQ(contents(path), text);
+  EXPECT_EQ(test::readFile(path), text);
 }
 
 TEST_F(LoadConfig, BadFileIsLeftAloneWithAWarning) {
@@ -82,9 +60,9 @@ TEST_F(LoadConfig, BadFileIsLeftAloneWithAWarning) {
   const auto path = dir_ / "roles.json";
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    writeFile(path, c.text);
+    test::writeFile(path, c.text);
     EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());
-    EXPECT_EQ(contents(path), c.text);
+    EXPECT_EQ(test::readFile(path), c.text);
     EXPECT_EQ(console_.take(), std::vector<std::string>{warning(path, c.error)});
   }
 }
@@ -110,7 +88,7 @@ TEST_F(LoadConfig, LinkToAMissingFileIsNotWrittenThrough) {
 
 TEST_F(LoadConfig, OversizedFileIsRefusedWithoutDecoding) {
   const auto path = dir_ / "roles.json";
-  writeFile(path, "{");
+  test::writeFile(path, "{");
   fs::resize_file(path, std::uintmax_t{17} * 1024 * 1024);  // sparse: cheap to make
   EXPECT_EQ(loadConfig(path.string(), console_), defaultConfig());
   EXPECT_EQ(fs::file_size(path), std::uintmax_t{17} * 1024 * 1024);
@@ -130,7 +108,7 @@ TEST_F(LoadConfig, RelativePathIsResolvedAgainstTheWorkingDirectory) {
   fs::current_path(dir_);
   const Config loaded = loadConfig("roles.json", console_);
   const auto lines = console_.take();
-  writeFile("bad.json", "{");
+  test::writeFile("bad.json", "{");
   loadConfig("./bad.json", console_);
   const auto warnings = console_.take();
   fs::current_path(before);
@@ -138,7 +116,7 @@ TEST_F(LoadConfig, RelativePathIsResolvedAgainstTheWorkingDirectory) {
   // The working directory as the kernel reports it: the temporary directory may sit behind a link.
   const auto cwd = fs::canonical(dir_);
   EXPECT_EQ(loaded, defaultConfig());
-  EXPECT_EQ(contents(dir_ / "roles.json"), encodeConfig(defaultConfig()));
+  EXPECT_EQ(test::readFile(dir_ / "roles.json"), encodeConfig(defaultConfig()));
   EXPECT_EQ(lines, std::vector<std::string>{notice(cwd / "roles.json")});
   ASSERT_EQ(warnings.size(), 1U);
   EXPECT_EQ(warnings[0], warning(cwd / "./bad.json", decodeConfig("{").error));

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <mutex>
-#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "fakes/FakeClock.h"
 #include "fakes/FakeConsole.h"
 #include "fakes/FakeDatagramReceiver.h"
 #include "platform/Advertiser.h"
@@ -87,31 +86,16 @@ class FakeNetwork final : public platform::Network {
   FakeDatagramNetwork datagrams;
 };
 
-// Runs posted tasks when the test says so; remembers repeating ticks without running them.
+// Keeps posted tasks without running them; remembers repeating ticks for the test to run.
 class FakeEventLoop final : public platform::EventLoop {
  public:
   void post(Task task) override {
     std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
+    posted_.push_back(std::move(task));
   }
   void every(std::chrono::milliseconds period, Task tick) override {
     periods.push_back(period);
     ticks.push_back(std::move(tick));
-  }
-  // Runs what has been posted so far, and what those tasks post in turn.
-  void runPending() {
-    for (;;) {
-      Task task;
-      {
-        std::lock_guard lock(mutex_);
-        if (tasks_.empty()) {
-          return;
-        }
-        task = std::move(tasks_.front());
-        tasks_.pop_front();
-      }
-      task();
-    }
   }
 
   std::vector<std::chrono::milliseconds> periods;
@@ -119,7 +103,7 @@ class FakeEventLoop final : public platform::EventLoop {
 
  private:
   std::mutex mutex_;
-  std::deque<Task> tasks_;
+  std::vector<Task> posted_;
 };
 
 class FakeAdvertiser final : public platform::Advertiser {
@@ -135,21 +119,7 @@ class FakeAdvertiser final : public platform::Advertiser {
   std::vector<Service> advertised;
 };
 
-// Time that moves only when the test moves it (or a sleeper jumps it forward). Safe to read from
-// the announcer's thread.
-class ManualClock final : public platform::Clock {
- public:
-  platform::MonoTime now() const override { return platform::MonoTime(ticks_.load()); }
-  void sleepUntil(platform::MonoTime deadline) override {
-    auto current = ticks_.load();
-    while (deadline.time_since_epoch() > current &&
-           !ticks_.compare_exchange_weak(current, deadline.time_since_epoch())) {
-    }
-  }
-  void advance(platform::MonoClock::duration by) { ticks_.store(ticks_.load() + by); }
-
- private:
-  std::atomic<platform::MonoClock::duration> ticks_{std::chrono::hours(1)};
-};
+// An older name of the same clock, still used by some tests.
+using ManualClock = FakeClock;
 
 }  // namespace parlavox::test

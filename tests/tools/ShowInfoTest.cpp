@@ -99,7 +99,6 @@ TEST(ShowInfo, ParsesMasksAsNumbersOrChannelNames) {
       {"Tech,Tech", 2U},
       {"main", "unknown channel \"main\" " + channels},
       {"Main,,Tech", "unknown channel \"\" " + channels},
-      {"Main,", "unknown channel \"\" " + channels},
       {"0x", "unknown channel \"0x\" " + channels},
       {"-1", "unknown channel \"-1\" " + channels},
       {"4294967296", "--mask 4294967296 does not fit 32 channels"},

@@ -1,43 +1,19 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <filesystem>
-#include <random>
-
 #include "platform/AudioFile.h"
 #include "platform/WavWriter.h"
+#include "support/Samples.h"
+#include "support/TempDir.h"
 
 namespace parlavox::platform {
 namespace {
 
 class WavWriterTest : public testing::Test {
- public:
-  WavWriterTest() {
-    std::random_device random;
-    dir_ = std::filesystem::temp_directory_path() / ("parlavox-wav-" + std::to_string(random()));
-    std::filesystem::create_directories(dir_);
-  }
-  ~WavWriterTest() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-  WavWriterTest(const WavWriterTest&) = delete;
-  WavWriterTest& operator=(const WavWriterTest&) = delete;
-
  protected:
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-
-  // The file as 16-bit values (libsndfile reads 16-bit PCM back as exact multiples of 1/32768).
-  static std::vector<std::int16_t> samplesOf(const AudioReadResult& read) {
-    std::vector<std::int16_t> out;
-    for (const float value : read.samples) {
-      out.push_back(static_cast<std::int16_t>(std::lround(value * 32768.0F)));
-    }
-    return out;
-  }
+  std::string path(const std::string& name) const { return dir_ / name; }
 
  private:
-  std::filesystem::path dir_;
+  test::TempDir dir_;
 };
 
 TEST_F(WavWriterTest, WritesMono16BitAtTheRateAskedAndIsCompleteBeforeClose) {
@@ -61,7 +37,8 @@ TEST_F(WavWriterTest, WritesMono16BitAtTheRateAskedAndIsCompleteBeforeClose) {
   ASSERT_EQ(read.status, AudioReadResult::Status::ok) << read.error;
   EXPECT_EQ(read.sampleRate, 16000);
   EXPECT_EQ(read.channels, 1);
-  EXPECT_EQ(samplesOf(read), (std::vector<std::int16_t>{0, 1, -1, 32767, -32768, 1234, -4321}));
+  EXPECT_EQ(test::toInt16(read.samples),
+            (std::vector<std::int16_t>{0, 1, -1, 32767, -32768, 1234, -4321}));
 }
 
 TEST_F(WavWriterTest, SaysWhyWhenItCannotWrite) {

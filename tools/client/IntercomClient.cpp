@@ -32,6 +32,21 @@ std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
                std::vector<std::uint8_t>(datagram.begin() + 9, datagram.end())};
 }
 
+Datagram encodeAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
+                     std::span<const std::uint8_t> samples) {
+  Datagram datagram{0x02,
+                    static_cast<std::uint8_t>(senderID),
+                    static_cast<std::uint8_t>(senderID >> 8),
+                    static_cast<std::uint8_t>(mask),
+                    static_cast<std::uint8_t>(mask >> 8),
+                    static_cast<std::uint8_t>(mask >> 16),
+                    static_cast<std::uint8_t>(mask >> 24),
+                    static_cast<std::uint8_t>(seq),
+                    static_cast<std::uint8_t>(seq >> 8)};
+  datagram.insert(datagram.end(), samples.begin(), samples.end());
+  return datagram;
+}
+
 IntercomClient::IntercomClient(const std::string& host, std::uint16_t port) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -79,17 +94,7 @@ void IntercomClient::sendControl(const nlohmann::json& message) {
 
 void IntercomClient::sendAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
                                std::span<const std::uint8_t> samples) {
-  Datagram datagram{0x02,
-                    static_cast<std::uint8_t>(senderID),
-                    static_cast<std::uint8_t>(senderID >> 8),
-                    static_cast<std::uint8_t>(mask),
-                    static_cast<std::uint8_t>(mask >> 8),
-                    static_cast<std::uint8_t>(mask >> 16),
-                    static_cast<std::uint8_t>(mask >> 24),
-                    static_cast<std::uint8_t>(seq),
-                    static_cast<std::uint8_t>(seq >> 8)};
-  datagram.insert(datagram.end(), samples.begin(), samples.end());
-  sendRaw(datagram);
+  sendRaw(encodeAudio(senderID, mask, seq, samples));
 }
 
 std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeout) {

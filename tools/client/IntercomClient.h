@@ -22,6 +22,11 @@ struct Audio {
   static std::optional<Audio> parse(std::span<const std::uint8_t> datagram);
 };
 
+// Any thread. An audio datagram: kind 0x02, then sender, mask and sequence number little-endian,
+// then the samples as given.
+Datagram encodeAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
+                     std::span<const std::uint8_t> samples);
+
 // A crew client over a real UDP socket: what a crew device does, for tests and for the
 // parlavox-client tool. Not thread-safe; one user at a time.
 class IntercomClient {

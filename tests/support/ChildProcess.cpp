@@ -1,63 +1,54 @@
-#include "e2e/ServerProcess.h"
+#include "support/ChildProcess.h"
 
-#include <signal.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <random>
 #include <stdexcept>
 
 extern char** environ;
 
 namespace parlavox::test {
+namespace {
 
-TempDir::TempDir() {
-  std::random_device random;
-  path_ = std::filesystem::temp_directory_path() / ("parlavox-test-" + std::to_string(random()));
-  std::filesystem::create_directories(path_);
+// argv/envp arrays pointing into `strings`, which must outlive them.
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> out;
+  out.reserve(strings.size() + 1);
+  for (auto& s : strings) {
+    out.push_back(s.data());
+  }
+  out.push_back(nullptr);
+  return out;
 }
 
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
+}  // namespace
 
-std::string ServerProcess::binary() { return PARLAVOX_BINARY; }
-
-ServerProcess::ServerProcess(const std::filesystem::path& workingDir,
-                             const std::vector<std::string>& args,
-                             const std::vector<std::string>& extraEnv) {
-  int out[2];
-  int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           const std::filesystem::path& workingDir,
+                           const std::vector<std::string>& extraEnv) {
+  std::array<int, 2> out{};
+  std::array<int, 2> err{};
+  if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe failed");
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
   posix_spawn_file_actions_addchdir_np(&actions, workingDir.c_str());
-  std::vector<std::string> argStrings{binary()};
+  std::vector<std::string> argStrings{program};
   argStrings.insert(argStrings.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : argStrings) {
-    argv.push_back(a.data());
-  }
-  argv.push_back(nullptr);
   std::vector<std::string> envStrings;
   for (char** e = environ; *e != nullptr; ++e) {
     envStrings.emplace_back(*e);
   }
   envStrings.insert(envStrings.end(), extraEnv.begin(), extraEnv.end());
-  std::vector<char*> envp;
-  for (auto& e : envStrings) {
-    envp.push_back(e.data());
-  }
-  envp.push_back(nullptr);
+  auto argv = pointers(argStrings);
+  auto envp = pointers(envStrings);
   const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
@@ -65,19 +56,19 @@ ServerProcess::ServerProcess(const std::filesystem::path& workingDir,
   if (spawned != 0) {
     close(out[0]);
     close(err[0]);
-    throw std::runtime_error("can't start " + binary());
+    throw std::runtime_error("can't start " + program);
   }
   outReader_ = std::thread([this, fd = out[0]] { readOutput(fd, false); });
   errReader_ = std::thread([this, fd = err[0]] { readOutput(fd, true); });
 }
 
-ServerProcess::~ServerProcess() {
-  kill();
+ChildProcess::~ChildProcess() {
+  stop();
   outReader_.join();
   errReader_.join();
 }
 
-void ServerProcess::readOutput(int fd, bool isError) {
+void ChildProcess::readOutput(int fd, bool isError) {
   std::array<char, 4096> buffer{};
   for (;;) {
     const ssize_t n = read(fd, buffer.data(), buffer.size());
@@ -103,8 +94,8 @@ void ServerProcess::readOutput(int fd, bool isError) {
   changed_.notify_all();
 }
 
-std::optional<std::string> ServerProcess::waitForLine(const std::string& text,
-                                                      std::chrono::milliseconds timeout) {
+std::optional<std::string> ChildProcess::waitForLine(const std::string& text,
+                                                     std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
   std::optional<std::string> found;
   changed_.wait_for(lock, timeout, [&] {
@@ -119,7 +110,7 @@ std::optional<std::string> ServerProcess::waitForLine(const std::string& text,
   return found;
 }
 
-std::size_t ServerProcess::count(const std::string& text) const {
+std::size_t ChildProcess::count(const std::string& text) const {
   std::lock_guard lock(mutex_);
   std::size_t n = 0;
   for (const auto& line : lines_) {
@@ -128,22 +119,27 @@ std::size_t ServerProcess::count(const std::string& text) const {
   return n;
 }
 
-std::vector<std::string> ServerProcess::lines() const {
+std::vector<std::string> ChildProcess::lines() const {
   std::lock_guard lock(mutex_);
   return lines_;
 }
 
-std::string ServerProcess::standardError() const {
+std::string ChildProcess::standardError() const {
   std::lock_guard lock(mutex_);
   return error_;
 }
 
-std::optional<int> ServerProcess::waitForExit(std::chrono::milliseconds timeout) {
+void ChildProcess::signal(int signal) {
+  if (!status_) {
+    ::kill(pid_, signal);
+  }
+}
+
+std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!status_) {
     int status = 0;
-    const pid_t done = waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
       status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
       break;
     }
@@ -158,7 +154,7 @@ std::optional<int> ServerProcess::waitForExit(std::chrono::milliseconds timeout)
   return status_;
 }
 
-void ServerProcess::kill() {
+void ChildProcess::stop() {
   if (!status_) {
     ::kill(pid_, SIGTERM);
     if (!waitForExit(std::chrono::seconds(5))) {
@@ -168,28 +164,39 @@ void ServerProcess::kill() {
   }
 }
 
-}  // namespace parlavox::test
+ChildRun runToEnd(const std::string& program, const std::vector<std::string>& args,
+                  const std::filesystem::path& workingDir, const std::vector<std::string>& extraEnv,
+                  std::chrono::milliseconds timeout) {
+  ChildProcess process(program, args, workingDir, extraEnv);
+  ChildRun run;
+  run.status = process.waitForExit(timeout);
+  run.lines = process.lines();
+  run.standardError = process.standardError();
+  return run;
+}
 
-namespace parlavox::test {
-
-int runProgram(const std::vector<std::string>& args) {
-  std::vector<std::string> copy = args;
-  std::vector<char*> argv;
-  for (auto& a : copy) {
-    argv.push_back(a.data());
-  }
-  argv.push_back(nullptr);
+int runProgram(const std::vector<std::string>& argv) {
+  std::vector<std::string> copy = argv;
+  auto pointerArgs = pointers(copy);
   pid_t pid = -1;
-  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+  if (posix_spawnp(&pid, pointerArgs[0], nullptr, nullptr, pointerArgs.data(), environ) != 0) {
     return -1;
   }
   int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+    return -1;
+  }
+  return WEXITSTATUS(status);
 }
 
-std::filesystem::path binaryDirectory() {
-  return std::filesystem::path(ServerProcess::binary()).parent_path();
+std::string parlavoxBinary() {
+  return PARLAVOX_BINARY;
+}
+std::string parlavoxClientBinary() {
+  return PARLAVOX_CLIENT_BINARY;
+}
+std::string parlavoxSayBinary() {
+  return PARLAVOX_SAY_BINARY;
 }
 
 }  // namespace parlavox::test

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/IntercomClient.h"
+#include "config/Config.h"
+#include "support/ChildProcess.h"
+#include "support/TempDir.h"
+
+namespace parlavox::test {
+
+// The real server, started by the test in a scratch directory of its own, and crew clients that
+// join it over loopback. For the test's thread only.
+class ServerFixture : public testing::Test {
+ protected:
+  // Writes `config` as the roles file and starts the server; returns once it listens.
+  void startWith(const Config& config);
+  // A crew client that has joined as `role`, with its welcome and the rosters so far read.
+  std::unique_ptr<client::IntercomClient> member(const std::string& name, const std::string& role);
+  // Every audio datagram that reaches `client`, waiting `first` for the first and then until
+  // `quiet` passes without one.
+  static std::vector<client::Audio> audioUntilQuiet(
+      client::IntercomClient& client, std::chrono::milliseconds first = std::chrono::seconds(10),
+      std::chrono::milliseconds quiet = std::chrono::milliseconds(1500));
+
+  TempDir dir;
+  std::unique_ptr<ChildProcess> server;
+};
+
+}  // namespace parlavox::test

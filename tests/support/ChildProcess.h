@@ -1,0 +1,81 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace parlavox::test {
+
+// A program under test, run without a shell in a working directory of the test's choosing, with
+// its standard output read line by line and its standard error kept apart (the programs of this
+// project must leave it empty). Stopped with SIGTERM, then SIGKILL, when destroyed.
+class ChildProcess {
+ public:
+  // Starts `program` (a path) with `args`; `extraEnv` ("NAME=value") is added to our environment.
+  // Throws std::runtime_error when it cannot be started.
+  ChildProcess(const std::string& program, const std::vector<std::string>& args,
+               const std::filesystem::path& workingDir,
+               const std::vector<std::string>& extraEnv = {});
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Any thread. The first line, from the start of output, that contains `text`; waits up to
+  // `timeout`, or less if the program closes its output first.
+  std::optional<std::string> waitForLine(
+      const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  // Any thread. How many lines so far contain `text`.
+  std::size_t count(const std::string& text) const;
+  std::vector<std::string> lines() const;
+  std::string standardError() const;
+  // The test's thread. Sends `signal` (SIGINT for Ctrl-C) unless the program has ended.
+  void signal(int signal);
+  // The test's thread. The exit status if the program ends within `timeout` (-signal when a
+  // signal ended it); all its output has been read by then.
+  std::optional<int> waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // The test's thread. SIGTERM, and SIGKILL if that does not end it within 5 s.
+  void stop();
+
+ private:
+  void readOutput(int fd, bool isError);
+
+  pid_t pid_ = -1;
+  std::optional<int> status_;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+  std::string partial_;
+  std::string error_;
+  int openStreams_ = 2;
+  std::thread outReader_;
+  std::thread errReader_;
+};
+
+// How a program run to its end ended, and what it printed.
+struct ChildRun {
+  std::optional<int> status;  // nothing if it was still running after the timeout
+  std::vector<std::string> lines;
+  std::string standardError;
+};
+ChildRun runToEnd(const std::string& program, const std::vector<std::string>& args,
+                  const std::filesystem::path& workingDir,
+                  const std::vector<std::string>& extraEnv = {},
+                  std::chrono::milliseconds timeout = std::chrono::seconds(15));
+
+// Runs a program found on PATH (sox, oscsend, ...) to its end, output inherited: its exit status,
+// or -1 if it could not be started or a signal ended it.
+int runProgram(const std::vector<std::string>& argv);
+
+// The programs under test, from the build tree.
+std::string parlavoxBinary();
+std::string parlavoxClientBinary();
+std::string parlavoxSayBinary();
+
+}  // namespace parlavox::test

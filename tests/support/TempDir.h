@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace parlavox::test {
+
+// A fresh empty directory under the system's temporary directory, removed with everything in it
+// when the test is done with it. Any thread.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
+  // The names directly inside, in no particular order.
+  std::vector<std::string> entries() const;
+
+ private:
+  std::string path_;
+};
+
+// Whole-file helpers; writeFile throws std::runtime_error when the file cannot be written.
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, std::string_view content);
+// An executable /bin/sh script with `body` after the interpreter line; returns `path`.
+std::string writeScript(const std::string& path, std::string_view body);
+
+}  // namespace parlavox::test
