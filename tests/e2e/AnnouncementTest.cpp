@@ -6,6 +6,7 @@
 
 #include "e2e/ServerFixture.h"
 #include "platform/AudioFile.h"
+#include "platform/WavWriter.h"
 #include "support/Samples.h"
 
 namespace parlavox::test {
@@ -62,20 +63,30 @@ TEST_F(Announcements, AllChannelsHearSpeechFromTheAnnouncer) {
   EXPECT_GT(std::chrono::duration<double>(took).count(), seconds * 0.75);
   EXPECT_LT(std::chrono::duration<double>(took).count(), seconds * 1.5 + 5.0);
 
+  // What the Green Room heard, as a WAV file a person could play, read back whole.
+  const auto wav = dir / "heard.wav";
+  platform::WavWriter writer;
+  ASSERT_TRUE(writer.open(wav, 16000));
+  for (const auto& frame : heard) {
+    ASSERT_TRUE(writer.append(fromWire(frame.samples)));
+  }
+  ASSERT_TRUE(writer.close());
+  const auto file = platform::readAudioFile(wav);
+  ASSERT_EQ(file.status, platform::AudioReadResult::Status::ok);
+  EXPECT_EQ(file.sampleRate, 16000);
+  EXPECT_EQ(file.frames, heard.size() * 320) << "the expected length";
+
   // Loud enough, and not noise (which byte-swapped samples would be): white noise crosses zero
   // about every other sample, speech far less often.
   double energy = 0;
   std::size_t crossings = 0;
   double previous = 0;
-  for (const auto& frame : heard) {
-    for (const std::int16_t sample : fromWire(frame.samples)) {
-      const double s = sample / 32768.0;
-      energy += s * s;
-      crossings += (previous < 0) != (s < 0) ? 1U : 0U;
-      previous = s;
-    }
+  for (const float s : file.samples) {
+    energy += static_cast<double>(s) * s;
+    crossings += (previous < 0) != (s < 0) ? 1U : 0U;
+    previous = s;
   }
-  const auto samples = static_cast<double>(heard.size() * 320);
+  const auto samples = static_cast<double>(file.samples.size());
   EXPECT_GT(std::sqrt(energy / samples), 0.01) << "not silence";
   EXPECT_LT(static_cast<double>(crossings) / samples, 0.25) << "not noise";
 }
