@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <asio/ip/v6_only.hpp>
+#include <asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -11,7 +12,13 @@ namespace parlavox::platform {
 namespace {
 
 constexpr std::size_t kBatch = 16;
-constexpr std::size_t kMaxDatagram = 65536;  // larger than any UDP payload
+constexpr std::size_t kMaxDatagram = 65536;       // larger than any UDP payload
+constexpr std::size_t kMaxHeld = 1024;            // the most one sendmmsg takes (UIO_MAXIOV)
+constexpr std::size_t kArena = 2 * kMaxDatagram;  // always room for one more datagram
+// How much receiving does in one turn of the loop before it yields to other work: one fan-out to
+// a full house, a batch of smaller ones, or a run of datagrams that send nothing.
+constexpr std::size_t kSendsPerTurn = 256;
+constexpr std::size_t kDatagramsPerTurn = 64;
 
 asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) {
   asio::ip::udp::socket socket(context);
@@ -79,9 +86,15 @@ UdpSocket::UdpSocket(asio::io_context& context, std::uint16_t port)
       buffers_(kBatch * kMaxDatagram),
       messages_(kBatch),
       iovecs_(kBatch),
-      sources_(kBatch) {}
+      sources_(kBatch),
+      arena_(kArena),
+      outgoing_(kMaxHeld),
+      outgoingIov_(2 * kMaxHeld) {
+  pending_.reserve(kMaxHeld);
+}
 
 UdpSocket::~UdpSocket() {
+  alive_.reset();
   std::error_code ignored;
   socket_.close(ignored);
 }
@@ -101,77 +114,173 @@ void UdpSocket::waitReadable() {
       onFailed_(error.message());
       return;
     }
-    if (drain()) {
-      waitReadable();
+    receive();
+  });
+}
+
+// Hands on what is waiting, until the socket is empty, but only a few fan-outs' worth per turn of
+// the loop: timers and posted work (announcement frames) then wait behind one relayed datagram,
+// not behind a whole backlog of them.
+void UdpSocket::receive() {
+  std::size_t sent = 0;
+  for (std::size_t handled = 0; handled < kDatagramsPerTurn && sent < kSendsPerTurn; ++handled) {
+    if (next_ == received_) {
+      const int count = readBatch();
+      if (count < 0) {
+        return;  // failed, reported
+      }
+      if (count == 0) {
+        waitReadable();  // empty: until more comes
+        return;
+      }
+      received_ = static_cast<std::size_t>(count);
+      next_ = 0;
+    }
+    sent += deliver(next_++);
+  }
+  asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
+    if (alive.lock()) {
+      receive();
     }
   });
 }
 
-// Reads what is waiting, in batches, and hands each datagram on. False once the socket failed.
-bool UdpSocket::drain() {
-  for (int round = 0; round < 4; ++round) {  // bounded, so timers and posted work get their turn
-    for (std::size_t i = 0; i < kBatch; ++i) {
-      iovecs_[i] = {buffers_.data() + i * kMaxDatagram, kMaxDatagram};
-      messages_[i].msg_hdr = msghdr{};
-      messages_[i].msg_hdr.msg_name = &sources_[i];
-      messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
-      messages_[i].msg_hdr.msg_iov = &iovecs_[i];
-      messages_[i].msg_hdr.msg_iovlen = 1;
-    }
-    const int count = ::recvmmsg(socket_.native_handle(), messages_.data(),
-                                 static_cast<unsigned>(kBatch), MSG_DONTWAIT, nullptr);
-    if (count < 0) {
-      if (isTransient(errno)) {
-        return true;
-      }
-      onFailed_(std::system_category().message(errno));
-      return false;
-    }
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-      Endpoint from;
-      if (v4_) {
-        // Keep one key form: IPv4 senders as v4-mapped IPv6.
-        sockaddr_in v4from{};
-        std::memcpy(&v4from, &sources_[i], sizeof v4from);
-        from.address.sin6_family = AF_INET6;
-        from.address.sin6_port = v4from.sin_port;
-        from.address.sin6_addr.s6_addr[10] = 0xFF;
-        from.address.sin6_addr.s6_addr[11] = 0xFF;
-        std::memcpy(&from.address.sin6_addr.s6_addr[12], &v4from.sin_addr, 4);
-      } else {
-        from.address = sources_[i];
-      }
-      onDatagram_(Bytes(buffers_.data() + i * kMaxDatagram, messages_[i].msg_len), from);
-    }
-    if (static_cast<std::size_t>(count) < kBatch) {
-      return true;
-    }
+// One recvmmsg: how many datagrams it read, 0 when nothing is waiting, -1 once the socket failed.
+int UdpSocket::readBatch() {
+  for (std::size_t i = 0; i < kBatch; ++i) {
+    iovecs_[i] = {buffers_.data() + i * kMaxDatagram, kMaxDatagram};
+    messages_[i].msg_hdr = msghdr{};
+    messages_[i].msg_hdr.msg_name = &sources_[i];
+    messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
+    messages_[i].msg_hdr.msg_iov = &iovecs_[i];
+    messages_[i].msg_hdr.msg_iovlen = 1;
   }
-  return true;
+  const int count = ::recvmmsg(socket_.native_handle(), messages_.data(),
+                               static_cast<unsigned>(kBatch), MSG_DONTWAIT, nullptr);
+  if (count >= 0) {
+    return count;
+  }
+  if (isTransient(errno)) {
+    return 0;
+  }
+  onFailed_(std::system_category().message(errno));
+  return -1;
 }
 
-void UdpSocket::sendTo(const Endpoint& to, Bytes head, Bytes body) {
-  sockaddr_storage storage{};
-  socklen_t length = 0;
+// Hands datagram `i` of the batch on, then sends what its handler sent. Returns how many.
+std::size_t UdpSocket::deliver(std::size_t i) {
+  Endpoint from;
   if (v4_) {
-    auto& v4to = reinterpret_cast<sockaddr_in&>(storage);
+    // Keep one key form: IPv4 senders as v4-mapped IPv6.
+    sockaddr_in v4from{};
+    std::memcpy(&v4from, &sources_[i], sizeof v4from);
+    from.address.sin6_family = AF_INET6;
+    from.address.sin6_port = v4from.sin_port;
+    from.address.sin6_addr.s6_addr[10] = 0xFF;
+    from.address.sin6_addr.s6_addr[11] = 0xFF;
+    std::memcpy(&from.address.sin6_addr.s6_addr[12], &v4from.sin_addr, 4);
+  } else {
+    from.address = sources_[i];
+  }
+  inHandler_ = true;
+  onDatagram_(Bytes(buffers_.data() + i * kMaxDatagram, messages_[i].msg_len), from);
+  inHandler_ = false;
+  const std::size_t sent = pending_.size();
+  flush();
+  return sent;
+}
+
+socklen_t UdpSocket::destination(const Endpoint& to, sockaddr_in6& address) const {
+  if (v4_) {
+    sockaddr_in v4to{};
     v4to.sin_family = AF_INET;
     v4to.sin_port = to.address.sin6_port;
     std::memcpy(&v4to.sin_addr, &to.address.sin6_addr.s6_addr[12], 4);
-    length = sizeof(sockaddr_in);
-  } else {
-    std::memcpy(&storage, &to.address, sizeof(sockaddr_in6));
-    length = sizeof(sockaddr_in6);
+    std::memcpy(&address, &v4to, sizeof v4to);
+    return sizeof(sockaddr_in);
   }
-  iovec parts[2] = {{const_cast<std::uint8_t*>(head.data()), head.size()},
-                    {const_cast<std::uint8_t*>(body.data()), body.size()}};
-  msghdr message{};
-  message.msg_name = &storage;
-  message.msg_namelen = length;
-  message.msg_iov = parts;
-  message.msg_iovlen = body.empty() ? 1 : 2;
-  // Fire and forget: the result is deliberately not looked at.
-  (void)::sendmsg(socket_.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  address = to.address;
+  return sizeof(sockaddr_in6);
+}
+
+void UdpSocket::sendTo(const Endpoint& to, Bytes head, Bytes body) {
+  hold(to, head, body);
+  if (!inHandler_ && !flushQueued_) {
+    // Sent from a timer or a posted task: whatever that task sends leaves together, right after
+    // it returns.
+    flushQueued_ = true;
+    asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
+      if (alive.lock()) {
+        flushQueued_ = false;
+        flush();
+      }
+    });
+  }
+}
+
+void UdpSocket::hold(const Endpoint& to, Bytes head, Bytes body) {
+  if (head.size() + body.size() > kMaxDatagram) {
+    return;  // larger than any UDP datagram: the kernel would refuse it anyway
+  }
+  // The previous send's body, when this one carries the same bytes.
+  const Pending* previous = pending_.empty() ? nullptr : &pending_.back();
+  const bool sameBody = previous != nullptr && previous->bodySize == body.size() &&
+                        (body.empty() || std::memcmp(arena_.data() + previous->bodyAt, body.data(),
+                                                     body.size()) == 0);
+  const std::size_t needed = head.size() + (sameBody ? 0 : body.size());
+  if (pending_.size() == kMaxHeld || arenaUsed_ + needed > arena_.size()) {
+    flush();
+    hold(to, head, body);
+    return;
+  }
+  Pending held{};
+  held.addressLength = destination(to, held.address);
+  held.headAt = arenaUsed_;
+  held.headSize = head.size();
+  if (!head.empty()) {
+    std::memcpy(arena_.data() + arenaUsed_, head.data(), head.size());
+  }
+  arenaUsed_ += head.size();
+  if (sameBody) {
+    held.bodyAt = previous->bodyAt;
+  } else {
+    held.bodyAt = arenaUsed_;
+    if (!body.empty()) {
+      std::memcpy(arena_.data() + arenaUsed_, body.data(), body.size());
+    }
+    arenaUsed_ += body.size();
+  }
+  held.bodySize = body.size();
+  pending_.push_back(held);
+}
+
+void UdpSocket::flush() {
+  const std::size_t count = pending_.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    Pending& held = pending_[i];
+    iovec* parts = &outgoingIov_[2 * i];
+    parts[0] = {arena_.data() + held.headAt, held.headSize};
+    parts[1] = {arena_.data() + held.bodyAt, held.bodySize};
+    msghdr& message = outgoing_[i].msg_hdr;
+    message = msghdr{};
+    message.msg_name = &held.address;
+    message.msg_namelen = held.addressLength;
+    message.msg_iov = parts;
+    message.msg_iovlen = held.bodySize == 0 ? 1 : 2;
+  }
+  // sendmmsg stops at the first datagram the kernel refuses; that one is dropped (fire and
+  // forget) and the rest still go, as they would one by one.
+  std::size_t next = 0;
+  while (next < count) {
+    const int sent = ::sendmmsg(socket_.native_handle(), &outgoing_[next],
+                                static_cast<unsigned>(count - next), MSG_DONTWAIT | MSG_NOSIGNAL);
+    next += sent > 0 ? static_cast<std::size_t>(sent) : 0;
+    if (next < count) {
+      ++next;
+    }
+  }
+  pending_.clear();
+  arenaUsed_ = 0;
 }
 
 }  // namespace parlavox::platform

@@ -7,6 +7,7 @@
 #include <asio/ip/udp.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -39,13 +40,30 @@ class UdpSocket {
 
   // Loop thread. Receives until the socket fails; handlers run on the loop.
   void start(DatagramHandler onDatagram, FailureHandler onFailed);
-  // Loop thread. One datagram of `head` then `body`. Non-blocking and fire and forget: a full
-  // buffer drops the datagram, and errors about one client never reach the others.
+  // Loop thread. One datagram of `head` then `body`, both copied before the call returns.
+  // Non-blocking and fire and forget: a full buffer drops the datagram, and errors about one
+  // client never reach the others. The sends of one handler (a received datagram, a timer tick,
+  // a posted task) leave together in one sendmmsg as soon as it returns, in the order made.
   void sendTo(const Endpoint& to, Bytes head, Bytes body);
 
  private:
+  // A send held back until the handler returns; its bytes lie in `arena_`.
+  struct Pending {
+    sockaddr_in6 address;  // a sockaddr_in on an IPv4-only socket
+    socklen_t addressLength;
+    std::size_t headAt;
+    std::size_t headSize;
+    std::size_t bodyAt;
+    std::size_t bodySize;
+  };
+
   void waitReadable();
-  bool drain();
+  void receive();
+  int readBatch();
+  std::size_t deliver(std::size_t i);
+  socklen_t destination(const Endpoint& to, sockaddr_in6& address) const;
+  void hold(const Endpoint& to, Bytes head, Bytes body);
+  void flush();
 
   asio::ip::udp::socket socket_;
   bool v4_;  // bound to IPv4 alone: no IPv6 on this host
@@ -56,6 +74,20 @@ class UdpSocket {
   std::vector<mmsghdr> messages_;
   std::vector<iovec> iovecs_;
   std::vector<sockaddr_in6> sources_;
+  std::size_t received_ = 0;  // datagrams in the batch
+  std::size_t next_ = 0;      // the next one to hand on
+  // The fan-out of one received datagram (or one announcement frame): one syscall for all its
+  // copies instead of one each. A relayed datagram's copies differ only in their header, so
+  // consecutive sends with equal bodies share one copy of it. Storage is reused: relaying
+  // allocates nothing once warm.
+  bool inHandler_ = false;    // a received datagram is being handled; deliver() flushes after it
+  bool flushQueued_ = false;  // a flush is posted for sends made outside a receive handler
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // the posted flush's guard
+  std::vector<Pending> pending_;
+  std::vector<std::uint8_t> arena_;
+  std::size_t arenaUsed_ = 0;
+  std::vector<mmsghdr> outgoing_;
+  std::vector<iovec> outgoingIov_;
 };
 
 }  // namespace parlavox::platform

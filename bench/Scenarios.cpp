@@ -1,0 +1,381 @@
+#include "Scenarios.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "Wire.h"
+
+namespace parlavox::bench {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double kShowRate = 50.0;  // datagrams per second and talker
+constexpr std::size_t kRampTalkers = 16;
+constexpr double kSaturatedLoss = 0.10;
+constexpr std::int64_t kFrameNs = 20'000'000;
+
+const char* const kTenWords = "Places please, everyone, for the top of act two now.";
+const char* const kHalfMinute =
+    "Ladies and gentlemen of the crew, this is your half hour call for this evening's "
+    "performance. Please make sure that all personal props are checked and set on the prop "
+    "tables, that every costume piece is in its place, and that the fly rail is clear before the "
+    "house opens. Sound and lighting operators, please confirm your preset states with the stage "
+    "manager on the main channel. Front of house reports that the audience is arriving early "
+    "tonight, so we will hold the house for five minutes only. Places will be called in thirty "
+    "minutes. Thank you all, and have a wonderful show tonight.";
+
+void progress(const std::string& line) {
+  std::fprintf(stderr, "  %s\n", line.c_str());
+}
+
+std::unique_ptr<ChildProcess> startServer(const Settings& settings) {
+  auto server = std::make_unique<ChildProcess>(settings.server.string(), std::vector<std::string>{},
+                                               settings.directory);
+  if (!server->waitForLine("✅ Listening on UDP port", 1, 10s) ||
+      !server->waitForLine("✅ Listening for OSC", 1, 10s)) {
+    throw std::runtime_error("the server did not start: " + server->standardError());
+  }
+  return server;
+}
+
+std::unique_ptr<ChildProcess> startForwarder(const Settings& settings) {
+  auto forwarder = std::make_unique<ChildProcess>(
+      settings.self.string(),
+      std::vector<std::string>{"--bare-forwarder", std::to_string(kForwarderPort)},
+      settings.directory);
+  if (!forwarder->waitForLine("ready", 1, 10s)) {
+    throw std::runtime_error("the bare forwarder did not start: " + forwarder->standardError());
+  }
+  return forwarder;
+}
+
+RunSpec showLoad(std::uint16_t target, std::size_t talkers, std::chrono::milliseconds measure) {
+  RunSpec spec;
+  spec.targetPort = target;
+  spec.talkers = talkers;
+  spec.ratePerTalker = kShowRate;
+  spec.measure = measure;
+  spec.pingPort = kServerPort;
+  return spec;
+}
+
+// One run against `process`, with the CPU time it took meanwhile.
+RunResult measured(LoadGenerator& generator, const RunSpec& spec, const ChildProcess& process,
+                   std::chrono::nanoseconds& cpu) {
+  generator.drain();
+  const auto before = process.cpuTime();
+  RunResult result = generator.run(spec);
+  cpu = process.cpuTime() - before;
+  return result;
+}
+
+std::string describeRun(const char* who, const RunResult& run) {
+  return fmt::format("{:7} {:>9.0f} copies/s  loss {:6.3f}%  p99 {:7.1f} µs  max {:8.1f} µs", who,
+                     run.deliveredPerSecond(), 100 * run.loss(),
+                     static_cast<double>(run.latency.percentile(99)) / 1e3,
+                     static_cast<double>(run.latency.max()) / 1e3);
+}
+
+void checkDelivered(const RunResult& run, const std::string& what, Results& results) {
+  if (run.sent > 0 && run.received == 0) {
+    results.problems.push_back(what + ": nothing was delivered");
+  }
+  if (run.misdelivered > 0) {
+    results.problems.push_back(what + ": a talker heard its own audio");
+  }
+}
+
+void relayGroup(const Settings& settings, std::size_t clients, Results& results) {
+  progress(fmt::format("relay, {} clients", clients));
+  auto server = startServer(settings);
+  auto forwarder = startForwarder(settings);
+  LoadGenerator generator(clients);
+  if (!generator.join(kServerPort, "Crew", 30s) || !generator.join(kForwarderPort, "Crew", 30s)) {
+    results.problems.push_back(fmt::format("{} clients could not all join", clients));
+    return;
+  }
+  generator.drain();
+
+  bool bareFirst = true;
+  if (settings.relay) {
+    for (const std::size_t talkers : settings.talkerCounts) {
+      if (talkers >= clients) {
+        continue;
+      }
+      RelayRow row{clients, talkers, {}, {}, {}, {}};
+      // Alternate who goes first, so that a machine getting busier favours neither.
+      for (int turn = 0; turn < 2; ++turn) {
+        if ((turn == 0) == bareFirst) {
+          row.bare = measured(generator, showLoad(kForwarderPort, talkers, settings.measure),
+                              *forwarder, row.bareCpu);
+        } else {
+          row.server = measured(generator, showLoad(kServerPort, talkers, settings.measure),
+                                *server, row.serverCpu);
+        }
+      }
+      bareFirst = !bareFirst;
+      progress(fmt::format("K={} T={}: {} | {}", clients, talkers, describeRun("bare", row.bare),
+                           describeRun("server", row.server)));
+      checkDelivered(row.bare, fmt::format("bare forwarder, {} clients", clients), results);
+      checkDelivered(row.server, fmt::format("server, {} clients", clients), results);
+      results.relay.push_back(std::move(row));
+    }
+  }
+
+  const bool ramp = settings.saturation &&
+                    std::find(settings.saturationCounts.begin(), settings.saturationCounts.end(),
+                              clients) != settings.saturationCounts.end();
+  if (ramp) {
+    Saturation saturation;
+    saturation.clients = clients;
+    const std::size_t talkers = std::min(kRampTalkers, clients - 1);
+    int bareSaturated = 0;
+    int serverSaturated = 0;
+    double offered = settings.rampStart;
+    for (std::size_t step = 0;
+         step < settings.rampMaxSteps && (bareSaturated < 2 || serverSaturated < 2);
+         ++step, offered *= settings.rampFactor) {
+      RunSpec spec = showLoad(kForwarderPort, talkers, settings.rampStep);
+      spec.warmup = 300ms;
+      spec.ratePerTalker =
+          offered / static_cast<double>(clients - 1) / static_cast<double>(talkers);
+      RampStep result;
+      result.offered = offered;
+      std::chrono::nanoseconds bareCpu{};
+      std::chrono::nanoseconds serverCpu{};
+      const RunResult bare = measured(generator, spec, *forwarder, bareCpu);
+      spec.targetPort = kServerPort;
+      const RunResult served = measured(generator, spec, *server, serverCpu);
+      result.bare = bare.deliveredPerSecond();
+      result.server = served.deliveredPerSecond();
+      result.bareLoss = bare.loss();
+      result.serverLoss = served.loss();
+      if (result.bare > saturation.barePeak) {
+        saturation.barePeak = result.bare;
+        saturation.bareCpuAtPeak = static_cast<double>(bareCpu.count()) / 1e9 / bare.wallSeconds;
+      }
+      if (result.server > saturation.serverPeak) {
+        saturation.serverPeak = result.server;
+        saturation.serverCpuAtPeak =
+            static_cast<double>(serverCpu.count()) / 1e9 / served.wallSeconds;
+      }
+      bareSaturated = result.bareLoss > kSaturatedLoss ? bareSaturated + 1 : 0;
+      serverSaturated = result.serverLoss > kSaturatedLoss ? serverSaturated + 1 : 0;
+      progress(fmt::format(
+          "ramp K={} offered {:>7.0f}/s: bare {:>7.0f}/s ({:5.1f}% lost; dropped in {} out {}; "
+          "CPU {:.2f} s), server {:>7.0f}/s ({:5.1f}% lost; dropped in {} out {}; CPU {:.2f} s)",
+          clients, offered, result.bare, 100 * result.bareLoss, bare.targetDrops,
+          bare.generatorDrops, static_cast<double>(bareCpu.count()) / 1e9, result.server,
+          100 * result.serverLoss, served.targetDrops, served.generatorDrops,
+          static_cast<double>(serverCpu.count()) / 1e9));
+      saturation.steps.push_back(result);
+    }
+    results.saturation.push_back(std::move(saturation));
+  }
+  if (const std::size_t gone = server->count("timed out"); gone > 0) {
+    results.problems.push_back(
+        fmt::format("{} of {} clients timed out at the server", gone, clients));
+  }
+  if (clients == 256 && results.memory) {
+    results.memory->afterRamps = server->residentBytes();
+  }
+  generator.leave(kServerPort);
+}
+
+// Frames of one announcement, from the OSC datagram to the server's "finished" line.
+struct Heard {
+  std::int64_t oscSentNs = 0;
+  std::vector<Frame> frames;
+};
+
+RunSpec listening(LoadGenerator& generator, std::size_t talkers) {
+  RunSpec spec = showLoad(kServerPort, talkers, 120s);
+  spec.warmup = 0ms;
+  spec.tail = 100ms;
+  spec.listener = generator.clients() - 1;
+  return spec;
+}
+
+Heard announce(LoadGenerator& generator, ChildProcess& server, const std::string& text,
+               std::size_t talkers, std::size_t& announced) {
+  const std::size_t expect = ++announced;
+  Heard heard;
+  const std::vector<std::uint8_t> osc = oscMessage("/parlavox/say", text);
+  RunSpec spec = listening(generator, talkers);
+  spec.atStart = [&] {
+    heard.oscSentNs = realtimeNs();
+    generator.sendFrom(0, kOscPort, osc);
+  };
+  spec.stopWhen = [&] { return server.count("📣 Announcement finished") >= expect; };
+  generator.drain();
+  heard.frames = generator.run(spec).announcement;
+  return heard;
+}
+
+// The same number of frames from the bare pacer, heard by the same client under the same load.
+std::vector<Frame> barePaced(const Settings& settings, LoadGenerator& generator, std::size_t frames,
+                             std::size_t talkers) {
+  ChildProcess pacer(settings.self.string(),
+                     {"--bare-pacer", std::to_string(kPacerPort), std::to_string(frames)},
+                     settings.directory);
+  if (!pacer.waitForLine("ready", 1, 10s)) {
+    throw std::runtime_error("the bare pacer did not start: " + pacer.standardError());
+  }
+  RunSpec spec = listening(generator, talkers);
+  const std::size_t listener = spec.listener;
+  spec.atStart = [&] { generator.sendFrom(listener, kPacerPort, {0x00}); };
+  spec.stopWhen = [&] { return pacer.count("done") >= 1; };
+  generator.drain();
+  return generator.run(spec).announcement;
+}
+
+// How long the speech command alone takes to speak `text` into a file.
+double synthesisMs(const Settings& settings, const std::string& text) {
+  const std::filesystem::path hostSay = "/usr/bin/say";
+  const std::filesystem::path say =
+      std::filesystem::exists(hostSay) ? hostSay : settings.server.parent_path() / "parlavox-say";
+  const std::int64_t start = realtimeNs();
+  ChildProcess run(say.string(), {"-o", (settings.directory / "reference.aiff").string(), text},
+                   settings.directory);
+  run.wait();
+  return static_cast<double>(realtimeNs() - start) / 1e6;
+}
+
+double median(std::vector<double> values) {
+  if (values.empty()) {
+    return 0;
+  }
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+Pacing pacing(const std::vector<Frame>& frames) {
+  Pacing result;
+  result.frames = frames.size();
+  if (frames.size() < 2) {
+    return result;
+  }
+  std::vector<double> lateness;
+  std::int64_t index = 0;
+  for (const Frame& frame : frames) {
+    index = static_cast<std::uint16_t>(frame.seq - frames.front().seq);
+    const std::int64_t due = frames.front().arrivalNs + index * kFrameNs;
+    lateness.push_back(static_cast<double>(frame.arrivalNs - due) / 1e6);
+  }
+  result.missing = static_cast<std::size_t>(index + 1) - frames.size();
+  result.seconds = static_cast<double>(frames.back().arrivalNs - frames.front().arrivalNs) / 1e9;
+  result.driftMs = lateness.back();
+  const auto second = static_cast<std::ptrdiff_t>(std::min<std::size_t>(50, lateness.size() / 2));
+  result.steadyDriftMs = median({lateness.end() - second, lateness.end()}) -
+                         median({lateness.begin(), lateness.begin() + second});
+  std::sort(lateness.begin(), lateness.end());
+  auto at = [&](double percent) {
+    const auto rank =
+        static_cast<std::size_t>(std::ceil(percent / 100 * static_cast<double>(lateness.size())));
+    return lateness[std::clamp<std::size_t>(rank, 1, lateness.size()) - 1];
+  };
+  result.p50Ms = at(50);
+  result.p99Ms = at(99);
+  result.maxMs = lateness.back();
+  return result;
+}
+
+void memoryAndAnnouncements(const Settings& settings, Results& results) {
+  progress("memory and announcements, 256 clients");
+  auto server = startServer(settings);
+  std::this_thread::sleep_for(1s);
+  Memory memory;
+  memory.idle = server->residentBytes();
+  memory.idleAnonymous = server->anonymousResidentBytes();
+  memory.clients = 256;
+  LoadGenerator generator(memory.clients);
+  if (!generator.join(kServerPort, "Crew", 30s)) {
+    results.problems.push_back("256 clients could not all join");
+    return;
+  }
+  if (settings.memory) {
+    RunSpec spec = showLoad(kServerPort, 16, settings.memoryTraffic);
+    const RunResult traffic = generator.run(spec);
+    checkDelivered(traffic, "memory run", results);
+    memory.loaded = server->residentBytes();
+    memory.loadedAnonymous = server->anonymousResidentBytes();
+    memory.peak = server->peakResidentBytes();
+    memory.trafficSeconds = traffic.seconds;
+    progress(fmt::format("RSS idle {:.2f} MiB, after {:.0f} s of traffic {:.2f} MiB (peak {:.2f})",
+                         static_cast<double>(memory.idle) / 1048576, memory.trafficSeconds,
+                         static_cast<double>(memory.loaded) / 1048576,
+                         static_cast<double>(memory.peak) / 1048576));
+    results.memory = memory;
+  }
+  if (!settings.announcements) {
+    return;
+  }
+  std::size_t announced = 0;
+  Announcements idle;
+  for (std::size_t n = 0; n < settings.firstFrameSamples; ++n) {
+    // The speech command alone, then the whole path, in turn: both meet the same machine.
+    idle.synthesisMs.push_back(synthesisMs(settings, kTenWords));
+    const Heard heard = announce(generator, *server, kTenWords, 0, announced);
+    if (heard.frames.empty()) {
+      results.problems.push_back("an announcement reached no client");
+      return;
+    }
+    idle.firstFrameMs.push_back(
+        static_cast<double>(heard.frames.front().arrivalNs - heard.oscSentNs) / 1e6);
+    progress(
+        fmt::format("announcement {}: first frame after {:.1f} ms (speech command alone "
+                    "{:.1f} ms), {} frames",
+                    n + 1, idle.firstFrameMs.back(), idle.synthesisMs.back(), heard.frames.size()));
+  }
+  const char* const pacedText = settings.longAnnouncement ? kHalfMinute : kTenWords;
+  for (const std::size_t talkers : {std::size_t{0}, std::size_t{16}}) {
+    if (talkers > 0 && !settings.longAnnouncement) {
+      break;
+    }
+    Announcements& paced = talkers == 0 ? idle : results.announcements.emplace_back();
+    paced.underLoad = talkers > 0;
+    paced.server = pacing(announce(generator, *server, pacedText, talkers, announced).frames);
+    if (paced.server.frames == 0) {
+      results.problems.push_back("an announcement reached no client");
+      return;
+    }
+    paced.bare = pacing(barePaced(settings, generator, paced.server.frames, talkers));
+    progress(fmt::format(
+        "pacing with {} talkers: server {} frames, lateness p99 {:.3f} ms; bare "
+        "pacer {} frames, p99 {:.3f} ms",
+        talkers, paced.server.frames, paced.server.p99Ms, paced.bare.frames, paced.bare.p99Ms));
+    if (talkers == 0) {
+      results.announcements.insert(results.announcements.begin(), idle);
+    }
+  }
+  generator.leave(kServerPort);
+}
+
+}  // namespace
+
+Results runAll(const Settings& settings) {
+  Results results;
+  try {
+    if (settings.memory || settings.announcements) {
+      memoryAndAnnouncements(settings, results);
+    }
+    if (settings.relay || settings.saturation) {
+      for (const std::size_t clients : settings.clientCounts) {
+        relayGroup(settings, clients, results);
+      }
+    }
+  } catch (const std::exception& error) {
+    results.problems.push_back(error.what());
+  }
+  return results;
+}
+
+}  // namespace parlavox::bench

@@ -1,0 +1,145 @@
+// parlavox-bench: the relay, the announcements and the server's memory, each measured in one run
+// next to a reference, so that the ratios hold on a busy machine. See bench/README.md.
+//
+//   parlavox-bench [--quick] [--only relay,saturation,announce,memory] [--server PATH]
+//
+// Exits 1 when the bench itself breaks (a target process does not start, nothing is delivered),
+// never because a target is missed: the table says PASS or MISS for each.
+#include <sys/prctl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "BareForwarder.h"
+#include "BarePacer.h"
+#include "ChildProcess.h"
+#include "PrivateNetwork.h"
+#include "Report.h"
+#include "Scenarios.h"
+
+namespace {
+
+using namespace parlavox::bench;
+using namespace std::chrono_literals;
+
+// One channel everyone talks and listens on: each datagram goes to every other client.
+constexpr const char* kRoles = R"({
+  "show" : "Bench",
+  "channels" : [ "Main", "Tech" ],
+  "roles" : [ { "name" : "Crew", "talk" : [ "Main" ], "listen" : [ "Main" ] } ],
+  "oscPort" : 47000
+})";
+
+int usage() {
+  std::fprintf(stderr,
+               "usage: parlavox-bench [--quick] [--only relay,saturation,announce,memory] "
+               "[--server PATH]\n");
+  return 2;
+}
+
+Settings fullRun() {
+  Settings s;
+  s.clientCounts = {16, 64, 128, 256};
+  s.talkerCounts = {4, 8, 16};
+  s.saturationCounts = {64, 256};
+  s.measure = 4s;
+  s.rampStep = 1s;
+  s.memoryTraffic = 60s;
+  s.firstFrameSamples = 20;
+  return s;
+}
+
+Settings quickRun() {
+  Settings s;
+  s.quick = true;
+  s.clientCounts = {16, 64};
+  s.talkerCounts = {4};
+  s.saturationCounts = {64};
+  s.measure = 1200ms;
+  s.rampStep = 400ms;
+  s.rampStart = 40'000;
+  s.rampFactor = 1.6;
+  s.rampMaxSteps = 7;
+  s.memoryTraffic = 5s;
+  s.firstFrameSamples = 3;
+  s.longAnnouncement = false;
+  return s;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() == 2 && args[0] == "--bare-forwarder") {
+    try {
+      BareForwarder forwarder(static_cast<std::uint16_t>(std::stoul(args[1])));
+      std::printf("ready\n");
+      std::fflush(stdout);
+      forwarder.serve();
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "bare forwarder: %s\n", error.what());
+      return 1;
+    }
+  }
+
+  if (args.size() == 3 && args[0] == "--bare-pacer") {
+    runBarePacer(static_cast<std::uint16_t>(std::stoul(args[1])), std::stoul(args[2]));
+  }
+
+  bool quick = false;
+  std::string only;
+  std::filesystem::path server = ownDirectory() / "parlavox";
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--quick") {
+      quick = true;
+    } else if (args[i] == "--only" && i + 1 < args.size()) {
+      only = args[++i];
+    } else if (args[i] == "--server" && i + 1 < args.size()) {
+      server = std::filesystem::absolute(args[++i]);
+    } else {
+      return usage();
+    }
+  }
+  Settings settings = quick ? quickRun() : fullRun();
+  if (!only.empty()) {
+    auto wanted = [&](const char* part) { return only.find(part) != std::string::npos; };
+    settings.relay = wanted("relay");
+    settings.saturation = wanted("saturation");
+    settings.announcements = wanted("announce");
+    settings.memory = wanted("memory");
+  }
+  settings.server = server;
+  settings.self = ownDirectory() / "parlavox-bench";
+  if (!std::filesystem::exists(settings.server)) {
+    std::fprintf(stderr, "parlavox-bench: no server at %s\n", settings.server.c_str());
+    return 1;
+  }
+
+  if (const std::string error = enterPrivateNetwork(); !error.empty()) {
+    std::fprintf(stderr, "parlavox-bench: can't make a network namespace of its own: %s\n",
+                 error.c_str());
+    return 1;
+  }
+  // The generator's sleeps end within a microsecond of their deadline.
+  (void)::prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
+
+  std::random_device random;
+  settings.directory =
+      std::filesystem::temp_directory_path() / ("parlavox-bench-" + std::to_string(random()));
+  std::filesystem::create_directories(settings.directory);
+  std::ofstream(settings.directory / "roles.json") << kRoles;
+
+  std::fprintf(stderr, "parlavox-bench: %s run against %s\n", quick ? "quick" : "full",
+               settings.server.c_str());
+  const Results results = runAll(settings);
+  std::error_code ignored;
+  std::filesystem::remove_all(settings.directory, ignored);
+
+  std::fputs(formatReport(settings, results).c_str(), stdout);
+  return results.problems.empty() ? 0 : 1;
+}
