@@ -50,6 +50,22 @@ std::int64_t realtimeNs() {
   return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
+void RunResult::merge(const RunResult& other) {
+  seconds += other.seconds;
+  wallSeconds += other.wallSeconds;
+  sent += other.sent;
+  sendFailures += other.sendFailures;
+  expected += other.expected;
+  received += other.received;
+  misdelivered += other.misdelivered;
+  latency.merge(other.latency);
+  sendLateness.merge(other.sendLateness);
+  announcement.insert(announcement.end(), other.announcement.begin(), other.announcement.end());
+  targetDrops += other.targetDrops;
+  generatorDrops += other.generatorDrops;
+  generatorCpu += other.generatorCpu;
+}
+
 double RunResult::offeredPerSecond() const {
   return seconds > 0 ? static_cast<double>(expected) / seconds : 0;
 }
@@ -212,13 +228,13 @@ void LoadGenerator::leave(std::uint16_t port) {
   }
 }
 
-RunResult LoadGenerator::run(const RunSpec& spec) {
+RunResult LoadGenerator::run(const RunSpec& plan) {
   RunResult result;
   const std::uint32_t runId = nextRun_++;
   const std::size_t clients = fds_.size();
-  const std::size_t talkers = std::min(spec.talkers, clients);
-  const sockaddr_in target = loopback(spec.targetPort);
-  const sockaddr_in pingTarget = loopback(spec.pingPort);
+  const std::size_t talkers = std::min(plan.talkers, clients);
+  const sockaddr_in target = loopback(plan.targetPort);
+  const sockaddr_in pingTarget = loopback(plan.pingPort);
   const std::vector<std::uint8_t> ping = control(R"({"t":"ping"})");
 
   std::vector<std::vector<std::uint8_t>> outgoing(talkers,
@@ -232,12 +248,12 @@ RunResult LoadGenerator::run(const RunSpec& spec) {
   const auto dropsBefore = udpDropsByPort();
   const auto cpuBefore = threadCpu();
 
-  const double totalRate = static_cast<double>(talkers) * spec.ratePerTalker;
+  const double totalRate = static_cast<double>(talkers) * plan.ratePerTalker;
   const double interval = totalRate > 0 ? 1e9 / totalRate : 0;
   const std::int64_t start = realtimeNs() + 1'000'000;
-  std::int64_t windowStart = start + std::chrono::nanoseconds(spec.warmup).count();
-  std::int64_t windowEnd = windowStart + std::chrono::nanoseconds(spec.measure).count();
-  std::int64_t runEnd = windowEnd + std::chrono::nanoseconds(spec.tail).count();
+  std::int64_t windowStart = start + std::chrono::nanoseconds(plan.warmup).count();
+  std::int64_t windowEnd = windowStart + std::chrono::nanoseconds(plan.measure).count();
+  std::int64_t runEnd = windowEnd + std::chrono::nanoseconds(plan.tail).count();
   const std::int64_t pingStep = kPingPeriodNs / static_cast<std::int64_t>(clients);
   // After a pause between runs, go on from where the round stopped, without a burst.
   nextPingNs_ = std::max(nextPingNs_, start - pingStep);
@@ -259,7 +275,7 @@ RunResult LoadGenerator::run(const RunSpec& spec) {
         }
         return;
       }
-      if (index == spec.listener) {
+      if (index == plan.listener) {
         if (const auto header = readAudioHeader(datagram);
             header && header->sender == kAnnouncerId) {
           result.announcement.push_back(Frame{arrival, header->seq});
@@ -273,8 +289,8 @@ RunResult LoadGenerator::run(const RunSpec& spec) {
     std::int64_t now = realtimeNs();
     if (!started && now >= start) {
       started = true;
-      if (spec.atStart) {
-        spec.atStart();
+      if (plan.atStart) {
+        plan.atStart();
       }
       now = realtimeNs();
     }
@@ -298,24 +314,24 @@ RunResult LoadGenerator::run(const RunSpec& spec) {
       }
       ++event;
     }
-    while (spec.pingPort != 0 && nextPingNs_ <= now) {
+    while (plan.pingPort != 0 && nextPingNs_ <= now) {
       (void)::sendto(fds_[pingCursor_], ping.data(), ping.size(), MSG_DONTWAIT,
                      reinterpret_cast<const sockaddr*>(&pingTarget), sizeof pingTarget);
       pingCursor_ = (pingCursor_ + 1) % clients;
       nextPingNs_ += pingStep;
     }
-    if (spec.stopWhen && now >= nextStopCheck && now < windowEnd) {
+    if (plan.stopWhen && now >= nextStopCheck && now < windowEnd) {
       nextStopCheck = now + 10'000'000;
-      if (spec.stopWhen()) {
+      if (plan.stopWhen()) {
         windowEnd = std::max(now, windowStart);
-        runEnd = now + std::chrono::nanoseconds(spec.tail).count();
+        runEnd = now + std::chrono::nanoseconds(plan.tail).count();
       }
     }
     if (now >= runEnd) {
       break;
     }
-    std::int64_t wake = std::min({runEnd, spec.pingPort != 0 ? nextPingNs_ : runEnd,
-                                  spec.stopWhen ? nextStopCheck : runEnd});
+    std::int64_t wake = std::min({runEnd, plan.pingPort != 0 ? nextPingNs_ : runEnd,
+                                  plan.stopWhen ? nextStopCheck : runEnd});
     if (!started) {
       wake = std::min(wake, start);
     }
@@ -344,7 +360,7 @@ RunResult LoadGenerator::run(const RunSpec& spec) {
 
   result.generatorCpu = threadCpu() - cpuBefore;
   const auto dropsAfter = udpDropsByPort();
-  result.targetDrops = dropsAt(dropsAfter, spec.targetPort) - dropsAt(dropsBefore, spec.targetPort);
+  result.targetDrops = dropsAt(dropsAfter, plan.targetPort) - dropsAt(dropsBefore, plan.targetPort);
   for (const std::uint16_t port : ports_) {
     result.generatorDrops += dropsAt(dropsAfter, port) - dropsAt(dropsBefore, port);
   }

@@ -50,6 +50,9 @@ struct RunResult {
   std::uint64_t generatorDrops = 0;  // ... and at the clients' sockets
   std::chrono::nanoseconds generatorCpu{};
 
+  // Adds another run's figures to these, as if the two had been one.
+  void merge(const RunResult& other);
+
   double offeredPerSecond() const;
   double deliveredPerSecond() const;
   double loss() const;  // of the expected copies, 0 .. 1
@@ -76,7 +79,7 @@ class LoadGenerator {
   // Reads and forgets what is waiting on every socket.
   void drain();
 
-  RunResult run(const RunSpec& spec);
+  RunResult run(const RunSpec& plan);
 
   std::size_t clients() const { return fds_.size(); }
   std::uint16_t port(std::size_t client) const { return ports_[client]; }

@@ -58,21 +58,21 @@ std::unique_ptr<ChildProcess> startForwarder(const Settings& settings) {
 }
 
 RunSpec showLoad(std::uint16_t target, std::size_t talkers, std::chrono::milliseconds measure) {
-  RunSpec spec;
-  spec.targetPort = target;
-  spec.talkers = talkers;
-  spec.ratePerTalker = kShowRate;
-  spec.measure = measure;
-  spec.pingPort = kServerPort;
-  return spec;
+  RunSpec plan;
+  plan.targetPort = target;
+  plan.talkers = talkers;
+  plan.ratePerTalker = kShowRate;
+  plan.measure = measure;
+  plan.pingPort = kServerPort;
+  return plan;
 }
 
 // One run against `process`, with the CPU time it took meanwhile.
-RunResult measured(LoadGenerator& generator, const RunSpec& spec, const ChildProcess& process,
+RunResult measured(LoadGenerator& generator, const RunSpec& plan, const ChildProcess& process,
                    std::chrono::nanoseconds& cpu) {
   generator.drain();
   const auto before = process.cpuTime();
-  RunResult result = generator.run(spec);
+  RunResult result = generator.run(plan);
   cpu = process.cpuTime() - before;
   return result;
 }
@@ -104,24 +104,26 @@ void relayGroup(const Settings& settings, std::size_t clients, Results& results)
   }
   generator.drain();
 
-  bool bareFirst = true;
   if (settings.relay) {
     for (const std::size_t talkers : settings.talkerCounts) {
       if (talkers >= clients) {
         continue;
       }
       RelayRow row{clients, talkers, {}, {}, {}, {}};
-      // Alternate who goes first, so that a machine getting busier favours neither.
-      for (int turn = 0; turn < 2; ++turn) {
-        if ((turn == 0) == bareFirst) {
-          row.bare = measured(generator, showLoad(kForwarderPort, talkers, settings.measure),
-                              *forwarder, row.bareCpu);
+      // Bare, server, server, bare, each for half the window: a machine that gets busier or
+      // quieter during the row favours neither.
+      const auto half = settings.measure / 2;
+      for (const bool bare : {true, false, false, true}) {
+        std::chrono::nanoseconds cpu{};
+        if (bare) {
+          row.bare.merge(
+              measured(generator, showLoad(kForwarderPort, talkers, half), *forwarder, cpu));
+          row.bareCpu += cpu;
         } else {
-          row.server = measured(generator, showLoad(kServerPort, talkers, settings.measure),
-                                *server, row.serverCpu);
+          row.server.merge(measured(generator, showLoad(kServerPort, talkers, half), *server, cpu));
+          row.serverCpu += cpu;
         }
       }
-      bareFirst = !bareFirst;
       progress(fmt::format("K={} T={}: {} | {}", clients, talkers, describeRun("bare", row.bare),
                            describeRun("server", row.server)));
       checkDelivered(row.bare, fmt::format("bare forwarder, {} clients", clients), results);
@@ -143,17 +145,17 @@ void relayGroup(const Settings& settings, std::size_t clients, Results& results)
     for (std::size_t step = 0;
          step < settings.rampMaxSteps && (bareSaturated < 2 || serverSaturated < 2);
          ++step, offered *= settings.rampFactor) {
-      RunSpec spec = showLoad(kForwarderPort, talkers, settings.rampStep);
-      spec.warmup = 300ms;
-      spec.ratePerTalker =
+      RunSpec plan = showLoad(kForwarderPort, talkers, settings.rampStep);
+      plan.warmup = 300ms;
+      plan.ratePerTalker =
           offered / static_cast<double>(clients - 1) / static_cast<double>(talkers);
       RampStep result;
       result.offered = offered;
       std::chrono::nanoseconds bareCpu{};
       std::chrono::nanoseconds serverCpu{};
-      const RunResult bare = measured(generator, spec, *forwarder, bareCpu);
-      spec.targetPort = kServerPort;
-      const RunResult served = measured(generator, spec, *server, serverCpu);
+      const RunResult bare = measured(generator, plan, *forwarder, bareCpu);
+      plan.targetPort = kServerPort;
+      const RunResult served = measured(generator, plan, *server, serverCpu);
       result.bare = bare.deliveredPerSecond();
       result.server = served.deliveredPerSecond();
       result.bareLoss = bare.loss();
@@ -197,11 +199,11 @@ struct Heard {
 };
 
 RunSpec listening(LoadGenerator& generator, std::size_t talkers) {
-  RunSpec spec = showLoad(kServerPort, talkers, 120s);
-  spec.warmup = 0ms;
-  spec.tail = 100ms;
-  spec.listener = generator.clients() - 1;
-  return spec;
+  RunSpec plan = showLoad(kServerPort, talkers, 120s);
+  plan.warmup = 0ms;
+  plan.tail = 100ms;
+  plan.listener = generator.clients() - 1;
+  return plan;
 }
 
 Heard announce(LoadGenerator& generator, ChildProcess& server, const std::string& text,
@@ -209,14 +211,14 @@ Heard announce(LoadGenerator& generator, ChildProcess& server, const std::string
   const std::size_t expect = ++announced;
   Heard heard;
   const std::vector<std::uint8_t> osc = oscMessage("/parlavox/say", text);
-  RunSpec spec = listening(generator, talkers);
-  spec.atStart = [&] {
+  RunSpec plan = listening(generator, talkers);
+  plan.atStart = [&] {
     heard.oscSentNs = realtimeNs();
     generator.sendFrom(0, kOscPort, osc);
   };
-  spec.stopWhen = [&] { return server.count("📣 Announcement finished") >= expect; };
+  plan.stopWhen = [&] { return server.count("📣 Announcement finished") >= expect; };
   generator.drain();
-  heard.frames = generator.run(spec).announcement;
+  heard.frames = generator.run(plan).announcement;
   return heard;
 }
 
@@ -229,12 +231,12 @@ std::vector<Frame> barePaced(const Settings& settings, LoadGenerator& generator,
   if (!pacer.waitForLine("ready", 1, 10s)) {
     throw std::runtime_error("the bare pacer did not start: " + pacer.standardError());
   }
-  RunSpec spec = listening(generator, talkers);
-  const std::size_t listener = spec.listener;
-  spec.atStart = [&] { generator.sendFrom(listener, kPacerPort, {0x00}); };
-  spec.stopWhen = [&] { return pacer.count("done") >= 1; };
+  RunSpec plan = listening(generator, talkers);
+  const std::size_t listener = plan.listener;
+  plan.atStart = [&] { generator.sendFrom(listener, kPacerPort, {0x00}); };
+  plan.stopWhen = [&] { return pacer.count("done") >= 1; };
   generator.drain();
-  return generator.run(spec).announcement;
+  return generator.run(plan).announcement;
 }
 
 // How long the speech command alone takes to speak `text` into a file.
@@ -302,8 +304,8 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     return;
   }
   if (settings.memory) {
-    RunSpec spec = showLoad(kServerPort, 16, settings.memoryTraffic);
-    const RunResult traffic = generator.run(spec);
+    RunSpec plan = showLoad(kServerPort, 16, settings.memoryTraffic);
+    const RunResult traffic = generator.run(plan);
     checkDelivered(traffic, "memory run", results);
     memory.loaded = server->residentBytes();
     memory.loadedAnonymous = server->anonymousResidentBytes();

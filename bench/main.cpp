@@ -2,11 +2,13 @@
 // next to a reference, so that the ratios hold on a busy machine. See bench/README.md.
 //
 //   parlavox-bench [--quick] [--only relay,saturation,announce,memory] [--server PATH]
+//                  [--clients 16,64,...] [--talkers 4,8,...]
 //
 // Exits 1 when the bench itself breaks (a target process does not start, nothing is delivered),
 // never because a target is missed: the table says PASS or MISS for each.
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -38,8 +40,24 @@ constexpr const char* kRoles = R"({
 int usage() {
   std::fprintf(stderr,
                "usage: parlavox-bench [--quick] [--only relay,saturation,announce,memory] "
-               "[--server PATH]\n");
+               "[--server PATH] [--clients 16,64,...] [--talkers 4,8,...]\n");
   return 2;
+}
+
+// "16,64" → {16, 64}; anything else yields nothing.
+std::vector<std::size_t> numbers(const std::string& list) {
+  std::vector<std::size_t> out;
+  std::size_t at = 0;
+  while (at < list.size()) {
+    const std::size_t comma = std::min(list.find(',', at), list.size());
+    try {
+      out.push_back(std::stoul(list.substr(at, comma - at)));
+    } catch (const std::exception&) {
+      return {};
+    }
+    at = comma + 1;
+  }
+  return out;
 }
 
 Settings fullRun() {
@@ -93,12 +111,18 @@ int main(int argc, char** argv) {
 
   bool quick = false;
   std::string only;
+  std::vector<std::size_t> clients;
+  std::vector<std::size_t> talkers;
   std::filesystem::path server = ownDirectory() / "parlavox";
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--quick") {
       quick = true;
     } else if (args[i] == "--only" && i + 1 < args.size()) {
       only = args[++i];
+    } else if (args[i] == "--clients" && i + 1 < args.size()) {
+      clients = numbers(args[++i]);
+    } else if (args[i] == "--talkers" && i + 1 < args.size()) {
+      talkers = numbers(args[++i]);
     } else if (args[i] == "--server" && i + 1 < args.size()) {
       server = std::filesystem::absolute(args[++i]);
     } else {
@@ -112,6 +136,12 @@ int main(int argc, char** argv) {
     settings.saturation = wanted("saturation");
     settings.announcements = wanted("announce");
     settings.memory = wanted("memory");
+  }
+  if (!clients.empty()) {
+    settings.clientCounts = clients;
+  }
+  if (!talkers.empty()) {
+    settings.talkerCounts = talkers;
   }
   settings.server = server;
   settings.self = ownDirectory() / "parlavox-bench";

@@ -29,17 +29,17 @@ TEST(LoadGenerator, CountsEachCopyOfTheWindowOnce) {
   LoadGenerator generator(5);
   ASSERT_TRUE(generator.join(forwarder.port(), "Crew", 5s));
 
-  RunSpec spec;
-  spec.targetPort = forwarder.port();
-  spec.talkers = 2;
-  spec.ratePerTalker = 200;
-  spec.warmup = 100ms;
-  spec.measure = 300ms;
-  spec.tail = 200ms;
+  RunSpec plan;
+  plan.targetPort = forwarder.port();
+  plan.talkers = 2;
+  plan.ratePerTalker = 200;
+  plan.warmup = 100ms;
+  plan.measure = 300ms;
+  plan.tail = 200ms;
   std::size_t started = 0;
-  spec.atStart = [&] { ++started; };
-  const RunResult first = generator.run(spec);
-  const RunResult second = generator.run(spec);
+  plan.atStart = [&] { ++started; };
+  const RunResult first = generator.run(plan);
+  const RunResult second = generator.run(plan);
   done = true;
   serving.join();
 
@@ -58,15 +58,15 @@ TEST(LoadGenerator, CountsEachCopyOfTheWindowOnce) {
 TEST(LoadGenerator, StopWhenEndsTheWindowEarly) {
   BareForwarder forwarder(0);
   LoadGenerator generator(2);
-  RunSpec spec;
-  spec.targetPort = forwarder.port();
-  spec.talkers = 0;
-  spec.warmup = 0ms;
-  spec.measure = 60s;
-  spec.tail = 0ms;
+  RunSpec plan;
+  plan.targetPort = forwarder.port();
+  plan.talkers = 0;
+  plan.warmup = 0ms;
+  plan.measure = 60s;
+  plan.tail = 0ms;
   int polls = 0;
-  spec.stopWhen = [&] { return ++polls == 3; };
-  const RunResult run = generator.run(spec);
+  plan.stopWhen = [&] { return ++polls == 3; };
+  const RunResult run = generator.run(plan);
   EXPECT_EQ(polls, 3);
   EXPECT_LT(run.seconds, 60.0);
   EXPECT_EQ(run.sent, 0U);
@@ -84,14 +84,14 @@ TEST(LoadGenerator, ShortRunsStillKeepEveryClientAlive) {
 
   BareForwarder forwarder(0);
   LoadGenerator generator(4);
-  RunSpec spec;
-  spec.targetPort = forwarder.port();
-  spec.warmup = 0ms;
-  spec.measure = 150ms;  // far shorter than one round of pings (2 s over 4 clients)
-  spec.tail = 0ms;
-  spec.pingPort = ntohs(local.sin_port);
+  RunSpec plan;
+  plan.targetPort = forwarder.port();
+  plan.warmup = 0ms;
+  plan.measure = 150ms;  // far shorter than one round of pings (2 s over 4 clients)
+  plan.tail = 0ms;
+  plan.pingPort = ntohs(local.sin_port);
   for (int run = 0; run < 16; ++run) {
-    generator.run(spec);
+    generator.run(plan);
   }
 
   std::set<std::uint16_t> pinged;
