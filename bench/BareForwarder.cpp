@@ -70,7 +70,7 @@ std::size_t BareForwarder::serveBatch(int timeoutMs) {
     timeval limit{};
     if (timeoutMs > 0) {
       limit.tv_sec = timeoutMs / 1000;
-      limit.tv_usec = (timeoutMs % 1000) * 1000;
+      limit.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000) * 1000;
     }
     (void)::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     timeoutMs_ = timeoutMs;

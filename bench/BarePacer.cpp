@@ -8,7 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <system_error>
 #include <vector>
 
 #include "Wire.h"
@@ -36,8 +36,7 @@ void runBarePacer(std::uint16_t port, std::size_t frames) {
   local.sin_port = htons(port);
   local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-    std::perror("bare pacer");
-    std::exit(1);
+    throw std::system_error(errno, std::system_category(), "bind");
   }
   std::printf("ready\n");
   std::fflush(stdout);

@@ -11,8 +11,6 @@
 #include <sstream>
 #include <stdexcept>
 
-extern char** environ;
-
 namespace parlavox::bench {
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
@@ -35,6 +33,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   std::vector<std::string> strings{program};
   strings.insert(strings.end(), args.begin(), args.end());
   std::vector<char*> argv;
+  argv.reserve(strings.size() + 1);
   for (auto& s : strings) {
     argv.push_back(s.data());
   }

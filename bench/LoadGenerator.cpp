@@ -228,7 +228,7 @@ void LoadGenerator::leave(std::uint16_t port) {
   }
 }
 
-RunResult LoadGenerator::run(const RunSpec& plan) {
+RunResult LoadGenerator::run(const RunPlan& plan) {
   RunResult result;
   const std::uint32_t runId = nextRun_++;
   const std::size_t clients = fds_.size();
@@ -268,7 +268,7 @@ RunResult LoadGenerator::run(const RunSpec& plan) {
       if (const auto probe = readProbe(datagram); probe && probe->run == runId) {
         if (probe->intendedNs >= windowStart && probe->intendedNs < windowEnd) {
           ++result.received;
-          result.latency.record(arrival - probe->intendedNs);
+          result.latency.record(arrival - probe->sentNs);
           if (probe->talker == index) {
             ++result.misdelivered;
           }
@@ -294,8 +294,9 @@ RunResult LoadGenerator::run(const RunSpec& plan) {
       }
       now = realtimeNs();
     }
-    // Open loop: everything whose time has come goes now, late or not, stamped with the time it
-    // was meant to go, so a stalled target is charged for the whole stall.
+    // Open loop: everything whose time has come goes now, late or not, whatever the target does.
+    // The run window goes by the intended time; latency counts from the actual send, so the
+    // generator's own delay (sendLateness) is not charged to the target.
     while (interval > 0) {
       const auto intended =
           start + static_cast<std::int64_t>(static_cast<double>(event) * interval);
@@ -303,14 +304,15 @@ RunResult LoadGenerator::run(const RunSpec& plan) {
         break;
       }
       const std::size_t t = event % talkers;
-      restamp(outgoing[t], seq[t]++, intended);
+      const std::int64_t leaving = realtimeNs();
+      restamp(outgoing[t], seq[t]++, intended, leaving);
       const ssize_t sent = ::sendto(fds_[t], outgoing[t].data(), kDatagramSize, MSG_DONTWAIT,
                                     reinterpret_cast<const sockaddr*>(&target), sizeof target);
       if (sent < 0) {
         ++result.sendFailures;
       } else if (intended >= windowStart) {
         ++result.sent;
-        result.sendLateness.record(realtimeNs() - intended);
+        result.sendLateness.record(leaving - intended);
       }
       ++event;
     }

@@ -16,7 +16,7 @@
 namespace parlavox::bench {
 
 // One run of open-loop load against one target (the server or the bare forwarder).
-struct RunSpec {
+struct RunPlan {
   std::uint16_t targetPort = 0;  // where the talkers' audio goes
   std::size_t talkers = 0;       // clients 0 .. talkers-1 talk; every client listens
   double ratePerTalker = 50.0;   // audio datagrams per second and talker
@@ -43,7 +43,7 @@ struct RunResult {
   std::uint64_t expected = 0;      // copies that should reach clients: sent × (clients − 1)
   std::uint64_t received = 0;      // copies that did, of those sent in the window
   std::uint64_t misdelivered = 0;  // copies that came back to their own talker
-  Histogram latency;               // kernel arrival at the client − intended send time
+  Histogram latency;               // kernel arrival at the client − actual send time
   Histogram sendLateness;          // actual − intended send time, the generator's own delay
   std::vector<Frame> announcement;
   std::uint64_t targetDrops = 0;     // datagrams the kernel dropped at the target's socket
@@ -79,7 +79,7 @@ class LoadGenerator {
   // Reads and forgets what is waiting on every socket.
   void drain();
 
-  RunResult run(const RunSpec& plan);
+  RunResult run(const RunPlan& plan);
 
   std::size_t clients() const { return fds_.size(); }
   std::uint16_t port(std::size_t client) const { return ports_[client]; }

@@ -74,9 +74,9 @@ std::string formatReport(const Settings& settings, const Results& results) {
   if (!results.relay.empty()) {
     out +=
         "\nRelay at show scale: 649-byte datagrams, 50 per second per talker, open loop; every\n"
-        "client listens. Latency = arrival in the client's socket (kernel timestamp) minus the\n"
-        "intended send time. CPU = the target process's share of one CPU. gen late = the\n"
-        "generator's own send delay, p99, charged to both.\n";
+        "client listens. Added latency = the copy's arrival at the client (kernel timestamp)\n"
+        "minus the datagram's send time. CPU = the target process's share of one CPU.\n"
+        "gen late = p99 of the generator's own delay against its schedule, not charged.\n";
     out += fmt::format(
         "  {:>4} {:>3}  {:<6} {:>10} {:>11} {:>8} {:>8} {:>8} {:>9} {:>9} {:>6} {:>9}  {}\n", "K",
         "T", "target", "offered/s", "delivered/s", "loss", "p50 µs", "p99 µs", "p99.9 µs", "max µs",

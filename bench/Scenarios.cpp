@@ -57,8 +57,8 @@ std::unique_ptr<ChildProcess> startForwarder(const Settings& settings) {
   return forwarder;
 }
 
-RunSpec showLoad(std::uint16_t target, std::size_t talkers, std::chrono::milliseconds measure) {
-  RunSpec plan;
+RunPlan showLoad(std::uint16_t target, std::size_t talkers, std::chrono::milliseconds measure) {
+  RunPlan plan;
   plan.targetPort = target;
   plan.talkers = talkers;
   plan.ratePerTalker = kShowRate;
@@ -68,7 +68,7 @@ RunSpec showLoad(std::uint16_t target, std::size_t talkers, std::chrono::millise
 }
 
 // One run against `process`, with the CPU time it took meanwhile.
-RunResult measured(LoadGenerator& generator, const RunSpec& plan, const ChildProcess& process,
+RunResult measured(LoadGenerator& generator, const RunPlan& plan, const ChildProcess& process,
                    std::chrono::nanoseconds& cpu) {
   generator.drain();
   const auto before = process.cpuTime();
@@ -145,7 +145,7 @@ void relayGroup(const Settings& settings, std::size_t clients, Results& results)
     for (std::size_t step = 0;
          step < settings.rampMaxSteps && (bareSaturated < 2 || serverSaturated < 2);
          ++step, offered *= settings.rampFactor) {
-      RunSpec plan = showLoad(kForwarderPort, talkers, settings.rampStep);
+      RunPlan plan = showLoad(kForwarderPort, talkers, settings.rampStep);
       plan.warmup = 300ms;
       plan.ratePerTalker =
           offered / static_cast<double>(clients - 1) / static_cast<double>(talkers);
@@ -198,8 +198,8 @@ struct Heard {
   std::vector<Frame> frames;
 };
 
-RunSpec listening(LoadGenerator& generator, std::size_t talkers) {
-  RunSpec plan = showLoad(kServerPort, talkers, 120s);
+RunPlan listening(LoadGenerator& generator, std::size_t talkers) {
+  RunPlan plan = showLoad(kServerPort, talkers, 120s);
   plan.warmup = 0ms;
   plan.tail = 100ms;
   plan.listener = generator.clients() - 1;
@@ -211,7 +211,7 @@ Heard announce(LoadGenerator& generator, ChildProcess& server, const std::string
   const std::size_t expect = ++announced;
   Heard heard;
   const std::vector<std::uint8_t> osc = oscMessage("/parlavox/say", text);
-  RunSpec plan = listening(generator, talkers);
+  RunPlan plan = listening(generator, talkers);
   plan.atStart = [&] {
     heard.oscSentNs = realtimeNs();
     generator.sendFrom(0, kOscPort, osc);
@@ -231,7 +231,7 @@ std::vector<Frame> barePaced(const Settings& settings, LoadGenerator& generator,
   if (!pacer.waitForLine("ready", 1, 10s)) {
     throw std::runtime_error("the bare pacer did not start: " + pacer.standardError());
   }
-  RunSpec plan = listening(generator, talkers);
+  RunPlan plan = listening(generator, talkers);
   const std::size_t listener = plan.listener;
   plan.atStart = [&] { generator.sendFrom(listener, kPacerPort, {0x00}); };
   plan.stopWhen = [&] { return pacer.count("done") >= 1; };
@@ -300,11 +300,11 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
   memory.clients = 256;
   LoadGenerator generator(memory.clients);
   if (!generator.join(kServerPort, "Crew", 30s)) {
-    results.problems.push_back("256 clients could not all join");
+    results.problems.emplace_back("256 clients could not all join");
     return;
   }
   if (settings.memory) {
-    RunSpec plan = showLoad(kServerPort, 16, settings.memoryTraffic);
+    RunPlan plan = showLoad(kServerPort, 16, settings.memoryTraffic);
     const RunResult traffic = generator.run(plan);
     checkDelivered(traffic, "memory run", results);
     memory.loaded = server->residentBytes();
@@ -327,7 +327,7 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     idle.synthesisMs.push_back(synthesisMs(settings, kTenWords));
     const Heard heard = announce(generator, *server, kTenWords, 0, announced);
     if (heard.frames.empty()) {
-      results.problems.push_back("an announcement reached no client");
+      results.problems.emplace_back("an announcement reached no client");
       return;
     }
     idle.firstFrameMs.push_back(
@@ -346,7 +346,7 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     paced.underLoad = talkers > 0;
     paced.server = pacing(announce(generator, *server, pacedText, talkers, announced).frames);
     if (paced.server.frames == 0) {
-      results.problems.push_back("an announcement reached no client");
+      results.problems.emplace_back("an announcement reached no client");
       return;
     }
     paced.bare = pacing(barePaced(settings, generator, paced.server.frames, talkers));
@@ -375,7 +375,7 @@ Results runAll(const Settings& settings) {
       }
     }
   } catch (const std::exception& error) {
-    results.problems.push_back(error.what());
+    results.problems.emplace_back(error.what());
   }
   return results;
 }

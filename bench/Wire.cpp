@@ -10,7 +10,8 @@ constexpr std::size_t kRunAt = kMagicAt + 4;
 constexpr std::size_t kTalkerAt = kRunAt + 4;
 constexpr std::size_t kSeqAt = kTalkerAt + 2;
 constexpr std::size_t kTimeAt = kSeqAt + 4;
-constexpr std::size_t kProbeEnd = kTimeAt + 8;
+constexpr std::size_t kSentAt = kTimeAt + 8;
+constexpr std::size_t kProbeEnd = kSentAt + 8;
 
 template <typename T>
 void put(std::span<std::uint8_t> at, std::size_t offset, T value) {
@@ -48,13 +49,15 @@ void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Prob
   put<std::uint32_t>(datagram, kMagicAt, kProbeMagic);
   put<std::uint32_t>(datagram, kRunAt, probe.run);
   put<std::uint16_t>(datagram, kTalkerAt, probe.talker);
-  restamp(datagram, probe.seq, probe.intendedNs);
+  restamp(datagram, probe.seq, probe.intendedNs, probe.sentNs);
 }
 
-void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs) {
+void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,
+             std::int64_t sentNs) {
   put<std::uint16_t>(datagram, 7, static_cast<std::uint16_t>(seq));
   put<std::uint32_t>(datagram, kSeqAt, seq);
   put<std::int64_t>(datagram, kTimeAt, intendedNs);
+  put<std::int64_t>(datagram, kSentAt, sentNs);
 }
 
 std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram) {
@@ -63,7 +66,8 @@ std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram) {
     return std::nullopt;
   }
   return Probe{get<std::uint32_t>(datagram, kRunAt), get<std::uint16_t>(datagram, kTalkerAt),
-               get<std::uint32_t>(datagram, kSeqAt), get<std::int64_t>(datagram, kTimeAt)};
+               get<std::uint32_t>(datagram, kSeqAt), get<std::int64_t>(datagram, kTimeAt),
+               get<std::int64_t>(datagram, kSentAt)};
 }
 
 std::optional<AudioHeader> readAudioHeader(std::span<const std::uint8_t> datagram) {

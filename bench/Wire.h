@@ -16,7 +16,9 @@ struct Probe {
   std::uint32_t run = 0;
   std::uint16_t talker = 0;
   std::uint32_t seq = 0;
-  std::int64_t intendedNs = 0;  // CLOCK_REALTIME, the clock of the kernel's receive timestamps
+  // CLOCK_REALTIME, the clock of the kernel's receive timestamps.
+  std::int64_t intendedNs = 0;  // when the schedule meant it to leave: decides its run window
+  std::int64_t sentNs = 0;      // when it left: added latency counts from here
 };
 
 inline constexpr std::size_t kDatagramSize = 649;  // 9-byte header and one 20 ms frame
@@ -27,8 +29,9 @@ inline constexpr std::uint16_t kAnnouncerId = 0xFFFF;
 // Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): kind 0x02,
 // sender id 0, `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
 void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Probe& probe);
-// Rewrites only what changes from one send to the next: seq and the intended time.
-void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs);
+// Rewrites only what changes from one send to the next: seq and the two times.
+void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,
+             std::int64_t sentNs);
 // The probe in a received audio datagram, or nothing for anything else (control messages,
 // announcements, foreign audio).
 std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram);

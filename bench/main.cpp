@@ -79,11 +79,11 @@ Settings quickRun() {
   s.talkerCounts = {4};
   s.saturationCounts = {64};
   s.measure = 1200ms;
-  s.rampStep = 400ms;
+  s.rampStep = 300ms;
   s.rampStart = 40'000;
   s.rampFactor = 1.6;
   s.rampMaxSteps = 7;
-  s.memoryTraffic = 5s;
+  s.memoryTraffic = 3s;
   s.firstFrameSamples = 3;
   s.longAnnouncement = false;
   return s;
@@ -106,7 +106,12 @@ int main(int argc, char** argv) {
   }
 
   if (args.size() == 3 && args[0] == "--bare-pacer") {
-    runBarePacer(static_cast<std::uint16_t>(std::stoul(args[1])), std::stoul(args[2]));
+    try {
+      runBarePacer(static_cast<std::uint16_t>(std::stoul(args[1])), std::stoul(args[2]));
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "bare pacer: %s\n", error.what());
+      return 1;
+    }
   }
 
   bool quick = false;

@@ -29,7 +29,7 @@ TEST(LoadGenerator, CountsEachCopyOfTheWindowOnce) {
   LoadGenerator generator(5);
   ASSERT_TRUE(generator.join(forwarder.port(), "Crew", 5s));
 
-  RunSpec plan;
+  RunPlan plan;
   plan.targetPort = forwarder.port();
   plan.talkers = 2;
   plan.ratePerTalker = 200;
@@ -58,7 +58,7 @@ TEST(LoadGenerator, CountsEachCopyOfTheWindowOnce) {
 TEST(LoadGenerator, StopWhenEndsTheWindowEarly) {
   BareForwarder forwarder(0);
   LoadGenerator generator(2);
-  RunSpec plan;
+  RunPlan plan;
   plan.targetPort = forwarder.port();
   plan.talkers = 0;
   plan.warmup = 0ms;
@@ -84,7 +84,7 @@ TEST(LoadGenerator, ShortRunsStillKeepEveryClientAlive) {
 
   BareForwarder forwarder(0);
   LoadGenerator generator(4);
-  RunSpec plan;
+  RunPlan plan;
   plan.targetPort = forwarder.port();
   plan.warmup = 0ms;
   plan.measure = 150ms;  // far shorter than one round of pings (2 s over 4 clients)

@@ -9,7 +9,7 @@ namespace {
 TEST(Wire, ProbeSurvivesTheRelaysHeaderRewrite) {
   std::vector<std::uint8_t> datagram(kDatagramSize);
   writeAudio(datagram, 0x1, Probe{7, 3, 0, 0});
-  restamp(datagram, 70'000, 1'234'567'890'123);
+  restamp(datagram, 70'000, 1'234'567'890'123, 1'234'567'890'456);
   // The relay writes the sender id and the receiver's mask; the probe lies in the samples.
   datagram[1] = 0x05;
   datagram[2] = 0x00;
@@ -20,6 +20,7 @@ TEST(Wire, ProbeSurvivesTheRelaysHeaderRewrite) {
   EXPECT_EQ(probe->talker, 3U);
   EXPECT_EQ(probe->seq, 70'000U);
   EXPECT_EQ(probe->intendedNs, 1'234'567'890'123);
+  EXPECT_EQ(probe->sentNs, 1'234'567'890'456);
   const auto header = readAudioHeader(datagram);
   ASSERT_TRUE(header);
   EXPECT_EQ(header->seq, static_cast<std::uint16_t>(70'000));  // the wire seq is 16 bits
