@@ -1,9 +1,9 @@
 #pragma once
 
 #include <mutex>
-#include <utility>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Console.h"
