@@ -26,7 +26,7 @@ std::uint32_t readLE32(const std::uint8_t* at) {
 
 }  // namespace
 
-void relayAudio(Bytes datagram, const Peer& sender, const PeerTable& peers) {
+void relayAudio(Bytes datagram, const Peer& sender, std::span<const Listener> listeners) {
   using namespace protocol;
   if (!sender.joined || datagram.size() <= audioHeaderSize) {
     return;  // strangers never talk, and a header without a sample says nothing
@@ -40,16 +40,13 @@ void relayAudio(Bytes datagram, const Peer& sender, const PeerTable& peers) {
   std::memcpy(header.data(), datagram.data(), audioHeaderSize);
   writeLE16(&header[senderIdOffset], sender.id);
   const Bytes samples = datagram.subspan(audioHeaderSize);
-  for (const auto& [key, peer] : peers) {
-    if (!peer->joined || peer.get() == &sender) {
-      continue;
-    }
-    const std::uint32_t share = peer->listenMask & effective;
-    if (share == 0) {
-      continue;
+  for (const Listener& listener : listeners) {
+    const std::uint32_t share = listener.listenMask & effective;
+    if (share == 0 || listener.id == sender.id) {
+      continue;  // ids are unique among the joined, so this skips only the sender
     }
     writeLE32(&header[maskOffset], share);
-    peer->conn->send(header, samples);
+    listener.conn->send(header, samples);
   }
 }
 

@@ -1,13 +1,16 @@
 #pragma once
 
+#include <span>
+
 #include "platform/Bytes.h"
+#include "relay/Listeners.h"
 #include "relay/Peer.h"
 
 namespace parlavox {
 
-// Forwards one audio datagram from `sender` to every other joined peer that listens on a channel
-// the sender may talk on and asked for. Each copy carries the sender's id and the receiver's share
-// of the mask; everything else arrives as sent. Allocates nothing.
-void relayAudio(Bytes datagram, const Peer& sender, const PeerTable& peers);
+// Forwards one audio datagram from `sender` to every other listener that listens on a channel the
+// sender may talk on and asked for, in the listeners' order. Each copy carries the sender's id and
+// the receiver's share of the mask; everything else arrives as sent. Allocates nothing.
+void relayAudio(Bytes datagram, const Peer& sender, std::span<const Listener> listeners);
 
 }  // namespace parlavox

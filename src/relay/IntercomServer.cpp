@@ -104,7 +104,7 @@ void IntercomServer::receive(const std::shared_ptr<Peer>& peer, Bytes datagram) 
   peer->lastSeen = platform_.clock.now();
   switch (datagram[0]) {
     case protocol::kindAudio:
-      relayAudio(datagram, *peer, peers_);
+      relayAudio(datagram, *peer, listeners_);
       break;
     case protocol::kindControl:
       handleControl(datagram.subspan(1), peer);
@@ -124,7 +124,7 @@ void IntercomServer::remove(std::uint64_t key) {
   peer->conn->cancel();
   if (peer->joined) {
     platform_.console.print(fmt::format("👋 {} ({}) left", peer->name, peer->role));
-    broadcastRoster();
+    joinedChanged();
   }
 }
 
@@ -189,6 +189,11 @@ void IntercomServer::join(const Incoming& message, Peer& peer) {
   peer.joined = true;
   platform_.console.print(fmt::format("🎧 {} joined as {}", peer.name, peer.role));
   send(WelcomeMsg{peer.id, peer.role, peer.talkMask, peer.listenMask}, peer);
+  joinedChanged();
+}
+
+void IntercomServer::joinedChanged() {
+  listeners_ = listenersOf(peers_);
   broadcastRoster();
 }
 
@@ -209,10 +214,8 @@ void IntercomServer::broadcastRoster() {
   if (datagram.empty()) {
     return;
   }
-  for (const auto& [key, peer] : peers_) {
-    if (peer->joined) {
-      peer->conn->send(asBytes(datagram));
-    }
+  for (const Listener& listener : listeners_) {
+    listener.conn->send(asBytes(datagram));
   }
 }
 
@@ -245,9 +248,9 @@ void IntercomServer::handleOSC(const std::string& address, const std::string& te
 void IntercomServer::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {
   ++announcerSeq_;  // every frame takes a number, heard or not
   const std::array<std::uint8_t, 9> header = announcementHeader(mask, announcerSeq_);
-  for (const auto& [key, peer] : peers_) {
-    if (peer->joined && (peer->listenMask & mask) != 0) {
-      peer->conn->send(header, frame);
+  for (const Listener& listener : listeners_) {
+    if ((listener.listenMask & mask) != 0) {
+      listener.conn->send(header, frame);
     }
   }
 }

@@ -14,6 +14,7 @@
 #include "platform/Datagram.h"
 #include "platform/EventLoop.h"
 #include "relay/ControlMessages.h"
+#include "relay/Listeners.h"
 #include "relay/Peer.h"
 
 namespace parlavox {
@@ -63,10 +64,13 @@ class IntercomServer : public std::enable_shared_from_this<IntercomServer> {
   template <typename Message>
   void send(const Message& message, const Peer& to);
   void join(const Incoming& message, Peer& peer);
+  // Who is joined, or what they hear, has changed: the fan-outs' listeners and everyone's roster.
+  void joinedChanged();
 
   const Config config_;
   ServerPlatform platform_;
   PeerTable peers_;
+  Listeners listeners_;  // the joined peers of peers_, by id; kept in step by joinedChanged()
   std::uint16_t nextID_ = 1;
   std::unique_ptr<platform::FlowListener> listener_;
   OSCListener oscListener_;

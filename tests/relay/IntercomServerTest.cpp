@@ -165,6 +165,33 @@ TEST_F(IntercomServerTest, RejoinKeepsTheIdAndChangesRoleForEveryone) {
             json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
 }
 
+TEST_F(IntercomServerTest, AudioFollowsWhoIsJoinedAndWhatTheirRoleHears) {
+  auto talker = joined("Ann", "Stage Manager");
+  auto other = joined("Bo", "Sound");
+  const Datagram onTech{0x02, 0, 0, 0x02, 0, 0, 0, 1, 0, 0xAB};
+  struct Step {
+    const char* what;
+    json before;  // what Bo does first (null: nothing)
+    bool hears;
+  };
+  const Step steps[] = {
+      {"Sound hears Tech", nullptr, true},
+      {"rejoined as a role that does not",
+       {{"t", "join"}, {"name", "Bo"}, {"role", "Green Room Parent"}},
+       false},
+      {"rejoined as one that does", {{"t", "join"}, {"name", "Bo"}, {"role", "Lighting"}}, true},
+      {"gone", {{"t", "bye"}}, false},
+  };
+  for (const Step& step : steps) {
+    if (!step.before.is_null()) {
+      other->deliver(control(step.before));
+    }
+    other->sent.clear();
+    talker->deliver(onTech);
+    EXPECT_EQ(other->sent.size(), step.hears ? 1U : 0U) << step.what;
+  }
+}
+
 TEST_F(IntercomServerTest, FailedJoinAnswersErrorAndChangesNothing) {
   auto a = joined("Ann", "Sound");
   console.take();

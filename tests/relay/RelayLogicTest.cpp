@@ -153,7 +153,7 @@ TEST(RelayAudio, ForwardsEachReceiversShareWithTheSendersId) {
   auto d = addPeer(peers, 8, 0, 0x4);
   const std::vector<std::uint8_t> samples{0x10, 0xFF, 0x00, 0x7F, 0x80};
   // A claims to be someone else: the relay writes its real id.
-  relayAudio(audio(0xFFFF, 0x7, 42, samples), *a, peers);
+  relayAudio(audio(0xFFFF, 0x7, 42, samples), *a, listenersOf(peers));
 
   ASSERT_EQ(sentTo(b).size(), 1U);
   EXPECT_EQ(sentTo(b)[0], (Datagram{0x02, 0x05, 0x00, 0x01, 0x00, 0x00, 0x00, 0x2A, 0x00, 0x10,
@@ -188,7 +188,7 @@ TEST(RelayAudio, ForwardsOnlyWhatTheRulesAllow) {
     auto listener = addPeer(peers, 2, 0, 0xF);
     auto stranger = addPeer(peers, 3, 0xF, 0xF, /*joined=*/false);
     const Datagram in = audio(0, c.mask, 1, std::vector<std::uint8_t>(c.samples, 0x55));
-    relayAudio(in, *sender, peers);
+    relayAudio(in, *sender, listenersOf(peers));
     const auto& heard = sentTo(listener);
     EXPECT_EQ(heard.size(), c.forwarded ? 1U : 0U) << c.what;
     EXPECT_TRUE(heard.empty() || heard[0].size() == in.size()) << c.what << ": whole";
@@ -198,7 +198,7 @@ TEST(RelayAudio, ForwardsOnlyWhatTheRulesAllow) {
 
 // --- roster ---
 
-TEST(MakeRoster, ListsJoinedPeersInAscendingId) {
+TEST(MakeRoster, RosterAndListenersListJoinedPeersInAscendingId) {
   PeerTable peers;
   addPeer(peers, 9);
   addPeer(peers, 0, 0, 0, /*joined=*/false);
@@ -211,6 +211,11 @@ TEST(MakeRoster, ListsJoinedPeersInAscendingId) {
     EXPECT_EQ(user.name, "peer" + std::to_string(user.id));
   }
   EXPECT_EQ(ids, (std::vector<std::uint16_t>{2, 5, 9}));
+  ids.clear();
+  for (const Listener& listener : listenersOf(peers)) {
+    ids.push_back(listener.id);
+  }
+  EXPECT_EQ(ids, (std::vector<std::uint16_t>{2, 5, 9})) << "the fan-outs go in the same order";
 }
 
 }  // namespace
