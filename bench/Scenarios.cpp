@@ -9,13 +9,15 @@
 #include <stdexcept>
 #include <thread>
 
-#include "ChildProcess.h"
+#include "ProcessUsage.h"
 #include "Wire.h"
+#include "support/ChildProcess.h"
 
 namespace parlavox::bench {
 namespace {
 
 using namespace std::chrono_literals;
+using test::ChildProcess;
 
 constexpr double kShowRate = 50.0;  // datagrams per second and talker
 constexpr std::size_t kRampTalkers = 16;
@@ -39,8 +41,8 @@ void progress(const std::string& line) {
 std::unique_ptr<ChildProcess> startServer(const Settings& settings) {
   auto server = std::make_unique<ChildProcess>(settings.server.string(), std::vector<std::string>{},
                                                settings.directory);
-  if (!server->waitForLine("✅ Listening on UDP port", 1, 10s) ||
-      !server->waitForLine("✅ Listening for OSC", 1, 10s)) {
+  if (!server->waitForLine("✅ Listening on UDP port", 10s) ||
+      !server->waitForLine("✅ Listening for OSC", 10s)) {
     throw std::runtime_error("the server did not start: " + server->standardError());
   }
   return server;
@@ -51,7 +53,7 @@ std::unique_ptr<ChildProcess> startForwarder(const Settings& settings) {
       settings.self.string(),
       std::vector<std::string>{"--bare-forwarder", std::to_string(kForwarderPort)},
       settings.directory);
-  if (!forwarder->waitForLine("ready", 1, 10s)) {
+  if (!forwarder->waitForLine("ready", 10s)) {
     throw std::runtime_error("the bare forwarder did not start: " + forwarder->standardError());
   }
   return forwarder;
@@ -71,9 +73,9 @@ RunPlan showLoad(std::uint16_t target, std::size_t talkers, std::chrono::millise
 RunResult measured(LoadGenerator& generator, const RunPlan& plan, const ChildProcess& process,
                    std::chrono::nanoseconds& cpu) {
   generator.drain();
-  const auto before = process.cpuTime();
+  const auto before = cpuTime(process.pid());
   RunResult result = generator.run(plan);
-  cpu = process.cpuTime() - before;
+  cpu = cpuTime(process.pid()) - before;
   return result;
 }
 
@@ -187,7 +189,7 @@ void relayGroup(const Settings& settings, std::size_t clients, Results& results)
         fmt::format("{} of {} clients timed out at the server", gone, clients));
   }
   if (clients == 256 && results.memory) {
-    results.memory->afterRamps = server->residentBytes();
+    results.memory->afterRamps = residentBytes(server->pid());
   }
   generator.leave(kServerPort);
 }
@@ -228,7 +230,7 @@ std::vector<Frame> barePaced(const Settings& settings, LoadGenerator& generator,
   ChildProcess pacer(settings.self.string(),
                      {"--bare-pacer", std::to_string(kPacerPort), std::to_string(frames)},
                      settings.directory);
-  if (!pacer.waitForLine("ready", 1, 10s)) {
+  if (!pacer.waitForLine("ready", 10s)) {
     throw std::runtime_error("the bare pacer did not start: " + pacer.standardError());
   }
   RunPlan plan = listening(generator, talkers);
@@ -295,8 +297,8 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
   auto server = startServer(settings);
   std::this_thread::sleep_for(1s);
   Memory memory;
-  memory.idle = server->residentBytes();
-  memory.idleAnonymous = server->anonymousResidentBytes();
+  memory.idle = residentBytes(server->pid());
+  memory.idleAnonymous = anonymousResidentBytes(server->pid());
   memory.clients = 256;
   LoadGenerator generator(memory.clients);
   if (!generator.join(kServerPort, "Crew", 30s)) {
@@ -307,9 +309,9 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     RunPlan plan = showLoad(kServerPort, 16, settings.memoryTraffic);
     const RunResult traffic = generator.run(plan);
     checkDelivered(traffic, "memory run", results);
-    memory.loaded = server->residentBytes();
-    memory.loadedAnonymous = server->anonymousResidentBytes();
-    memory.peak = server->peakResidentBytes();
+    memory.loaded = residentBytes(server->pid());
+    memory.loadedAnonymous = anonymousResidentBytes(server->pid());
+    memory.peak = peakResidentBytes(server->pid());
     memory.trafficSeconds = traffic.seconds;
     progress(fmt::format("RSS idle {:.2f} MiB, after {:.0f} s of traffic {:.2f} MiB (peak {:.2f})",
                          static_cast<double>(memory.idle) / 1048576, memory.trafficSeconds,

@@ -15,11 +15,11 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "BareForwarder.h"
 #include "BarePacer.h"
-#include "ChildProcess.h"
 #include "PrivateNetwork.h"
 #include "Report.h"
 #include "Scenarios.h"
@@ -36,6 +36,13 @@ constexpr const char* kRoles = R"({
   "roles" : [ { "name" : "Crew", "talk" : [ "Main" ], "listen" : [ "Main" ] } ],
   "oscPort" : 47000
 })";
+
+// The directory this program was started from, where parlavox and parlavox-say lie beside it.
+std::filesystem::path ownDirectory() {
+  std::error_code error;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? std::filesystem::current_path() : self.parent_path();
+}
 
 int usage() {
   std::fprintf(stderr,

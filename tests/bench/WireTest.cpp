@@ -1,3 +1,5 @@
+// The probe and OSC bytes the bench writes and reads back. The quick run only proves that some
+// probes survive and one sentence is announced; these pin down the fields and the edge cases.
 #include <gtest/gtest.h>
 
 #include "Wire.h"
@@ -26,12 +28,11 @@ TEST(Wire, ProbeSurvivesTheRelaysHeaderRewrite) {
   EXPECT_EQ(header->seq, static_cast<std::uint16_t>(70'000));  // the wire seq is 16 bits
   EXPECT_EQ(header->sender, 5U);
   EXPECT_EQ(header->mask, 1U);
-  EXPECT_EQ(datagram.size(), 649U);
   EXPECT_EQ(datagram[0], 0x02);
 }
 
 TEST(Wire, ForeignDatagramsCarryNoProbe) {
-  std::vector<std::uint8_t> announcement(649, 0);
+  std::vector<std::uint8_t> announcement(kDatagramSize, 0);
   announcement[0] = 0x02;
   announcement[1] = 0xFF;
   announcement[2] = 0xFF;
@@ -43,22 +44,17 @@ TEST(Wire, ForeignDatagramsCarryNoProbe) {
   EXPECT_FALSE(readAudioHeader(std::vector<std::uint8_t>{0x02, 0, 0}));
 }
 
-TEST(Wire, OscMessagesParseAsTheServerReadsThem) {
-  struct Case {
-    std::string address;
-    std::string text;
-  };
-  for (const Case& c :
-       {Case{"/parlavox/say", "Places please, everyone, for the top of act two now."},
-        Case{"/parlavox/say/Tech", "abc"},  // text of 3: one NUL pads it to 4
-        Case{"/parlavox/say", "abcd"},      // text of 4: four NULs
-        Case{"/parlavox/say", ""}}) {
-    const auto bytes = oscMessage(c.address, c.text);
-    EXPECT_EQ(bytes.size() % 4, 0U);
-    const auto parsed = OSCListener::parse(bytes);
-    ASSERT_TRUE(parsed) << c.text;
-    EXPECT_EQ(parsed->address, c.address);
-    EXPECT_EQ(parsed->text, c.text);
+TEST(Wire, OscMessagesParseAsTheServerReadsThemWhateverThePadding) {
+  // Texts of every length modulo 4: one to four NULs end each string.
+  for (const std::string text : {"", "a", "ab", "abc", "abcd"}) {
+    for (const std::string address : {"/parlavox/say", "/parlavox/say/Tech"}) {
+      const auto bytes = oscMessage(address, text);
+      EXPECT_EQ(bytes.size() % 4, 0U);
+      const auto parsed = OSCListener::parse(bytes);
+      ASSERT_TRUE(parsed) << address << " " << text;
+      EXPECT_EQ(parsed->address, address);
+      EXPECT_EQ(parsed->text, text);
+    }
   }
 }
 

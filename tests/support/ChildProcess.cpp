@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <stdexcept>
 
 extern char** environ;
@@ -140,7 +141,7 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
   while (!status_) {
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+      ended(status);
       break;
     }
     if (std::chrono::steady_clock::now() >= deadline) {
@@ -148,10 +149,26 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  // Let the readers take the last of the output.
+  return status_;
+}
+
+int ChildProcess::wait() {
+  if (!status_) {
+    int status = 0;
+    while (waitpid(pid_, &status, 0) != pid_) {
+      if (errno != EINTR) {
+        throw std::runtime_error("lost track of a child process");
+      }
+    }
+    ended(status);
+  }
+  return *status_;
+}
+
+void ChildProcess::ended(int waitStatus) {
+  status_ = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -WTERMSIG(waitStatus);
   std::unique_lock lock(mutex_);
   changed_.wait_for(lock, std::chrono::seconds(2), [&] { return openStreams_ == 0; });
-  return status_;
 }
 
 void ChildProcess::stop() {

@@ -40,11 +40,21 @@ class ChildProcess {
   // The test's thread. The exit status if the program ends within `timeout` (-signal when a
   // signal ended it); all its output has been read by then.
   std::optional<int> waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // The test's thread. Like waitForExit, without a limit and without polling, so that it returns
+  // as the program ends: for timing a run. Throws std::runtime_error if the program cannot be
+  // waited for (someone else reaped it).
+  int wait();
   // The test's thread. SIGTERM, and SIGKILL if that does not end it within 5 s.
   void stop();
 
+  // Any thread. For reading /proc while the program runs; once it has been waited for, the id
+  // may belong to another process.
+  pid_t pid() const { return pid_; }
+
  private:
   void readOutput(int fd, bool isError);
+  // Records how the program ended and waits (briefly) for the readers to take its last output.
+  void ended(int waitStatus);
 
   pid_t pid_ = -1;
   std::optional<int> status_;

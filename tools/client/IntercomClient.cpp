@@ -134,9 +134,11 @@ void IntercomClient::keep(Datagram datagram) {
   }
 }
 
-std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseconds timeout) {
+template <typename Item>
+std::optional<Item> IntercomClient::takeNext(std::deque<Item>& queue,
+                                             std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  while (controls_.empty()) {
+  while (queue.empty()) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
@@ -145,25 +147,17 @@ std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseco
     }
     keep(std::move(*datagram));
   }
-  auto message = std::move(controls_.front());
-  controls_.pop_front();
-  return message;
+  auto item = std::move(queue.front());
+  queue.pop_front();
+  return item;
+}
+
+std::optional<nlohmann::json> IntercomClient::nextControl(std::chrono::milliseconds timeout) {
+  return takeNext(controls_, timeout);
 }
 
 std::optional<Audio> IntercomClient::nextAudio(std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (audio_.empty()) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    auto datagram = receive(std::max(left, std::chrono::milliseconds(0)));
-    if (!datagram) {
-      return std::nullopt;
-    }
-    keep(std::move(*datagram));
-  }
-  auto audio = std::move(audio_.front());
-  audio_.pop_front();
-  return audio;
+  return takeNext(audio_, timeout);
 }
 
 void IntercomClient::collect(std::chrono::milliseconds window) {

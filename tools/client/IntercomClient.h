@@ -63,6 +63,10 @@ class IntercomClient {
 
  private:
   void keep(Datagram datagram);
+  // Receives, keeping what arrives, until `queue` holds something or `timeout` passes; then takes
+  // its first item.
+  template <typename Item>
+  std::optional<Item> takeNext(std::deque<Item>& queue, std::chrono::milliseconds timeout);
 
   int fd_ = -1;
   std::deque<nlohmann::json> controls_;
