@@ -11,13 +11,10 @@ namespace parlavox {
 namespace {
 
 using Kind = AnnouncementTarget::Kind;
+using Channels = std::vector<std::string>;
 
-std::vector<std::string> showChannels() {
-  return {"Main", "Tech", "Backstage", "Green Room"};
-}
-
-std::vector<std::string> numberedChannels(std::size_t count) {
-  std::vector<std::string> channels;
+Channels numbered(std::size_t count) {
+  Channels channels;
   for (std::size_t i = 0; i < count; ++i) {
     channels.push_back("C" + std::to_string(i));
   }
@@ -25,87 +22,55 @@ std::vector<std::string> numberedChannels(std::size_t count) {
 }
 
 TEST(AnnouncementCommand, ResolvesAddressesAgainstTheChannels) {
+  const Channels show = {"Main", "Tech", "Backstage", "Green Room"};
+  const Channels wide = numbered(33);
+  const Channels composed = {"Main", "R\xC3\xA9gie"};
+  const Channels decomposed = {"Re\xCC\x81gie"};
   struct Case {
-    const char* name;
-    std::vector<std::string> channels;
+    Channels channels;
     std::string address;
     Kind kind;
     std::uint32_t mask;
     std::string channel;
   };
   const Case cases[] = {
-      {"all channels", showChannels(), "/parlavox/say", Kind::announce, 0xF, ""},
-      {"one channel", showChannels(), "/parlavox/say/Tech", Kind::announce, 0x2, ""},
-      {"name with a space", showChannels(), "/parlavox/say/Green Room", Kind::announce, 0x8, ""},
-      {"case differs", showChannels(), "/parlavox/say/tech", Kind::unknownChannel, 0, "tech"},
-      {"no trimming", showChannels(), "/parlavox/say/Tech ", Kind::unknownChannel, 0, "Tech "},
-      {"empty name", showChannels(), "/parlavox/say/", Kind::unknownChannel, 0, ""},
-      {"name with a slash", showChannels(), "/parlavox/say/Tech/extra", Kind::unknownChannel, 0,
-       "Tech/extra"},
-      {"longer word", showChannels(), "/parlavox/sayx", Kind::ignore, 0, ""},
-      {"upper case", showChannels(), "/PARLAVOX/say", Kind::ignore, 0, ""},
-      {"other address", showChannels(), "/cue/go", Kind::ignore, 0, ""},
-      {"prefix cut short", showChannels(), "/parlavox/sa", Kind::ignore, 0, ""},
-      {"combining mark after the slash", showChannels(), "/parlavox/say/\xCC\x81Tech", Kind::ignore,
-       0, ""},
-      {"32 channels, all", numberedChannels(32), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
-      {"32 channels, last", numberedChannels(32), "/parlavox/say/C31", Kind::announce, 0x80000000,
-       ""},
-      {"33 channels, all", numberedChannels(33), "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
-      {"33 channels, beyond the mask", numberedChannels(33), "/parlavox/say/C32", Kind::announce, 0,
-       ""},
-      {"no channels, all", {}, "/parlavox/say", Kind::announce, 0, ""},
-      {"no channels, one", {}, "/parlavox/say/Main", Kind::unknownChannel, 0, "Main"},
-      {"channel with an empty name", {"Main", ""}, "/parlavox/say/", Kind::announce, 0x2, ""},
-      {"duplicate name takes the first",
-       {"A", "Tech", "Tech"},
-       "/parlavox/say/Tech",
-       Kind::announce,
-       0x2,
-       ""},
-      {"canonically equivalent name",
-       {"Main", "R\xC3\xA9gie"},
-       "/parlavox/say/Re\xCC\x81gie",
-       Kind::announce,
-       0x2,
-       ""},
-      {"decomposed name configured",
-       {"Re\xCC\x81gie"},
-       "/parlavox/say/R\xC3\xA9gie",
-       Kind::announce,
-       0x1,
-       ""},
-      {"unknown name kept as sent",
-       {"R\xC3\xA9gie"},
-       "/parlavox/say/Re\xCC\x81gies",
-       Kind::unknownChannel,
-       0,
-       "Re\xCC\x81gies"},
+      {show, "/parlavox/say", Kind::announce, 0xF, ""},
+      {show, "/parlavox/say/Tech", Kind::announce, 0x2, ""},
+      {show, "/parlavox/say/Green Room", Kind::announce, 0x8, ""},
+      {show, "/parlavox/say/tech", Kind::unknownChannel, 0, "tech"},
+      {show, "/parlavox/say/Tech ", Kind::unknownChannel, 0, "Tech "},
+      {show, "/parlavox/say/", Kind::unknownChannel, 0, ""},
+      {show, "/parlavox/say/Tech/extra", Kind::unknownChannel, 0, "Tech/extra"},
+      {show, "/parlavox/sayx", Kind::ignore, 0, ""},
+      {show, "/PARLAVOX/say", Kind::ignore, 0, ""},
+      {show, "/parlavox/sa", Kind::ignore, 0, ""},
+      // A combining mark glued onto the "/" makes another character: not this prefix at all.
+      {show, "/parlavox/say/\xCC\x81Tech", Kind::ignore, 0, ""},
+      // Channels from 32 on have no bit.
+      {wide, "/parlavox/say", Kind::announce, 0xFFFFFFFF, ""},
+      {wide, "/parlavox/say/C31", Kind::announce, 0x80000000, ""},
+      {wide, "/parlavox/say/C32", Kind::announce, 0, ""},
+      {{}, "/parlavox/say", Kind::announce, 0, ""},
+      {{"Main", ""}, "/parlavox/say/", Kind::announce, 0x2, ""},
+      {{"A", "Tech", "Tech"}, "/parlavox/say/Tech", Kind::announce, 0x2, ""},
+      // Canonically equivalent spellings match either way; an unknown name is kept as sent.
+      {composed, "/parlavox/say/Re\xCC\x81gie", Kind::announce, 0x2, ""},
+      {decomposed, "/parlavox/say/R\xC3\xA9gie", Kind::announce, 0x1, ""},
+      {composed, "/parlavox/say/Re\xCC\x81gies", Kind::unknownChannel, 0, "Re\xCC\x81gies"},
   };
   for (const auto& c : cases) {
     const AnnouncementTarget target = resolveAnnouncement(c.address, c.channels);
-    EXPECT_EQ(target.kind, c.kind) << c.name;
-    EXPECT_EQ(target.mask, c.mask) << c.name;
-    EXPECT_EQ(target.channel, c.channel) << c.name;
+    EXPECT_EQ(target.kind, c.kind) << c.address;
+    EXPECT_EQ(target.mask, c.mask) << c.address;
+    EXPECT_EQ(target.channel, c.channel) << c.address;
   }
 }
 
-struct HeaderCase {
-  std::uint32_t mask;
-  std::uint16_t seq;
-  std::array<std::uint8_t, 9> bytes;
-};
-
 TEST(AnnouncementHeader, LaysOutKindSenderMaskAndSeqLittleEndian) {
-  const HeaderCase cases[] = {
-      {0xF, 1, {0x02, 0xFF, 0xFF, 0x0F, 0x00, 0x00, 0x00, 0x01, 0x00}},
-      {0x12345678, 0xABCD, {0x02, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12, 0xCD, 0xAB}},
-      {0xFFFFFFFF, 0, {0x02, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}},
-      {0, 0xFFFF, {0x02, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF}},
-  };
-  for (const HeaderCase& c : cases) {
-    EXPECT_EQ(announcementHeader(c.mask, c.seq), c.bytes) << std::hex << c.mask << " " << c.seq;
-  }
+  EXPECT_EQ(announcementHeader(0x12345678, 0xABCD),
+            (std::array<std::uint8_t, 9>{0x02, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12, 0xCD, 0xAB}));
+  EXPECT_EQ(announcementHeader(0xFFFFFFFF, 0),
+            (std::array<std::uint8_t, 9>{0x02, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00}));
 }
 
 }  // namespace

@@ -12,14 +12,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <thread>
 
-#include "AnnounceTestSupport.h"
+#include "Uuid.h"
 #include "platform/Process.h"
 #include "platform/Resampler.h"
 #include "platform/SerialQueue.h"
 #include "platform/TempFile.h"
+#include "support/TempDir.h"
 
 namespace parlavox::platform {
 namespace {
@@ -27,19 +29,11 @@ namespace {
 using test::TempDir;
 
 TEST(RunProcess, ReportsExitStatusOrSignal) {
-  struct Case {
-    std::string script;
-    int status;
-  };
-  const Case cases[] = {
-      {"exit 0", 0},
-      {"exit 255", 255},
-      {"kill -KILL $$", 128 + 9},
-  };
-  for (const auto& c : cases) {
-    const auto result = runProcess({"/bin/sh", "-c", c.script});
-    EXPECT_TRUE(result.launched) << c.script;
-    EXPECT_EQ(result.status, c.status) << c.script;
+  for (const auto& [script, status] :
+       {std::pair{"exit 0", 0}, {"exit 255", 255}, {"kill -KILL $$", 128 + 9}}) {
+    const auto result = runProcess({"/bin/sh", "-c", script});
+    EXPECT_TRUE(result.launched) << script;
+    EXPECT_EQ(result.status, status) << script;
   }
 }
 
@@ -56,8 +50,7 @@ TEST(RunProcess, ReportsWhyAProgramCouldNotStart) {
       {dir / "missing", ENOENT},
       {dir / "plain", EACCES},
       {dir / "junk", ENOEXEC},
-      {dir.path(), EACCES},  // a directory
-      {"relative-name-on-no-path", ENOENT},
+      {"sh", ENOENT},  // no PATH search
   };
   for (const auto& c : cases) {
     const auto result = runProcess({c.path, "-o", "x"});
@@ -83,59 +76,20 @@ TEST(RunProcess, SendsTheChildsErrorOutputToOurStandardOutput) {
   EXPECT_EQ(test::readFile(captured), "to-out\nto-err\n");
 }
 
-TEST(RunProcess, PassesArgumentsVerbatimWithoutAShell) {
-  TempDir dir;
-  const std::string record = dir / "args";
-  const std::string script =
-      test::writeScript(dir / "record", "printf '%s\\0' \"$@\" > '" + record + "'");
-  const std::vector<std::string> args = {"-o", "a b.aiff",
-                                         "$(touch '" + (dir / "pwned") + "') ; * \"'", ""};
-  std::vector<std::string> argv = {script};
-  argv.insert(argv.end(), args.begin(), args.end());
-  ASSERT_EQ(runProcess(argv).status, 0);
-  EXPECT_EQ(test::splitNul(test::readFile(record)), args);
-  EXPECT_NE(::access((dir / "pwned").c_str(), F_OK), 0);
-}
-
-TEST(TempFile, NamesAFileInTheDirectoryAndRemovesItOnEveryExit) {
-  TempDir dir;
-  std::string path;
-  {
-    const TempFile file(dir.path(), "speech.aiff");
-    path = file.path();
-    EXPECT_EQ(path, dir.path() + "/speech.aiff");
-    test::writeFile(path, "data");
-  }
-  EXPECT_NE(::access(path.c_str(), F_OK), 0);
-  {
-    const TempFile trailing(dir.path() + "/", "never-created.aiff");
-    EXPECT_EQ(trailing.path(), dir.path() + "/never-created.aiff");
-  }  // nothing to remove: no complaint, no crash
-  EXPECT_TRUE(dir.entries().empty());
-}
-
-TEST(TempFile, TemporaryDirectoryComesFromTmpdirWhenSet) {
+// That the file goes on every path out of an announcement is the announcer's tests' business.
+TEST(TempFile, NamesTheFileInTheDirectoryElseInTmpdirElseInTmp) {
+  EXPECT_EQ(TempFile("/var/tmp/", "x.aiff").path(), "/var/tmp/x.aiff");
   const char* before = std::getenv("TMPDIR");
-  const std::string saved = before != nullptr ? before : "";
-  struct Case {
-    const char* value;  // nullptr: unset
-    std::string expected;
-  };
-  const Case cases[] = {{"/var/tmp/crew", "/var/tmp/crew"}, {"", "/tmp"}, {nullptr, "/tmp"}};
-  for (const auto& c : cases) {
-    if (c.value != nullptr) {
-      ::setenv("TMPDIR", c.value, 1);
-    } else {
-      ::unsetenv("TMPDIR");
-    }
-    EXPECT_EQ(TempFile::temporaryDirectory(), c.expected);
-    const TempFile file("", "x.aiff");
-    EXPECT_EQ(file.path(), c.expected + "/x.aiff");
-  }
-  if (before != nullptr) {
-    ::setenv("TMPDIR", saved.c_str(), 1);
-  } else {
-    ::unsetenv("TMPDIR");
+  const std::optional<std::string> saved =
+      before != nullptr ? std::optional<std::string>(before) : std::nullopt;
+  ::setenv("TMPDIR", "/var/tmp/crew", 1);
+  EXPECT_EQ(TempFile("", "x.aiff").path(), "/var/tmp/crew/x.aiff");
+  ::setenv("TMPDIR", "", 1);
+  EXPECT_EQ(TempFile::temporaryDirectory(), "/tmp");
+  ::unsetenv("TMPDIR");
+  EXPECT_EQ(TempFile("", "x.aiff").path(), "/tmp/x.aiff");
+  if (saved) {
+    ::setenv("TMPDIR", saved->c_str(), 1);
   }
 }
 
@@ -143,9 +97,7 @@ TEST(TempFile, UuidsAreVersion4UpperCaseAndDistinct) {
   std::set<std::string> seen;
   for (int i = 0; i < 1000; ++i) {
     const std::string uuid = TempFile::randomUuid();
-    ASSERT_TRUE(test::matchesHexPattern(uuid, test::kUuidPattern)) << uuid;
-    EXPECT_EQ(uuid[14], '4') << uuid;                                                    // version
-    EXPECT_NE(std::string_view("89AB").find(uuid[19]), std::string_view::npos) << uuid;  // variant
+    EXPECT_TRUE(test::isUuid4(uuid)) << uuid;
     seen.insert(uuid);
   }
   EXPECT_EQ(seen.size(), 1000U);
@@ -185,7 +137,6 @@ TEST(SerialQueue, RunsEveryTaskInOrderOnOneNamedThreadThenDrains) {
 
 std::vector<float> fromInt16(const std::vector<int>& values) {
   std::vector<float> out;
-  out.reserve(values.size());
   for (const int v : values) {
     out.push_back(static_cast<float>(v) / 32768.0F);
   }
@@ -193,19 +144,14 @@ std::vector<float> fromInt16(const std::vector<int>& values) {
 }
 
 TEST(Resampler, SixteenBitMonoAtNetworkRatePassesThroughUnchanged) {
-  std::vector<int> values;
-  values.reserve(4007);
-  for (int i = 0; i < 4000; ++i) {
-    values.push_back(static_cast<int>(std::lround(20000.0 * std::sin(i * 0.07))) + (i % 3) - 1);
+  std::vector<int> values = {-32768, 32767, 1, -1, 0};
+  for (int i = 0; i < 500; ++i) {
+    values.push_back(i * 131 % 65536 - 32768);
   }
-  values.insert(values.end(), {-32768, 32767, 1, -1, 0, 0, 0});
   const auto input = fromInt16(values);
   const auto result = resampleToMono16(input, 1, input.size(), 16000.0, 16000.0, input.size() + 32);
   ASSERT_TRUE(result.ok) << result.error;
-  ASSERT_EQ(result.samples.size(), values.size());
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    ASSERT_EQ(result.samples[i], values[i]) << "sample " << i;
-  }
+  EXPECT_EQ(result.samples, std::vector<std::int16_t>(values.begin(), values.end()));
 }
 
 TEST(Resampler, AveragesChannelsIntoOne) {
@@ -218,61 +164,38 @@ TEST(Resampler, AveragesChannelsIntoOne) {
 }
 
 TEST(Resampler, ChangesRateKeepingLengthAndLevel) {
-  struct Case {
-    double rate;
-    std::size_t frames;
-  };
-  for (const auto& c :
-       {Case{22050.0, 22050}, Case{44100.0, 30000}, Case{8000.0, 4000}, Case{48000.0, 9600}}) {
-    std::vector<float> input(c.frames);
-    for (std::size_t i = 0; i < c.frames; ++i) {
+  for (const double rate : {8000.0, 44100.0}) {
+    const auto frames = static_cast<std::size_t>(rate / 2);
+    std::vector<float> input(frames);
+    for (std::size_t i = 0; i < frames; ++i) {
       input[i] =
-          0.5F * static_cast<float>(std::sin(2.0 * M_PI * 440.0 * static_cast<double>(i) / c.rate));
+          0.5F * static_cast<float>(std::sin(2.0 * M_PI * 440.0 * static_cast<double>(i) / rate));
     }
-    const double exact = 16000.0 / c.rate * static_cast<double>(c.frames);
-    const auto result =
-        resampleToMono16(input, 1, c.frames, c.rate, 16000.0, static_cast<std::size_t>(exact) + 32);
+    const auto result = resampleToMono16(input, 1, frames, rate, 16000.0, 8032);
     ASSERT_TRUE(result.ok) << result.error;
-    EXPECT_NEAR(static_cast<double>(result.samples.size()), exact, 2.0) << c.rate;
+    EXPECT_NEAR(static_cast<double>(result.samples.size()), 8000.0, 2.0) << rate;
     // Level in the middle, away from the filter's edges.
     double sum = 0;
-    const std::size_t from = result.samples.size() / 4;
-    const std::size_t to = 3 * result.samples.size() / 4;
-    for (std::size_t i = from; i < to; ++i) {
+    for (std::size_t i = 2000; i < 6000; ++i) {
       sum += static_cast<double>(result.samples[i]) * result.samples[i];
     }
-    EXPECT_NEAR(std::sqrt(sum / static_cast<double>(to - from)), 0.5 * 32768.0 / std::sqrt(2.0),
-                150.0)
-        << c.rate;
+    EXPECT_NEAR(std::sqrt(sum / 4000.0), 0.5 * 32768.0 / std::sqrt(2.0), 150.0) << rate;
   }
 }
 
-TEST(Resampler, NeverWritesMoreThanTheCapacity) {
+TEST(Resampler, KeepsToItsCapacityAndReportsWhatItCannotDo) {
   const std::vector<float> input(1000, 0.25F);
-  const auto result = resampleToMono16(input, 1, input.size(), 16000.0, 16000.0, 300);
-  ASSERT_TRUE(result.ok) << result.error;
-  EXPECT_EQ(result.samples.size(), 300U);
-}
+  EXPECT_EQ(resampleToMono16(input, 1, input.size(), 16000.0, 16000.0, 300).samples.size(), 300U);
+  const auto empty = resampleToMono16({}, 1, 0, 22050.0, 16000.0, 32);
+  EXPECT_TRUE(empty.ok && empty.samples.empty()) << empty.error;
 
-TEST(Resampler, EmptyInputGivesEmptyOutput) {
-  const auto result = resampleToMono16({}, 1, 0, 22050.0, 16000.0, 32);
-  ASSERT_TRUE(result.ok) << result.error;
-  EXPECT_TRUE(result.samples.empty());
-}
-
-TEST(Resampler, ReportsTheLibrarysErrorForAnImpossibleRate) {
-  const std::vector<float> input(100, 0.1F);
-  const auto result = resampleToMono16(input, 1, input.size(), -22050.0, 16000.0, 64);
-  EXPECT_FALSE(result.ok);
-  EXPECT_EQ(result.error, "I/O ratio out-of-range");
-  EXPECT_TRUE(result.samples.empty());
-}
-
-TEST(Resampler, RejectsInputShorterThanItsFrameCount) {
-  const std::vector<float> input(10, 0.0F);
-  const auto result = resampleToMono16(input, 2, 6, 16000.0, 16000.0, 64);
-  EXPECT_FALSE(result.ok);
-  EXPECT_FALSE(result.error.empty());
+  const auto impossible = resampleToMono16(input, 1, input.size(), -22050.0, 16000.0, 64);
+  EXPECT_FALSE(impossible.ok);
+  EXPECT_EQ(impossible.error, "I/O ratio out-of-range");
+  EXPECT_TRUE(impossible.samples.empty());
+  const auto shortInput = resampleToMono16(input, 2, 600, 16000.0, 16000.0, 64);
+  EXPECT_FALSE(shortInput.ok);
+  EXPECT_FALSE(shortInput.error.empty());
 }
 
 }  // namespace

@@ -24,7 +24,6 @@ TEST(Names, SameNameComparesCanonicalFormsBothWays) {
     bool same;
   };
   const Case cases[] = {
-      {"identical", "Main", "Main", true},
       {"caseDiffers", "Main", "main", false},
       {"noTrimming", "Main", "Main ", false},
       {"emptyEqualsEmpty", "", "", true},
@@ -69,16 +68,13 @@ TEST(Names, FirstGraphemesKeepsWholeCharacters) {
   const Case cases[] = {
       {"asciiCut", "abcdefghijklmnopqrstuvwxyz0123", 24, "abcdefghijklmnopqrstuvwx"},
       {"exactlyAtLimit", repeat("x", 24), 24, repeat("x", 24)},
-      {"empty", "", 24, ""},
       {"zeroLimit", "Ana", 0, ""},
       {"spacesNotTrimmed", "  a  ", 24, "  a  "},
       {"skinToneEmoji", repeat(thumb, 30), 24, repeat(thumb, 24)},
       {"zwjFamily", repeat(family, 25), 24, repeat(family, 24)},
-      {"flags", repeat(france, 25), 24, repeat(france, 24)},
       {"flagPairsNotSplit", std::string(france) + "\U0001F1E9\U0001F1EA", 1, std::string(france)},
       {"oddRegionalIndicator", std::string(france) + "\U0001F1E9x", 2,
        std::string(france) + "\U0001F1E9"},
-      {"combiningMarkStaysWithBase", repeat("e\u0301", 25), 24, repeat("e\u0301", 24)},
       {"stackedMarks", "a\u0323\u0301b", 1, "a\u0323\u0301"},
       {"hangulJamoOneCharacter", "\u1112\u1161\u11abx", 1, "\u1112\u1161\u11ab"},
       {"crLfOneCharacter", "\r\nx", 1, "\r\n"},

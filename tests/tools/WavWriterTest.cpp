@@ -10,15 +10,12 @@ namespace {
 
 class WavWriterTest : public testing::Test {
  protected:
-  std::string path(const std::string& name) const { return dir_ / name; }
-
- private:
   test::TempDir dir_;
 };
 
 TEST_F(WavWriterTest, WritesMono16BitAtTheRateAskedAndIsCompleteBeforeClose) {
   WavWriter wav;
-  ASSERT_TRUE(wav.open(path("a.wav"), 16000)) << wav.error();
+  ASSERT_TRUE(wav.open(dir_ / "a.wav", 16000)) << wav.error();
   const std::vector<std::int16_t> first{0, 1, -1, 32767, -32768};
   const std::vector<std::int16_t> second{1234, -4321};
   ASSERT_TRUE(wav.append(first));
@@ -27,13 +24,13 @@ TEST_F(WavWriterTest, WritesMono16BitAtTheRateAskedAndIsCompleteBeforeClose) {
   EXPECT_EQ(wav.samplesWritten(), 7U);
 
   // Readable as it stands: a listener killed now still leaves a playable file.
-  const auto early = readAudioFile(path("a.wav"));
+  const auto early = readAudioFile(dir_ / "a.wav");
   ASSERT_EQ(early.status, AudioReadResult::Status::ok) << early.error;
   EXPECT_EQ(early.frames, 7U);
 
   ASSERT_TRUE(wav.close());
   EXPECT_FALSE(wav.isOpen());
-  const auto read = readAudioFile(path("a.wav"));
+  const auto read = readAudioFile(dir_ / "a.wav");
   ASSERT_EQ(read.status, AudioReadResult::Status::ok) << read.error;
   EXPECT_EQ(read.sampleRate, 16000);
   EXPECT_EQ(read.channels, 1);
@@ -43,7 +40,7 @@ TEST_F(WavWriterTest, WritesMono16BitAtTheRateAskedAndIsCompleteBeforeClose) {
 
 TEST_F(WavWriterTest, SaysWhyWhenItCannotWrite) {
   WavWriter wav;
-  EXPECT_FALSE(wav.open(path("no/such/dir/a.wav"), 16000));
+  EXPECT_FALSE(wav.open(dir_ / "no/such/dir/a.wav", 16000));
   EXPECT_FALSE(wav.error().empty());
   EXPECT_FALSE(wav.isOpen());
   const std::vector<std::int16_t> some{1, 2};
@@ -55,14 +52,14 @@ TEST_F(WavWriterTest, SaysWhyWhenItCannotWrite) {
 TEST_F(WavWriterTest, ReopeningStartsANewFile) {
   WavWriter wav;
   const std::vector<std::int16_t> some{5, 6, 7};
-  ASSERT_TRUE(wav.open(path("a.wav"), 16000));
+  ASSERT_TRUE(wav.open(dir_ / "a.wav", 16000));
   ASSERT_TRUE(wav.append(some));
-  ASSERT_TRUE(wav.open(path("b.wav"), 8000));
+  ASSERT_TRUE(wav.open(dir_ / "b.wav", 8000));
   EXPECT_EQ(wav.samplesWritten(), 0U);
   ASSERT_TRUE(wav.append(std::span(some).first(1)));
   ASSERT_TRUE(wav.close());
-  EXPECT_EQ(readAudioFile(path("a.wav")).frames, 3U) << "the first file was finished";
-  const auto b = readAudioFile(path("b.wav"));
+  EXPECT_EQ(readAudioFile(dir_ / "a.wav").frames, 3U) << "the first file was finished";
+  const auto b = readAudioFile(dir_ / "b.wav");
   EXPECT_EQ(b.frames, 1U);
   EXPECT_EQ(b.sampleRate, 8000);
 }
