@@ -1,5 +1,6 @@
 #include "Wire.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace parlavox::bench {
@@ -79,8 +80,8 @@ std::optional<AudioHeader> readAudioHeader(std::span<const std::uint8_t> datagra
 }
 
 std::vector<std::uint8_t> control(const std::string& json) {
-  std::vector<std::uint8_t> out{0x01};
-  out.insert(out.end(), json.begin(), json.end());
+  std::vector<std::uint8_t> out(1 + json.size(), 0x01);
+  std::copy(json.begin(), json.end(), out.begin() + 1);
   return out;
 }
 

@@ -5,7 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 
 namespace parlavox::client {
@@ -34,16 +36,18 @@ std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
 
 Datagram encodeAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
                      std::span<const std::uint8_t> samples) {
-  Datagram datagram{0x02,
-                    static_cast<std::uint8_t>(senderID),
-                    static_cast<std::uint8_t>(senderID >> 8),
-                    static_cast<std::uint8_t>(mask),
-                    static_cast<std::uint8_t>(mask >> 8),
-                    static_cast<std::uint8_t>(mask >> 16),
-                    static_cast<std::uint8_t>(mask >> 24),
-                    static_cast<std::uint8_t>(seq),
-                    static_cast<std::uint8_t>(seq >> 8)};
-  datagram.insert(datagram.end(), samples.begin(), samples.end());
+  const std::uint8_t header[] = {0x02,
+                                 static_cast<std::uint8_t>(senderID),
+                                 static_cast<std::uint8_t>(senderID >> 8),
+                                 static_cast<std::uint8_t>(mask),
+                                 static_cast<std::uint8_t>(mask >> 8),
+                                 static_cast<std::uint8_t>(mask >> 16),
+                                 static_cast<std::uint8_t>(mask >> 24),
+                                 static_cast<std::uint8_t>(seq),
+                                 static_cast<std::uint8_t>(seq >> 8)};
+  Datagram datagram(sizeof header + samples.size());
+  std::copy(std::begin(header), std::end(header), datagram.begin());
+  std::copy(samples.begin(), samples.end(), datagram.begin() + sizeof header);
   return datagram;
 }
 
