@@ -2,6 +2,7 @@
 // moves only when the test says so.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -17,8 +18,8 @@ using test::FakeFlow;
 
 Datagram control(const json& message) {
   const std::string text = message.dump();
-  Datagram d{0x01};
-  d.insert(d.end(), text.begin(), text.end());
+  Datagram d(1 + text.size(), 0x01);
+  std::copy(text.begin(), text.end(), d.begin() + 1);
   return d;
 }
 

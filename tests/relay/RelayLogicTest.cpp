@@ -1,6 +1,7 @@
 // Ids, masks, the audio relay and the roster, without a server or a socket.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -140,7 +141,8 @@ Datagram audio(std::uint16_t sender, std::uint32_t mask, std::uint16_t seq,
              static_cast<std::uint8_t>(mask >> 24),
              static_cast<std::uint8_t>(seq),
              static_cast<std::uint8_t>(seq >> 8)};
-  d.insert(d.end(), samples.begin(), samples.end());
+  d.resize(d.size() + samples.size());
+  std::copy(samples.begin(), samples.end(), d.end() - static_cast<std::ptrdiff_t>(samples.size()));
   return d;
 }
 
