@@ -333,7 +333,7 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
       break;
     }
     std::int64_t wake = std::min({runEnd, plan.pingPort != 0 ? nextPingNs_ : runEnd,
-                                  plan.stopWhen ? nextStopCheck : runEnd});
+                                  plan.stopWhen && now < windowEnd ? nextStopCheck : runEnd});
     if (!started) {
       wake = std::min(wake, start);
     }

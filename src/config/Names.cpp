@@ -9,9 +9,10 @@ namespace parlavox {
 namespace {
 
 struct FreeDeleter {
+  // utf8proc allocates with malloc.
   void operator()(utf8proc_uint8_t* p) const {
-    std::free(p);
-  }  // NOLINT: utf8proc allocates with malloc
+    std::free(p);  // NOLINT(cppcoreguidelines-no-malloc)
+  }
 };
 
 // NFD of valid UTF-8; nullopt for invalid input, which then only equals itself byte for byte.
