@@ -6,14 +6,16 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <system_error>
 
-#include "Wire.h"
+#include "wire/ControlMessages.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::bench {
 
 BareForwarder::BareForwarder(std::uint16_t port)
-    : endpoints_(kMaxEndpoints), byPort_(65536, 0), buffers_(kBatch * kSlot) {
+    : endpoints_(kMaxEndpoints), byPort_(65536, 0), outgoing_(kMaxSend), buffers_(kBatch * kSlot) {
   fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) {
     throw std::system_error(errno, std::system_category(), "socket");
@@ -47,21 +49,36 @@ void BareForwarder::registerEndpoint(const sockaddr_in& from) {
   endpoints_[count_] = from;
   ++count_;
   byPort_[port] = static_cast<std::uint16_t>(count_);
-  relayLayout();
-  static constexpr char kWelcome[] = "\x01{\"t\":\"welcome\"}";
-  (void)::sendto(fd_, kWelcome, sizeof kWelcome - 1, MSG_DONTWAIT,
+  const std::string welcome =
+      wire::encodeControl(wire::WelcomeMsg{static_cast<std::uint16_t>(count_), "Crew", 1, 1});
+  (void)::sendto(fd_, welcome.data(), welcome.size(), MSG_DONTWAIT,
                  reinterpret_cast<const sockaddr*>(&from), sizeof from);
 }
 
-void BareForwarder::relayLayout() {
-  ring_.assign(2 * count_, mmsghdr{});
-  for (std::size_t i = 0; i < ring_.size(); ++i) {
-    msghdr& header = ring_[i].msg_hdr;
-    header.msg_name = &endpoints_[i % count_];
+// Everyone but the sender (at index `sender`) gets a copy of datagram `datagram` of the batch.
+void BareForwarder::queueCopies(std::size_t datagram, std::size_t sender) {
+  for (std::size_t k = 1; k < count_; ++k) {
+    if (queued_ == kMaxSend) {
+      flush();
+    }
+    msghdr& header = outgoing_[queued_++].msg_hdr;
+    header = msghdr{};
+    header.msg_name = &endpoints_[(sender + k) % count_];
     header.msg_namelen = sizeof(sockaddr_in);
-    header.msg_iov = &outgoing_;
+    header.msg_iov = &outgoingIov_[datagram];
     header.msg_iovlen = 1;
   }
+}
+
+// A copy the kernel refuses is skipped, not retried, as the relay does.
+void BareForwarder::flush() {
+  std::size_t next = 0;
+  while (next < queued_) {
+    const int sent = ::sendmmsg(fd_, &outgoing_[next], static_cast<unsigned>(queued_ - next),
+                                MSG_DONTWAIT | MSG_NOSIGNAL);
+    next += (sent > 0 ? static_cast<std::size_t>(sent) : 0) + 1;
+  }
+  queued_ = 0;
 }
 
 std::size_t BareForwarder::serveBatch(int timeoutMs) {
@@ -93,31 +110,19 @@ std::size_t BareForwarder::serveBatch(int timeoutMs) {
       continue;
     }
     const std::uint16_t index = byPort_[ntohs(sources_[i].sin_port)];
-    if (data[0] == 0x01) {
+    if (data[0] == wire::kindControl) {
       if (index == 0) {
         registerEndpoint(sources_[i]);
       }
       continue;
     }
-    if (data[0] != 0x02 || index == 0 || count_ < 2) {
+    if (data[0] != wire::kindAudio || index == 0 || count_ < 2) {
       continue;
     }
-    outgoing_ = {const_cast<std::uint8_t*>(data), length};
-    // Everyone but the sender, in one call; a copy the kernel refuses is skipped, not retried,
-    // as the relay does.
-    std::size_t next = index;  // the sender sits at index - 1
-    std::size_t left = count_ - 1;
-    while (left > 0) {
-      const int sent =
-          ::sendmmsg(fd_, &ring_[next], static_cast<unsigned>(left), MSG_DONTWAIT | MSG_NOSIGNAL);
-      const std::size_t done = sent > 0 ? static_cast<std::size_t>(sent) + 1 : 1;
-      if (done >= left) {
-        break;
-      }
-      next += done;
-      left -= done;
-    }
+    outgoingIov_[i] = {const_cast<std::uint8_t*>(data), length};
+    queueCopies(i, index - 1);
   }
+  flush();
   return static_cast<std::size_t>(received);
 }
 

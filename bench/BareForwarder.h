@@ -10,11 +10,12 @@
 
 namespace parlavox::bench {
 
-// The physical limit the relay is measured against: one UDP socket, drained with recvmmsg, and
-// one sendmmsg per audio datagram that fans it out unchanged to every other registered endpoint.
-// No peer table, no masks, no header rewrite. A control datagram (first byte 0x01) from a new
-// endpoint registers it and is answered with a "welcome", so the load generator joins it exactly
-// as it joins the server.
+// The physical limit the relay is measured against: one UDP socket, drained with recvmmsg, whose
+// audio datagrams are fanned out unchanged to every other registered endpoint, the copies of a
+// whole received batch leaving together in as few sendmmsg calls as the kernel takes (as the
+// server batches its own). No peer table, no masks, no header rewrite. A control datagram from a
+// new endpoint registers it and is answered with a "welcome", so the load generator joins it
+// exactly as it joins the server.
 class BareForwarder {
  public:
   static constexpr std::size_t kMaxEndpoints = 4096;
@@ -37,9 +38,11 @@ class BareForwarder {
  private:
   static constexpr std::size_t kBatch = 64;
   static constexpr std::size_t kSlot = 2048;
+  static constexpr std::size_t kMaxSend = 1024;  // the most one sendmmsg takes (UIO_MAXIOV)
 
   void registerEndpoint(const sockaddr_in& from);
-  void relayLayout();
+  void queueCopies(std::size_t datagram, std::size_t sender);
+  void flush();
 
   int fd_ = -1;
   std::uint16_t port_ = 0;
@@ -48,10 +51,10 @@ class BareForwarder {
   std::size_t count_ = 0;
   // Endpoint index by source port (+1; 0 for none): every client is on 127.0.0.1.
   std::vector<std::uint16_t> byPort_;
-  // Two rounds of the endpoints, so that "everyone after sender s" is the contiguous run
-  // ring_[s + 1 .. s + count_ - 1]: one sendmmsg, nothing copied per datagram.
-  std::vector<mmsghdr> ring_;
-  iovec outgoing_{};
+  // The copies of one received batch, each pointing at its datagram in `buffers_`.
+  std::vector<mmsghdr> outgoing_;
+  std::size_t queued_ = 0;
+  std::array<iovec, kBatch> outgoingIov_{};
   std::vector<std::uint8_t> buffers_;
   std::array<mmsghdr, kBatch> incoming_{};
   std::array<iovec, kBatch> incomingIov_{};

@@ -6,12 +6,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
 #include <vector>
 
 #include "Wire.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::bench {
 namespace {
@@ -41,10 +43,6 @@ void runBarePacer(std::uint16_t port, std::size_t frames) {
   std::printf("ready\n");
   std::fflush(stdout);
   std::vector<std::uint8_t> frame(kDatagramSize, 0);
-  frame[0] = 0x02;
-  frame[1] = 0xFF;
-  frame[2] = 0xFF;
-  frame[3] = 0x01;
   for (;;) {
     sockaddr_in listener{};
     socklen_t length = sizeof listener;
@@ -56,9 +54,9 @@ void runBarePacer(std::uint16_t port, std::size_t frames) {
     timespec start{};
     ::clock_gettime(CLOCK_MONOTONIC, &start);
     for (std::size_t i = 0; i < frames; ++i) {
-      const auto seq = static_cast<std::uint16_t>(i + 1);
-      frame[7] = static_cast<std::uint8_t>(seq);
-      frame[8] = static_cast<std::uint8_t>(seq >> 8);
+      const auto header =
+          wire::AudioHeader{wire::announcerID, 0x1, static_cast<std::uint16_t>(i + 1)}.bytes();
+      std::copy(header.begin(), header.end(), frame.begin());
       (void)::sendto(fd, frame.data(), frame.size(), MSG_DONTWAIT,
                      reinterpret_cast<const sockaddr*>(&listener), sizeof listener);
       const timespec deadline = plus(start, static_cast<long long>(i + 1) * kFrameNs);

@@ -15,6 +15,7 @@
 
 #include "UdpDrops.h"
 #include "Wire.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::bench {
 namespace {
@@ -35,6 +36,14 @@ std::chrono::nanoseconds threadCpu() {
   timespec now{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+bool isWelcome(std::span<const std::uint8_t> datagram) {
+  if (datagram.empty() || datagram[0] != wire::kindControl) {
+    return false;
+  }
+  const auto message = wire::decodeServerMessage(datagram.subspan(1));
+  return message && std::holds_alternative<wire::WelcomeMsg>(*message);
 }
 
 std::uint64_t dropsAt(const std::map<std::uint16_t, std::uint64_t>& drops, std::uint16_t port) {
@@ -197,9 +206,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
         askedAt[i] = 0;
       }
       if (askedAt[i] == 0 && waiting < kInFlight) {
-        sendFrom(i, port,
-                 control(R"({"t":"join","name":"crew-)" + std::to_string(i) + R"(","role":")" +
-                         role + "\"}"));
+        sendFrom(i, port, control({"join", "crew-" + std::to_string(i), role}));
         askedAt[i] = now;
         ++waiting;
       }
@@ -209,9 +216,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
       const auto i = static_cast<std::size_t>(events[static_cast<std::size_t>(e)].data.u64);
       receiveBatch(
           i, [&](const std::uint8_t* data, std::size_t length, std::int64_t, std::uint16_t from) {
-            const std::string_view text(reinterpret_cast<const char*>(data), length);
-            if (!welcomed[i] && askedAt[i] != 0 && from == port && length > 1 && data[0] == 0x01 &&
-                text.find(R"("t":"welcome")") != std::string_view::npos) {
+            if (!welcomed[i] && askedAt[i] != 0 && from == port && isWelcome({data, length})) {
               welcomed[i] = true;
               --missing;
               --waiting;
@@ -224,7 +229,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
 
 void LoadGenerator::leave(std::uint16_t port) {
   for (std::size_t i = 0; i < fds_.size(); ++i) {
-    sendFrom(i, port, control(R"({"t":"bye"})"));
+    sendFrom(i, port, control({"bye", std::nullopt, std::nullopt}));
   }
 }
 
@@ -235,7 +240,7 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
   const std::size_t talkers = std::min(plan.talkers, clients);
   const sockaddr_in target = loopback(plan.targetPort);
   const sockaddr_in pingTarget = loopback(plan.pingPort);
-  const std::vector<std::uint8_t> ping = control(R"({"t":"ping"})");
+  const std::vector<std::uint8_t> ping = control({"ping", std::nullopt, std::nullopt});
 
   std::vector<std::vector<std::uint8_t>> outgoing(talkers,
                                                   std::vector<std::uint8_t>(kDatagramSize));
@@ -276,8 +281,8 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
         return;
       }
       if (index == plan.listener) {
-        if (const auto header = readAudioHeader(datagram);
-            header && header->sender == kAnnouncerId) {
+        if (const auto header = wire::AudioHeader::read(datagram);
+            header && header->senderID == wire::announcerID) {
           result.announcement.push_back(Frame{arrival, header->seq});
         }
       }

@@ -1,55 +1,43 @@
-// The relay's own work per audio datagram, sockets left out: relayAudio over the listeners of a
-// table of joined peers whose flows only count what they are given.
+// The relay's own work per audio datagram, sockets left out: relayAudio over the listener array of
+// joined peers on a transport that only counts what it is given.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "relay/AudioRelay.h"
-#include "relay/Listeners.h"
-#include "relay/Peer.h"
+#include "wire/Audio.h"
 
 namespace {
 
 using namespace parlavox;
 
-class CountingFlow final : public platform::Flow {
+class CountingTransport final : public platform::Transport {
  public:
-  explicit CountingFlow(std::uint64_t key) : key_(key) {}
-  std::uint64_t key() const override { return key_; }
-  void start(Handlers) override {}
-  void send(Bytes head, Bytes body) override {
+  void send(const platform::PeerAddress& /*to*/, Bytes head, Bytes body) override {
     bytes += head.size() + body.size();
     benchmark::DoNotOptimize(head.data());
   }
-  void cancel() override {}
+  void end(const platform::PeerAddress& /*peer*/) override {}
   std::uint64_t bytes = 0;
-
- private:
-  std::uint64_t key_;
 };
 
 void relayToEveryone(benchmark::State& state) {
   const auto peers = static_cast<std::size_t>(state.range(0));
-  PeerTable table;
-  std::vector<std::shared_ptr<CountingFlow>> flows;
+  CountingTransport transport;
+  std::vector<Listener> listeners;
   for (std::size_t i = 0; i < peers; ++i) {
-    auto flow = std::make_shared<CountingFlow>(i + 1);
-    auto peer = std::make_shared<Peer>();
-    peer->conn = flow;
-    peer->id = static_cast<std::uint16_t>(i + 1);
-    peer->joined = true;
-    peer->talkMask = 0x1;
-    peer->listenMask = 0x1;
-    table.emplace(i + 1, peer);
-    flows.push_back(flow);
+    platform::PeerAddress address{&transport, {}, i + 1};
+    listeners.push_back({static_cast<std::uint16_t>(i + 1), 0x1, address});
   }
-  std::vector<std::uint8_t> datagram(649, 0x55);
-  datagram[0] = 0x02;
-  datagram[3] = 0x01;
-  const Peer& sender = *table.at(1);
-  const Listeners listeners = listenersOf(table);
+  Peer sender;
+  sender.address = listeners[0].address;
+  sender.id = 1;
+  sender.joined = true;
+  sender.talkMask = 0x1;
+  sender.listenMask = 0x1;
+  std::vector<std::uint8_t> samples(wire::frameBytes, 0x55);
+  const std::vector<std::uint8_t> datagram = wire::encodeAudio({0, 0x1, 0}, samples);
   for (auto _ : state) {
     relayAudio(datagram, sender, listeners);
   }

@@ -11,6 +11,7 @@
 
 #include "ProcessUsage.h"
 #include "Wire.h"
+#include "wire/OSCMessage.h"
 #include "support/ChildProcess.h"
 
 namespace parlavox::bench {
@@ -212,7 +213,7 @@ Heard announce(LoadGenerator& generator, ChildProcess& server, const std::string
                std::size_t talkers, std::size_t& announced) {
   const std::size_t expect = ++announced;
   Heard heard;
-  const std::vector<std::uint8_t> osc = oscMessage("/parlavox/say", text);
+  const std::vector<std::uint8_t> osc = wire::OSCMessage{"/parlavox/say", text}.encode();
   RunPlan plan = listening(generator, talkers);
   plan.atStart = [&] {
     heard.oscSentNs = realtimeNs();

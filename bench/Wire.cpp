@@ -6,7 +6,7 @@
 namespace parlavox::bench {
 namespace {
 
-constexpr std::size_t kMagicAt = kHeaderSize;
+constexpr std::size_t kMagicAt = wire::AudioHeader::size;
 constexpr std::size_t kRunAt = kMagicAt + 4;
 constexpr std::size_t kTalkerAt = kRunAt + 4;
 constexpr std::size_t kSeqAt = kTalkerAt + 2;
@@ -30,23 +30,14 @@ T get(std::span<const std::uint8_t> at, std::size_t offset) {
   return static_cast<T>(value);
 }
 
-void appendPadded(std::vector<std::uint8_t>& out, const std::string& text) {
-  out.insert(out.end(), text.begin(), text.end());
-  // OSC strings end in at least one NUL and are padded to a multiple of four bytes.
-  do {
-    out.push_back(0);
-  } while (out.size() % 4 != 0);
-}
-
 }  // namespace
 
 void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Probe& probe) {
   for (std::size_t i = kProbeEnd; i < datagram.size(); ++i) {
     datagram[i] = static_cast<std::uint8_t>(i * 7);  // filler samples, never read
   }
-  datagram[0] = 0x02;
-  put<std::uint16_t>(datagram, 1, 0);
-  put<std::uint32_t>(datagram, 3, mask);
+  const auto header = wire::AudioHeader{0, mask, 0}.bytes();
+  std::copy(header.begin(), header.end(), datagram.begin());
   put<std::uint32_t>(datagram, kMagicAt, kProbeMagic);
   put<std::uint32_t>(datagram, kRunAt, probe.run);
   put<std::uint16_t>(datagram, kTalkerAt, probe.talker);
@@ -55,14 +46,14 @@ void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Prob
 
 void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,
              std::int64_t sentNs) {
-  put<std::uint16_t>(datagram, 7, static_cast<std::uint16_t>(seq));
+  put<std::uint16_t>(datagram, wire::AudioHeader::seqOffset, static_cast<std::uint16_t>(seq));
   put<std::uint32_t>(datagram, kSeqAt, seq);
   put<std::int64_t>(datagram, kTimeAt, intendedNs);
   put<std::int64_t>(datagram, kSentAt, sentNs);
 }
 
 std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram) {
-  if (datagram.size() < kProbeEnd || datagram[0] != 0x02 ||
+  if (datagram.size() < kProbeEnd || !wire::AudioHeader::read(datagram) ||
       get<std::uint32_t>(datagram, kMagicAt) != kProbeMagic) {
     return std::nullopt;
   }
@@ -71,26 +62,9 @@ std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram) {
                get<std::int64_t>(datagram, kSentAt)};
 }
 
-std::optional<AudioHeader> readAudioHeader(std::span<const std::uint8_t> datagram) {
-  if (datagram.size() < kHeaderSize || datagram[0] != 0x02) {
-    return std::nullopt;
-  }
-  return AudioHeader{get<std::uint16_t>(datagram, 1), get<std::uint32_t>(datagram, 3),
-                     get<std::uint16_t>(datagram, 7)};
-}
-
-std::vector<std::uint8_t> control(const std::string& json) {
-  std::vector<std::uint8_t> out(1 + json.size(), 0x01);
-  std::copy(json.begin(), json.end(), out.begin() + 1);
-  return out;
-}
-
-std::vector<std::uint8_t> oscMessage(const std::string& address, const std::string& text) {
-  std::vector<std::uint8_t> out;
-  appendPadded(out, address);
-  appendPadded(out, ",s");
-  appendPadded(out, text);
-  return out;
+std::vector<std::uint8_t> control(const wire::Incoming& message) {
+  const std::string datagram = wire::encodeControl(message);
+  return {datagram.begin(), datagram.end()};
 }
 
 }  // namespace parlavox::bench

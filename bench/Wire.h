@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -8,9 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "wire/Audio.h"
+#include "wire/ControlMessages.h"
+
 namespace parlavox::bench {
 
-// What the load generator writes into the samples of every audio datagram it sends, so that each
+// The bench's own use of the wire format. What the load generator writes into the samples of every audio datagram it sends, so that each
 // copy a client receives says who sent it, which run it belongs to and when it was meant to leave.
 struct Probe {
   std::uint32_t run = 0;
@@ -21,13 +23,10 @@ struct Probe {
   std::int64_t sentNs = 0;      // when it left: added latency counts from here
 };
 
-inline constexpr std::size_t kDatagramSize = 649;  // 9-byte header and one 20 ms frame
-inline constexpr std::size_t kHeaderSize = 9;
+inline constexpr std::size_t kDatagramSize = wire::AudioHeader::size + wire::frameBytes;
 inline constexpr std::uint32_t kProbeMagic = 0x42585650;  // "PVXB"
-inline constexpr std::uint16_t kAnnouncerId = 0xFFFF;
 
-// Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): kind 0x02,
-// sender id 0, `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
+// Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): sender id 0, `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
 void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Probe& probe);
 // Rewrites only what changes from one send to the next: seq and the two times.
 void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,
@@ -36,18 +35,7 @@ void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t i
 // announcements, foreign audio).
 std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram);
 
-// The header fields of any audio datagram, or nothing when it is not one.
-struct AudioHeader {
-  std::uint16_t sender = 0;
-  std::uint32_t mask = 0;
-  std::uint16_t seq = 0;
-};
-std::optional<AudioHeader> readAudioHeader(std::span<const std::uint8_t> datagram);
-
-// A control datagram: kind 0x01 and the JSON text.
-std::vector<std::uint8_t> control(const std::string& json);
-
-// An OSC 1.0 message with one string argument, as a show-control desk sends it.
-std::vector<std::uint8_t> oscMessage(const std::string& address, const std::string& text);
+// A control datagram from a client, as bytes to send.
+std::vector<std::uint8_t> control(const wire::Incoming& message);
 
 }  // namespace parlavox::bench

@@ -4,7 +4,6 @@
 #include <cstddef>
 
 #include "config/Names.h"
-#include "config/Protocol.h"
 
 namespace parlavox {
 namespace {
@@ -45,20 +44,6 @@ AnnouncementTarget resolveAnnouncement(std::string_view address,
   target.kind = AnnouncementTarget::Kind::announce;
   target.mask = *position < kMaskBits ? std::uint32_t{1} << *position : 0;
   return target;
-}
-
-std::array<std::uint8_t, 9> announcementHeader(std::uint32_t mask, std::uint16_t seq) {
-  static_assert(protocol::audioHeaderSize == 9);
-  std::array<std::uint8_t, protocol::audioHeaderSize> header{};
-  header[0] = protocol::kindAudio;
-  header[protocol::senderIdOffset] = static_cast<std::uint8_t>(protocol::announcerID & 0xFFu);
-  header[protocol::senderIdOffset + 1] = static_cast<std::uint8_t>(protocol::announcerID >> 8);
-  for (std::size_t i = 0; i < 4; ++i) {
-    header[protocol::maskOffset + i] = static_cast<std::uint8_t>(mask >> (8 * i));
-  }
-  header[protocol::seqOffset] = static_cast<std::uint8_t>(seq & 0xFFu);
-  header[protocol::seqOffset + 1] = static_cast<std::uint8_t>(seq >> 8);
-  return header;
 }
 
 }  // namespace parlavox

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -23,8 +22,5 @@ struct AnnouncementTarget {
 // "/parlavox/say" reaches every configured channel; "/parlavox/say/{channel}" one channel by name.
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels);
-
-// The 9-byte audio header of an announcement frame: 02, FF FF, mask, seq (little-endian).
-std::array<std::uint8_t, 9> announcementHeader(std::uint32_t mask, std::uint16_t seq);
 
 }  // namespace parlavox

@@ -12,6 +12,7 @@
 #include "platform/Resampler.h"
 #include "platform/SerialQueue.h"
 #include "platform/TempFile.h"
+#include "wire/Audio.h"
 
 namespace parlavox {
 
@@ -34,42 +35,36 @@ struct Announcer::Impl {
     const platform::TempFile speech(
         tempDirectory, "parlavox-announce-" + platform::TempFile::randomUuid() + ".aiff");
 
-    const platform::ProcessResult run =
-        platform::runProcess({sayCommand, "-o", speech.path(), text});
-    if (!run.launched) {
-      console.print(fmt::format("⚠️  Couldn't run `say`: {}", run.error));
+    const auto status = platform::runProcess({sayCommand, "-o", speech.path(), text});
+    if (!status) {
+      console.print(fmt::format("⚠️  Couldn't run `say`: {}", status.error()));
       return;
     }
-    if (run.status != 0) {
-      console.print(fmt::format("⚠️  `say` failed (status {})", run.status));
+    if (*status != 0) {
+      console.print(fmt::format("⚠️  `say` failed (status {})", *status));
       return;
     }
 
-    const platform::AudioReadResult audio = platform::readAudioFile(speech.path());
-    switch (audio.status) {
-      case platform::AudioReadResult::Status::ok:
-        break;
-      case platform::AudioReadResult::Status::openFailed:
-      case platform::AudioReadResult::Status::readFailed:
-        console.print(
-            fmt::format("⚠️  Announcer couldn't read synthesized audio: {}", audio.error));
-        return;
-      case platform::AudioReadResult::Status::tooLarge:
-        return;
+    const auto audio = platform::readAudioFile(speech.path());
+    if (!audio) {
+      console.print(fmt::format("⚠️  Announcer couldn't read synthesized audio: {}", audio.error()));
+      return;
     }
-
-    const auto capacity = convertedCapacity(audio.sampleRate, audio.frames);
+    const auto capacity = convertedCapacity(audio->sampleRate, audio->frames);
     if (!capacity) {
+      console.print(fmt::format("⚠️  Announcement dropped: {} frames at {} Hz is too long to send",
+                                audio->frames, audio->sampleRate));
       return;
     }
-    const platform::ResampleResult converted = platform::resampleToMono16(
-        audio.samples, audio.channels, audio.frames, audio.sampleRate, kNetworkRate, *capacity);
-    if (!converted.ok) {
-      console.print(fmt::format("⚠️  Announcer convert failed: {}", converted.error));
+    const auto converted =
+        platform::resampleToMono16(audio->samples, audio->channels, audio->frames,
+                                   audio->sampleRate, wire::sampleRate, *capacity);
+    if (!converted) {
+      console.print(fmt::format("⚠️  Announcer convert failed: {}", converted.error()));
       return;
     }
 
-    const auto elapsed = streamFrames(converted.samples, clock, onFrame);
+    const auto elapsed = streamFrames(*converted, clock, onFrame);
     console.print(fmt::format("📣 Announcement finished ({:.1f}s)",
                               std::chrono::duration<double>(elapsed).count()));
   }

@@ -1,15 +1,19 @@
 // parlavox: the intercom server. One optional argument, the roles file; no options.
+//
+// This file is where the parts meet: the show, the platform's services, the relay and the
+// announcements are made here and wired to each other, and nowhere else.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
 
+#include "announce/Announcements.h"
 #include "announce/Announcer.h"
-#include "config/Config.h"
-#include "config/Protocol.h"
 #include "config/RolesFile.h"
+#include "config/Show.h"
 #include "platform/AsioEventLoop.h"
 #include "platform/AvahiAdvertiser.h"
 #include "platform/Clock.h"
@@ -17,14 +21,11 @@
 #include "platform/Interfaces.h"
 #include "platform/UdpNetwork.h"
 #include "relay/IntercomServer.h"
+#include "wire/Protocol.h"
 
 namespace {
 
 using namespace parlavox;
-
-std::string joined(const std::vector<std::string>& items) {
-  return fmt::format("{}", fmt::join(items, ", "));
-}
 
 void printReport(const Config& config, platform::Console& console) {
   std::vector<std::string> roles;
@@ -33,12 +34,12 @@ void printReport(const Config& config, platform::Console& console) {
     roles.push_back(role.name);
   }
   console.print("🎭 " + config.show);
-  console.print("   Channels: " + joined(config.channels));
-  console.print("   Roles:    " + joined(roles));
+  console.print(fmt::format("   Channels: {}", fmt::join(config.channels, ", ")));
+  console.print(fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
   for (const std::string& entry : platform::localIPv4Addresses()) {
     console.print("   Manual connect address: " + entry);
   }
-  console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this Mac, port {},",
+  console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this computer, port {},",
                             config.oscPort));
   console.print("               address /parlavox/say with a string argument to announce.");
   console.print("   Press Ctrl-C to stop.\n");
@@ -52,8 +53,8 @@ void printReport(const Config& config, platform::Console& console) {
 
 int run(int argc, char** argv, platform::Console& console) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
-  const Config config = loadConfig(configPath, console);
-  if (config.channels.size() > 32) {
+  const Show show(loadConfig(configPath, console));
+  if (show.channels().size() > 32) {
     console.print("❌ Max 32 channels.");
     return 1;
   }
@@ -62,22 +63,22 @@ int run(int argc, char** argv, platform::Console& console) {
   platform::UdpNetwork network(loop.context());
   platform::AvahiAdvertiser advertiser(console);
   platform::SteadyClock clock;
-  const auto server = IntercomServer::create(config, ServerPlatform{
-                                                         .loop = loop,
-                                                         .network = network,
-                                                         .advertiser = advertiser,
-                                                         .clock = clock,
-                                                         .console = console,
-                                                         .sayCommand = defaultSayCommand(),
-                                                         .exit = endProcess,
-                                                     });
+  Announcer announcer(defaultSayCommand(), console, clock);
+  const auto relay = IntercomServer::create(
+      show, ServerPlatform{loop, network, advertiser, clock, console}, endProcess);
+  const auto announcements = Announcements::create(
+      show, loop, network, console, announcer,
+      [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
+        relay.sendToListeners(mask, head, body);
+      });
   try {
-    server->start(protocol::intercomPort);
+    relay->start(wire::intercomPort);
+    announcements->start();
   } catch (const std::exception& error) {
     console.print(fmt::format("❌ Couldn't start: {}", error.what()));
     return 1;
   }
-  printReport(config, console);
+  printReport(show.config(), console);
   loop.run();  // for good: the process ends when it is killed or the listener fails
   return 0;
 }

@@ -6,16 +6,18 @@
 
 namespace parlavox {
 
+// A role as the roles file and the "config" message write it.
 struct Role {
   std::string name;
-  std::vector<std::string> talk;
+  std::vector<std::string> talk;    // empty: a listen-only role
   std::vector<std::string> listen;
   bool operator==(const Role&) const = default;
 };
 
-// The show: everything that differs from one production to the next. Loaded once, never changed.
+// The roles file as decoded: everything that differs from one production to the next. The
+// defaults below are the ones a file may leave out.
 struct Config {
-  std::string show;
+  std::string show = "Parlavox";
   std::vector<std::string> channels;  // position i is bit i of every channel mask
   std::vector<Role> roles;
   std::uint16_t oscPort = 47000;

@@ -23,9 +23,6 @@ constexpr std::size_t maxNesting = 64;
 // Guards against a path that names something endless (a device, a pipe) or absurdly large.
 constexpr std::size_t maxFileSize = std::size_t{16} * 1024 * 1024;
 
-constexpr std::string_view defaultShow = "Parlavox";
-constexpr std::uint16_t defaultOscPort = 47000;
-
 // Decoding stops at the first failure; the message names the key or element that failed.
 struct Failure {
   std::string message;
@@ -106,6 +103,7 @@ std::optional<Failure> readOscPort(const Json& value, std::uint16_t& port) {
   return Failure{"oscPort: expected an integer from 0 to 65535"};
 }
 
+// `config` starts with the defaults of the keys that may be left out.
 std::optional<Failure> readConfig(const Json& document, Config& config) {
   if (!document.is_object()) {
     return Failure{"expected a JSON object at the top level"};
@@ -115,8 +113,6 @@ std::optional<Failure> readConfig(const Json& document, Config& config) {
       return Failure{"show: expected a string"};
     }
     config.show = show->get_ref<const std::string&>();
-  } else {
-    config.show = defaultShow;
   }
   if (auto failure = readRequiredStringArray(document, "channels", "channels", config.channels)) {
     return failure;
@@ -134,7 +130,6 @@ std::optional<Failure> readConfig(const Json& document, Config& config) {
       return failure;
     }
   }
-  config.oscPort = defaultOscPort;
   if (const Json* port = member(document, "oscPort")) {
     return readOscPort(*port, config.oscPort);
   }

@@ -4,19 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/Result.h"
+
 namespace parlavox::platform {
 
 // A whole audio file in memory: interleaved floating-point samples at the file's own rate and
 // channel count.
-struct AudioReadResult {
-  enum class Status {
-    ok,
-    openFailed,  // `error` says why
-    readFailed,  // `error` says why
-    tooLarge,    // more frames than a 32-bit count holds, or a layout we cannot hold in memory
-  };
-  Status status = Status::openFailed;
-  std::string error;
+struct AudioData {
   double sampleRate = 0;
   int channels = 0;
   std::uint32_t frames = 0;    // frames actually read
@@ -24,7 +18,8 @@ struct AudioReadResult {
 };
 
 // Any thread. Reads the whole file at `path` (any format the audio library knows, told apart by
-// its contents, not its name).
-AudioReadResult readAudioFile(const std::string& path);
+// its contents, not its name). Fails when the file cannot be opened or read, or holds more frames
+// than a 32-bit count or this process's memory can take.
+Result<AudioData> readAudioFile(const std::string& path);
 
 }  // namespace parlavox::platform

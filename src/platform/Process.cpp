@@ -69,15 +69,15 @@ class SpawnSetup {
   bool actionsOk_ = false;
 };
 
-ProcessResult launchFailure(int error) {
+Failure launchFailure(int error) {
   // The GNU strerror_r: thread-safe, returns the text (in `buffer` or a static string).
   std::array<char, 256> buffer{};
-  return ProcessResult{false, strerror_r(error, buffer.data(), buffer.size()), 0};
+  return Failure{strerror_r(error, buffer.data(), buffer.size())};
 }
 
 }  // namespace
 
-ProcessResult runProcess(const std::vector<std::string>& argv) {
+Result<int> runProcess(const std::vector<std::string>& argv) {
   if (argv.empty()) {
     return launchFailure(EINVAL);
   }
@@ -106,17 +106,17 @@ ProcessResult runProcess(const std::vector<std::string>& argv) {
   while (waitpid(pid, &wstatus, 0) < 0) {
     if (errno != EINTR) {
       // The child ran but its end is lost to us (someone else reaped it): not a success.
-      return ProcessResult{true, {}, -1};
+      return -1;
     }
   }
   if (WIFEXITED(wstatus)) {
-    return ProcessResult{true, {}, WEXITSTATUS(wstatus)};
+    return WEXITSTATUS(wstatus);
   }
   if (WIFSIGNALED(wstatus)) {
     // Reported the way shells do, so a killed command reads as a failure with a telling number.
-    return ProcessResult{true, {}, 128 + WTERMSIG(wstatus)};
+    return 128 + WTERMSIG(wstatus);
   }
-  return ProcessResult{true, {}, -1};
+  return -1;
 }
 
 bool isExecutableFile(const std::string& path) {

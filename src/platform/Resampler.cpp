@@ -4,13 +4,11 @@
 
 namespace parlavox::platform {
 
-ResampleResult resampleToMono16(std::span<const float> interleaved, int channels,
+Result<std::vector<std::int16_t>> resampleToMono16(std::span<const float> interleaved, int channels,
                                 std::size_t frames, double inputRate, double outputRate,
                                 std::size_t capacity) {
-  ResampleResult result;
   if (channels <= 0 || interleaved.size() / static_cast<std::size_t>(channels) < frames) {
-    result.error = "input shorter than its frame count";
-    return result;
+    return Failure{"input shorter than its frame count"};
   }
   const auto width = static_cast<std::size_t>(channels);
   std::vector<float> mono(frames);
@@ -22,23 +20,20 @@ ResampleResult resampleToMono16(std::span<const float> interleaved, int channels
     mono[f] = sum / static_cast<float>(channels);
   }
 
-  result.samples.resize(capacity);
+  std::vector<std::int16_t> samples(capacity);
   soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_INT16_I);
   // Dither would add noise of a least significant bit to audio that is already 16-bit.
   io.flags |= SOXR_NO_DITHER;
   const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
   std::size_t done = 0;
   const soxr_error_t error =
-      soxr_oneshot(inputRate, outputRate, 1, mono.data(), frames, nullptr, result.samples.data(),
+      soxr_oneshot(inputRate, outputRate, 1, mono.data(), frames, nullptr, samples.data(),
                    capacity, &done, &io, &quality, nullptr);
   if (error != nullptr) {
-    result.error = error;
-    result.samples.clear();
-    return result;
+    return Failure{error};
   }
-  result.samples.resize(done);
-  result.ok = true;
-  return result;
+  samples.resize(done);
+  return samples;
 }
 
 }  // namespace parlavox::platform

@@ -1,6 +1,6 @@
 #include "platform/UdpNetwork.h"
 
-#include "platform/UdpFlowListener.h"
+#include "platform/UdpPeerListener.h"
 #include "platform/UdpSocket.h"
 
 namespace parlavox::platform {
@@ -13,7 +13,7 @@ class UdpReceiver final : public DatagramReceiver {
 
   void start(Handlers handlers) override {
     handlers_ = std::move(handlers);
-    socket_.start([this](Bytes datagram, const Endpoint&) { handlers_.onDatagram(datagram); },
+    socket_.start([this](Bytes datagram, const sockaddr_in6&) { handlers_.onDatagram(datagram); },
                   [this](std::string_view error) { handlers_.onFailed(error); });
   }
 
@@ -24,8 +24,8 @@ class UdpReceiver final : public DatagramReceiver {
 
 }  // namespace
 
-std::unique_ptr<FlowListener> UdpNetwork::listenFlows(std::uint16_t port) {
-  return std::make_unique<UdpFlowListener>(context_, port);
+std::unique_ptr<PeerListener> UdpNetwork::listenPeers(std::uint16_t port) {
+  return std::make_unique<UdpPeerListener>(context_, port);
 }
 
 std::unique_ptr<DatagramReceiver> UdpNetwork::listenDatagrams(std::uint16_t port) {

@@ -2,7 +2,7 @@
 
 #include <asio/io_context.hpp>
 
-#include "platform/Datagram.h"
+#include "platform/Network.h"
 
 namespace parlavox::platform {
 
@@ -11,7 +11,7 @@ class UdpNetwork final : public Network {
  public:
   explicit UdpNetwork(asio::io_context& context) : context_(context) {}
 
-  std::unique_ptr<FlowListener> listenFlows(std::uint16_t port) override;
+  std::unique_ptr<PeerListener> listenPeers(std::uint16_t port) override;
   std::unique_ptr<DatagramReceiver> listenDatagrams(std::uint16_t port) override;
 
  private:

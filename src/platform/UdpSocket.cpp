@@ -68,22 +68,24 @@ bool isTransient(int error) {
 
 }  // namespace
 
-bool Endpoint::operator==(const Endpoint& other) const {
-  return address.sin6_port == other.address.sin6_port &&
-         address.sin6_scope_id == other.address.sin6_scope_id &&
-         std::memcmp(&address.sin6_addr, &other.address.sin6_addr, sizeof(in6_addr)) == 0;
+SocketCalls& SocketCalls::system() {
+  static SocketCalls calls;
+  return calls;
 }
 
-std::size_t EndpointHash::operator()(const Endpoint& endpoint) const noexcept {
-  std::uint64_t words[2];
-  std::memcpy(words, &endpoint.address.sin6_addr, sizeof words);
-  std::uint64_t h = words[0] * 0x9E3779B97F4A7C15ULL ^ words[1];
-  h ^= (h >> 29) ^ (std::uint64_t{endpoint.address.sin6_port} << 17);
-  return static_cast<std::size_t>(h * 0xBF58476D1CE4E5B9ULL);
+int SocketCalls::receive(int fd, mmsghdr* messages, unsigned count) {
+  const int n = ::recvmmsg(fd, messages, count, MSG_DONTWAIT, nullptr);
+  return n >= 0 ? n : -errno;
 }
 
-UdpSocket::UdpSocket(asio::io_context& context, std::uint16_t port)
+int SocketCalls::send(int fd, mmsghdr* messages, unsigned count) {
+  const int n = ::sendmmsg(fd, messages, count, MSG_DONTWAIT | MSG_NOSIGNAL);
+  return n >= 0 ? n : -errno;
+}
+
+UdpSocket::UdpSocket(asio::io_context& context, std::uint16_t port, SocketCalls& calls)
     : socket_(bindSocket(context, port)),
+      calls_(calls),
       v4_(socket_.local_endpoint().protocol() == asio::ip::udp::v4()),
       buffers_(kBatch * kMaxDatagram),
       messages_(kBatch),
@@ -99,6 +101,10 @@ UdpSocket::~UdpSocket() {
   alive_.reset();
   std::error_code ignored;
   socket_.close(ignored);
+}
+
+std::uint16_t UdpSocket::port() const {
+  return socket_.local_endpoint().port();
 }
 
 void UdpSocket::start(DatagramHandler onDatagram, FailureHandler onFailed) {
@@ -157,32 +163,31 @@ int UdpSocket::readBatch() {
     messages_[i].msg_hdr.msg_iov = &iovecs_[i];
     messages_[i].msg_hdr.msg_iovlen = 1;
   }
-  const int count = ::recvmmsg(socket_.native_handle(), messages_.data(),
-                               static_cast<unsigned>(kBatch), MSG_DONTWAIT, nullptr);
+  const int count =
+      calls_.receive(socket_.native_handle(), messages_.data(), static_cast<unsigned>(kBatch));
   if (count >= 0) {
     return count;
   }
-  if (isTransient(errno)) {
+  if (isTransient(-count)) {
     return 0;
   }
-  onFailed_(std::system_category().message(errno));
+  onFailed_(std::system_category().message(-count));
   return -1;
 }
 
 // Hands datagram `i` of the batch on, then sends what its handler sent. Returns how many.
 std::size_t UdpSocket::deliver(std::size_t i) {
-  Endpoint from;
+  sockaddr_in6 from = sources_[i];
   if (v4_) {
-    // Keep one key form: IPv4 senders as v4-mapped IPv6.
+    // One form for every sender: IPv4 ones as v4-mapped IPv6.
     sockaddr_in v4from{};
     std::memcpy(&v4from, &sources_[i], sizeof v4from);
-    from.address.sin6_family = AF_INET6;
-    from.address.sin6_port = v4from.sin_port;
-    from.address.sin6_addr.s6_addr[10] = 0xFF;
-    from.address.sin6_addr.s6_addr[11] = 0xFF;
-    std::memcpy(&from.address.sin6_addr.s6_addr[12], &v4from.sin_addr, 4);
-  } else {
-    from.address = sources_[i];
+    from = sockaddr_in6{};
+    from.sin6_family = AF_INET6;
+    from.sin6_port = v4from.sin_port;
+    from.sin6_addr.s6_addr[10] = 0xFF;
+    from.sin6_addr.s6_addr[11] = 0xFF;
+    std::memcpy(&from.sin6_addr.s6_addr[12], &v4from.sin_addr, 4);
   }
   inHandler_ = true;
   onDatagram_(Bytes(buffers_.data() + i * kMaxDatagram, messages_[i].msg_len), from);
@@ -192,20 +197,7 @@ std::size_t UdpSocket::deliver(std::size_t i) {
   return sent;
 }
 
-socklen_t UdpSocket::destination(const Endpoint& to, sockaddr_in6& address) const {
-  if (v4_) {
-    sockaddr_in v4to{};
-    v4to.sin_family = AF_INET;
-    v4to.sin_port = to.address.sin6_port;
-    std::memcpy(&v4to.sin_addr, &to.address.sin6_addr.s6_addr[12], 4);
-    std::memcpy(&address, &v4to, sizeof v4to);
-    return sizeof(sockaddr_in);
-  }
-  address = to.address;
-  return sizeof(sockaddr_in6);
-}
-
-void UdpSocket::sendTo(const Endpoint& to, Bytes head, Bytes body) {
+void UdpSocket::sendTo(const sockaddr_in6& to, Bytes head, Bytes body) {
   hold(to, head, body);
   if (!inHandler_ && !flushQueued_) {
     // Sent from a timer or a posted task: whatever that task sends leaves together, right after
@@ -220,7 +212,7 @@ void UdpSocket::sendTo(const Endpoint& to, Bytes head, Bytes body) {
   }
 }
 
-void UdpSocket::hold(const Endpoint& to, Bytes head, Bytes body) {
+void UdpSocket::hold(const sockaddr_in6& to, Bytes head, Bytes body) {
   if (head.size() + body.size() > kMaxDatagram) {
     return;  // larger than any UDP datagram: the kernel would refuse it anyway
   }
@@ -236,7 +228,16 @@ void UdpSocket::hold(const Endpoint& to, Bytes head, Bytes body) {
     return;
   }
   Pending held{};
-  held.addressLength = destination(to, held.address);
+  held.address = to;
+  held.addressLength = sizeof(sockaddr_in6);
+  if (v4_) {
+    sockaddr_in v4to{};
+    v4to.sin_family = AF_INET;
+    v4to.sin_port = to.sin6_port;
+    std::memcpy(&v4to.sin_addr, &to.sin6_addr.s6_addr[12], 4);
+    std::memcpy(&held.address, &v4to, sizeof v4to);
+    held.addressLength = sizeof(sockaddr_in);
+  }
   held.headAt = arenaUsed_;
   held.headSize = head.size();
   if (!head.empty()) {
@@ -274,8 +275,8 @@ void UdpSocket::flush() {
   // forget) and the rest still go, as they would one by one.
   std::size_t next = 0;
   while (next < count) {
-    const int sent = ::sendmmsg(socket_.native_handle(), &outgoing_[next],
-                                static_cast<unsigned>(count - next), MSG_DONTWAIT | MSG_NOSIGNAL);
+    const int sent = calls_.send(socket_.native_handle(), &outgoing_[next],
+                                 static_cast<unsigned>(count - next));
     next += sent > 0 ? static_cast<std::size_t>(sent) : 0;
     if (next < count) {
       ++next;

@@ -15,25 +15,30 @@
 
 namespace parlavox::platform {
 
-// A remote UDP endpoint as the kernel gives it: IPv6, with IPv4 senders v4-mapped.
-struct Endpoint {
-  sockaddr_in6 address{};
-  bool operator==(const Endpoint& other) const;
-};
-
-struct EndpointHash {
-  std::size_t operator()(const Endpoint& endpoint) const noexcept;
+// The two system calls a UdpSocket moves its datagrams with, so that tests can stand in for the
+// kernel (short and refused sends, failures). Each returns how many messages it handled, or
+// minus the error number.
+class SocketCalls {
+ public:
+  virtual ~SocketCalls() = default;
+  // Any thread. The calls themselves, non-blocking.
+  static SocketCalls& system();
+  virtual int receive(int fd, mmsghdr* messages, unsigned count);
+  virtual int send(int fd, mmsghdr* messages, unsigned count);
 };
 
 // One bound UDP port on every local address (IPv6 with IPv4 mapped in, or IPv4 alone on hosts
 // without IPv6). The address is never shared: a second socket on the same port fails to bind.
+// Senders are told apart by their address in IPv6 form, IPv4 senders v4-mapped, on either kind
+// of host.
 class UdpSocket {
  public:
-  using DatagramHandler = std::function<void(Bytes datagram, const Endpoint& from)>;
+  using DatagramHandler = std::function<void(Bytes datagram, const sockaddr_in6& from)>;
   using FailureHandler = std::function<void(std::string_view error)>;
 
-  // Binds at once; throws std::system_error when the port cannot be had.
-  UdpSocket(asio::io_context& context, std::uint16_t port);
+  // Binds at once; throws std::system_error when the port cannot be had. Port 0: any free port.
+  UdpSocket(asio::io_context& context, std::uint16_t port,
+            SocketCalls& calls = SocketCalls::system());
   ~UdpSocket();
   UdpSocket(const UdpSocket&) = delete;
   UdpSocket& operator=(const UdpSocket&) = delete;
@@ -44,7 +49,9 @@ class UdpSocket {
   // Non-blocking and fire and forget: a full buffer drops the datagram, and errors about one
   // client never reach the others. The sends of one handler (a received datagram, a timer tick,
   // a posted task) leave together in one sendmmsg as soon as it returns, in the order made.
-  void sendTo(const Endpoint& to, Bytes head, Bytes body);
+  void sendTo(const sockaddr_in6& to, Bytes head, Bytes body);
+
+  std::uint16_t port() const;
 
  private:
   // A send held back until the handler returns; its bytes lie in `arena_`.
@@ -61,11 +68,11 @@ class UdpSocket {
   void receive();
   int readBatch();
   std::size_t deliver(std::size_t i);
-  socklen_t destination(const Endpoint& to, sockaddr_in6& address) const;
-  void hold(const Endpoint& to, Bytes head, Bytes body);
+  void hold(const sockaddr_in6& to, Bytes head, Bytes body);
   void flush();
 
   asio::ip::udp::socket socket_;
+  SocketCalls& calls_;
   bool v4_;  // bound to IPv4 alone: no IPv6 on this host
   DatagramHandler onDatagram_;
   FailureHandler onFailed_;
@@ -82,7 +89,7 @@ class UdpSocket {
   // allocates nothing once warm.
   bool inHandler_ = false;    // a received datagram is being handled; deliver() flushes after it
   bool flushQueued_ = false;  // a flush is posted for sends made outside a receive handler
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // the posted flush's guard
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // the posted tasks' guard
   std::vector<Pending> pending_;
   std::vector<std::uint8_t> arena_;
   std::size_t arenaUsed_ = 0;

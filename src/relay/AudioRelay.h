@@ -3,7 +3,6 @@
 #include <span>
 
 #include "platform/Bytes.h"
-#include "relay/Listeners.h"
 #include "relay/Peer.h"
 
 namespace parlavox {

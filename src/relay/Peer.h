@@ -1,19 +1,17 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <unordered_map>
 
 #include "platform/Clock.h"
-#include "platform/Datagram.h"
+#include "platform/Transport.h"
 
 namespace parlavox {
 
-// One client, from its first datagram until it leaves or goes silent.
+// One client, from its first datagram until it leaves or goes silent, whatever its transport.
 // Unjoined: id 0, empty name and role, masks 0. Joined: a non-zero id that no other peer holds.
 struct Peer {
-  std::shared_ptr<platform::Flow> conn;
+  platform::PeerAddress address;
   std::uint16_t id = 0;
   std::string name;
   std::string role;
@@ -23,7 +21,12 @@ struct Peer {
   platform::MonoTime lastSeen;
 };
 
-// Every known client, by the key of its flow.
-using PeerTable = std::unordered_map<std::uint64_t, std::shared_ptr<Peer>>;
+// A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small
+// contiguous array of these is walked per datagram instead of the table's nodes.
+struct Listener {
+  std::uint16_t id = 0;
+  std::uint32_t listenMask = 0;
+  platform::PeerAddress address;
+};
 
 }  // namespace parlavox

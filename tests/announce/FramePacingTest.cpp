@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "announce/FramePacing.h"
@@ -13,29 +12,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using test::FakeClock;
-
-struct CapacityCase {
-  double rate = 0;
-  std::uint64_t frames = 0;
-  std::optional<std::uint32_t> expected;
-};
-
-TEST(ConvertedCapacity, FollowsRatioTimesFramesPlusMargin) {
-  const CapacityCase cases[] = {
-      {22050.0, 100000, 72594},  // 72594.36 truncated
-      {16000.0, 0, 32},
-      {0.0, 100, std::nullopt},
-      {-16000.0, 100, std::nullopt},
-      {1.0, std::numeric_limits<std::uint32_t>::max(), std::nullopt},
-      {16000.0, std::numeric_limits<std::uint32_t>::max() - 32,
-       std::numeric_limits<std::uint32_t>::max()},
-      {std::numeric_limits<double>::quiet_NaN(), 100, std::nullopt},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(convertedCapacity(c.rate, c.frames), c.expected)
-        << "rate " << c.rate << ", frames " << c.frames;
-  }
-}
 
 std::vector<std::int16_t> ramp(std::size_t count) {
   std::vector<std::int16_t> samples(count);

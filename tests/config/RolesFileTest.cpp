@@ -6,90 +6,12 @@
 
 #include "config/Config.h"
 #include "config/RolesFile.h"
+#include "support/TempDir.h"
 
 namespace parlavox {
 namespace {
 
-// The built-in roles file, written out by hand line by line.
-constexpr std::string_view builtInFile = R"file({
-  "show" : "Parlavox",
-  "channels" : [
-    "Main",
-    "Tech",
-    "Backstage",
-    "Green Room"
-  ],
-  "roles" : [
-    {
-      "name" : "Stage Manager",
-      "talk" : [
-        "Main",
-        "Tech",
-        "Backstage",
-        "Green Room"
-      ],
-      "listen" : [
-        "Main",
-        "Tech",
-        "Backstage",
-        "Green Room"
-      ]
-    },
-    {
-      "name" : "Lighting",
-      "talk" : [
-        "Main",
-        "Tech"
-      ],
-      "listen" : [
-        "Main",
-        "Tech"
-      ]
-    },
-    {
-      "name" : "Sound",
-      "talk" : [
-        "Main",
-        "Tech"
-      ],
-      "listen" : [
-        "Main",
-        "Tech"
-      ]
-    },
-    {
-      "name" : "Backstage Crew",
-      "talk" : [
-        "Main",
-        "Backstage"
-      ],
-      "listen" : [
-        "Main",
-        "Backstage"
-      ]
-    },
-    {
-      "name" : "Green Room Parent",
-      "talk" : [
-        "Green Room"
-      ],
-      "listen" : [
-        "Main",
-        "Green Room"
-      ]
-    },
-    {
-      "name" : "Director (listen only)",
-      "talk" : [],
-      "listen" : [
-        "Main",
-        "Tech",
-        "Backstage"
-      ]
-    }
-  ],
-  "oscPort" : 47000
-})file";
+
 
 Config twoChannels(std::string show = "Parlavox", std::uint16_t oscPort = 47000) {
   return Config{std::move(show), {"A", "B"}, {{"R", {"A"}, {"A", "B"}}}, oscPort};
@@ -208,8 +130,9 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
   }
 }
 
+// builtin-roles.json is the built-in roles file written out by hand, line by line.
 TEST(RolesFile, BuiltInFileIsWrittenByteForByte) {
-  EXPECT_EQ(encodeConfig(defaultConfig()), builtInFile);
+  EXPECT_EQ(encodeConfig(defaultConfig()), test::readFile(PARLAVOX_TEST_DATA "/builtin-roles.json"));
 }
 
 // That whatever decodes is written out so as to read back the same is checked by the fuzz target

@@ -30,8 +30,8 @@ std::size_t expectedFrames(const std::string& text, const TempDir& dir) {
   const auto path = dir / "expected.aiff";
   EXPECT_EQ(runProgram({parlavoxSayBinary(), "-o", path, text}), 0);
   const auto audio = platform::readAudioFile(path);
-  EXPECT_EQ(audio.status, platform::AudioReadResult::Status::ok);
-  return static_cast<std::size_t>(std::floor(audio.frames * 16000.0 / audio.sampleRate)) / 320;
+  EXPECT_TRUE(audio) << audio.error();
+  return audio ? static_cast<std::size_t>(std::floor(audio->frames * 16000.0 / audio->sampleRate)) / 320 : 0;
 }
 
 // One channel first: only its listeners hear it. Then all channels, in real time, and as speech in
@@ -84,15 +84,15 @@ TEST_F(Announcements, ReachTheListenersOfTheirChannelsAsSpeech) {
   recorder.signal(SIGINT);
   ASSERT_EQ(recorder.waitForExit(), 0) << testing::PrintToString(recorder.lines());
   const auto file = platform::readAudioFile(dir / "heard.wav");
-  ASSERT_EQ(file.status, platform::AudioReadResult::Status::ok) << file.error;
-  EXPECT_EQ(file.sampleRate, 16000);
+  ASSERT_TRUE(file) << file.error();
+  EXPECT_EQ(file->sampleRate, 16000);
   // Silence until the announcement, then the frames the Green Room heard, sample for sample.
   std::vector<std::int16_t> said;
   for (const auto& frame : heard) {
-    const auto samples = fromWire(frame.samples);
+    const auto samples = wire::samplesOf(frame.samples);
     said.insert(said.end(), samples.begin(), samples.end());
   }
-  const auto recorded = toInt16(file.samples);
+  const auto recorded = toInt16(file->samples);
   // Found by its first frame that is not silence: speech may begin with some.
   auto sound = said.begin();
   while (sound != said.end() && std::all_of(sound, sound + 320, [](auto v) { return v == 0; })) {
@@ -105,7 +105,7 @@ TEST_F(Announcements, ReachTheListenersOfTheirChannelsAsSpeech) {
   ASSERT_GE(recorded.end() - at, static_cast<std::ptrdiff_t>(said.size())) << "not all recorded";
   EXPECT_TRUE(std::equal(said.begin(), said.end(), at)) << "the announcement, unchanged";
   EXPECT_TRUE(std::all_of(recorded.begin(), at, [](auto v) { return v == 0; }));
-  const auto first = file.samples.begin() + (at - recorded.begin());
+  const auto first = file->samples.begin() + (at - recorded.begin());
   const auto last = first + static_cast<std::ptrdiff_t>(said.size());
 
   // Loud enough, and not noise (which byte-swapped samples would be): white noise crosses zero

@@ -107,7 +107,7 @@ TEST_F(ClientTool, TalkStreamsAFileThatListeningClientsReceive) {
   startWith(defaultConfig());
   const std::string tone = makeAudio("tone.wav", {"-r", "16000", "-c", "1", "-b", "16"},
                                      {"1.5", "sine", "500", "vol", "0.5"});
-  const Samples expected = toInt16(platform::readAudioFile(tone).samples);
+  const Samples expected = toInt16(platform::readAudioFile(tone)->samples);
   ASSERT_EQ(expected.size(), 24000U);
   // Half a second of stereo FLAC at 44.1 kHz, louder on the left.
   const std::string flac =
@@ -133,7 +133,7 @@ TEST_F(ClientTool, TalkStreamsAFileThatListeningClientsReceive) {
     EXPECT_EQ(frames[i].senderID, 3) << "Ann joined third";
     EXPECT_EQ(frames[i].mask, 0x3U) << "Sound talks on Main and Tech, both of which Bo hears";
     ASSERT_EQ(frames[i].samples.size(), 2 * kFrameSamples);
-    const auto samples = fromWire(frames[i].samples);
+    const auto samples = wire::samplesOf(frames[i].samples);
     heard.insert(heard.end(), samples.begin(), samples.end());
   }
   EXPECT_EQ(heard, expected) << "16-bit audio at 16 kHz goes through untouched";
@@ -181,7 +181,7 @@ TEST_F(ClientTool, ListenWritesWhatATalkerSaysIntoAWavOfTheLengthAsked) {
     std::this_thread::sleep_until(start + f * 20ms);
     const Samples frame(said.begin() + static_cast<std::ptrdiff_t>(f * kFrameSamples),
                         said.begin() + static_cast<std::ptrdiff_t>((f + 1) * kFrameSamples));
-    ann->sendAudio(0, 0x1, static_cast<std::uint16_t>(500 + f), toWire(frame));
+    ann->sendAudio(0, 0x1, static_cast<std::uint16_t>(500 + f), wire::sampleBytes(frame));
   }
   ann->sendControl({{"t", "bye"}});
 
@@ -192,10 +192,10 @@ TEST_F(ClientTool, ListenWritesWhatATalkerSaysIntoAWavOfTheLengthAsked) {
   EXPECT_TRUE(server->waitForLine("👋 Lis (Lighting) left", 2s));
 
   const auto wav = platform::readAudioFile(dir / "heard.wav");
-  ASSERT_EQ(wav.status, platform::AudioReadResult::Status::ok) << wav.error;
-  EXPECT_EQ(wav.sampleRate, 16000);
-  EXPECT_EQ(wav.channels, 1);
-  const Samples recorded = toInt16(wav.samples);
+  ASSERT_TRUE(wav) << wav.error();
+  EXPECT_EQ(wav->sampleRate, 16000);
+  EXPECT_EQ(wav->channels, 1);
+  const Samples recorded = toInt16(wav->samples);
   EXPECT_EQ(recorded.size(), 48000U);
   const auto first = std::find_if(recorded.begin(), recorded.end(), [](auto s) { return s != 0; });
   ASSERT_GE(recorded.end() - first, static_cast<std::ptrdiff_t>(said.size()));
@@ -229,7 +229,7 @@ TEST_F(ClientTool, ListenerJoinsAgainWhenTheServerForgetsItAndStopsCleanlyOnCtrl
   auto ann = member("Ann", "Sound");
   const Samples frame(kFrameSamples, 1234);
   for (std::uint16_t seq = 0; seq < 10; ++seq) {
-    ann->sendAudio(0, 0x3, seq, toWire(frame));
+    ann->sendAudio(0, 0x3, seq, wire::sampleBytes(frame));
   }
   // Wait until the listener has certainly received them: it tells of Ann's leaving after them.
   ann->sendControl({{"t", "bye"}});
@@ -241,7 +241,7 @@ TEST_F(ClientTool, ListenerJoinsAgainWhenTheServerForgetsItAndStopsCleanlyOnCtrl
   const auto wrote = listen.waitForLine("📝 Wrote heard.wav (", 0ms);
   ASSERT_TRUE(wrote) << testing::PrintToString(listen.lines());
   EXPECT_NE(wrote->find("1 sender heard"), std::string::npos);
-  const Samples recorded = toInt16(platform::readAudioFile(dir / "heard.wav").samples);
+  const Samples recorded = toInt16(platform::readAudioFile(dir / "heard.wav")->samples);
   EXPECT_EQ(std::count(recorded.begin(), recorded.end(), 1234), 10 * 320)
       << "everything heard is in the file, the last frames too";
 }

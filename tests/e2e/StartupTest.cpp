@@ -54,7 +54,7 @@ TEST(Startup, InAnEmptyDirectoryWritesTheDefaultShowAndReports) {
                         "🎭 Parlavox", "   Channels: Main, Tech, Backstage, Green Room",
                         "   Roles:    Stage Manager, Lighting, Sound, Backstage Crew, Green Room "
                         "Parent, Director (listen only)",
-                        "   QLab / OSC: point a Network (OSC) cue at this Mac, port 47000,",
+                        "   QLab / OSC: point a Network (OSC) cue at this computer, port 47000,",
                         "               address /parlavox/say with a string argument to announce.",
                         "   Press Ctrl-C to stop.", ""}));
   EXPECT_EQ(server.count("✅ Listening for OSC announcements on UDP port 47000"), 1U);
@@ -76,7 +76,7 @@ TEST(Startup, TheFirstArgumentNamesTheRolesFileAndTheRestAreIgnored) {
   EXPECT_TRUE(server.waitForLine("🎭 Hamlet", 0ms));
   EXPECT_TRUE(server.waitForLine("✅ Listening for OSC announcements on UDP port 9000", 0ms));
   EXPECT_TRUE(
-      server.waitForLine("   QLab / OSC: point a Network (OSC) cue at this Mac, port 9000,", 0ms));
+      server.waitForLine("   QLab / OSC: point a Network (OSC) cue at this computer, port 9000,", 0ms));
   const auto lines = server.lines();
   EXPECT_NE(std::find(lines.begin(), lines.end(), "   Channels: "), lines.end());
   EXPECT_FALSE(std::filesystem::exists(dir / "roles.json"));

@@ -1,38 +1,26 @@
-// The server's behaviour seen from its clients, through fake flows, a fake loop and a clock that
-// moves only when the test says so.
+// The relay seen from its clients: datagrams delivered through a fake transport, time on a
+// simulated loop.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "fakes/FakeServerPlatform.h"
+#include "fakes/FakeConsole.h"
+#include "fakes/FakeNetwork.h"
+#include "fakes/SimulatedLoop.h"
 #include "relay/IntercomServer.h"
 
 namespace parlavox {
 namespace {
 
+using namespace std::chrono_literals;
 using json = nlohmann::json;
 using test::Datagram;
-using test::FakeFlow;
+using Lines = std::vector<std::string>;
 
 Datagram control(const json& message) {
-  const std::string text = message.dump();
-  Datagram d(1 + text.size(), 0x01);
-  std::copy(text.begin(), text.end(), d.begin() + 1);
-  return d;
-}
-
-// The control messages a client has received since last asked, decoded; audio is skipped.
-std::vector<json> take(FakeFlow& flow) {
-  std::vector<json> out;
-  for (const auto& d : flow.sent) {
-    if (!d.empty() && d[0] == 0x01) {
-      out.push_back(json::parse(d.begin() + 1, d.end()));
-    }
-  }
-  flow.sent.clear();
-  return out;
+  const std::string text = wire::controlDatagram(message.dump());
+  return {text.begin(), text.end()};
 }
 
 class IntercomServerTest : public testing::Test {
@@ -40,135 +28,145 @@ class IntercomServerTest : public testing::Test {
   void SetUp() override { startWith(defaultConfig()); }
 
   void startWith(Config config) {
-    server =
-        IntercomServer::create(std::move(config), ServerPlatform{
-                                                      .loop = loop,
-                                                      .network = network,
-                                                      .advertiser = advertiser,
-                                                      .clock = clock,
-                                                      .console = console,
-                                                      .sayCommand = "/nonexistent/say",
-                                                      .exit = [this](int s) { exitStatus = s; },
-                                                  });
+    server = IntercomServer::create(Show(std::move(config)),
+                                    ServerPlatform{loop, network, advertiser, clock, console},
+                                    [this](int status) { exitStatus = status; });
     server->start(50505);
+    port = network.peers;
     console.take();
   }
 
-  std::shared_ptr<FakeFlow> connect() {
-    clients.push_back(network.flows->connect());
-    return clients.back();
-  }
+  void send(std::uint64_t client, const json& message) { port->deliver(client, control(message)); }
 
-  // A client that has joined; everybody's inbox is emptied of the join's welcome and rosters.
-  std::shared_ptr<FakeFlow> joined(const std::string& name, const std::string& role) {
-    auto flow = connect();
-    flow->deliver(control({{"t", "join"}, {"name", name}, {"role", role}}));
-    for (const auto& client : clients) {
-      client->sent.clear();
+  // The control messages `client` has received since last asked; audio is left out.
+  std::vector<json> take(std::uint64_t client) {
+    std::vector<json> out;
+    for (const auto& d : port->sent[client]) {
+      if (d.at(0) == 0x01) {
+        out.push_back(json::parse(d.begin() + 1, d.end()));
+      }
     }
-    return flow;
+    port->sent[client].clear();
+    return out;
   }
 
-  test::FakeEventLoop loop;
+  // A joined client; everybody's inbox and the console are emptied of the join.
+  void joined(std::uint64_t client, const std::string& name, const std::string& role) {
+    send(client, {{"t", "join"}, {"name", name}, {"role", role}});
+    port->sent.clear();
+    console.take();
+  }
+
+  test::FakeClock clock;
+  test::SimulatedLoop loop{clock};
   test::FakeNetwork network;
   test::FakeAdvertiser advertiser;
-  test::FakeClock clock;
   test::FakeConsole console;
   int exitStatus = -1;
   std::shared_ptr<IntercomServer> server;
-  std::vector<std::shared_ptr<FakeFlow>> clients;
+  test::FakePeerListener* port = nullptr;
 };
 
-TEST_F(IntercomServerTest, StartOpensBothPortsAdvertisesAndSweepsEveryTwoSeconds) {
-  EXPECT_EQ(network.flowPort, 50505);
-  EXPECT_EQ(network.datagrams.ports, (std::vector<std::uint16_t>{47000}));
-  ASSERT_EQ(advertiser.advertised.size(), 1U);
-  EXPECT_EQ(advertiser.advertised[0].name, "Parlavox");
-  EXPECT_EQ(advertiser.advertised[0].type, "_intercom._udp");
-  EXPECT_EQ(advertiser.advertised[0].port, 50505);
-  EXPECT_EQ(loop.periods, (std::vector<std::chrono::milliseconds>{std::chrono::seconds(2)}));
-  network.flows->ready();
-  EXPECT_EQ(console.take(),
-            (std::vector<std::string>{"✅ Listening on UDP port 50505 and advertising on Bonjour"}));
-}
-
-TEST_F(IntercomServerTest, StartPrintsTheOscLineAndFailsWhenTheOscPortIsTaken) {
-  test::FakeNetwork busy;
-  busy.datagrams.busy = {47000};
-  auto other = IntercomServer::create(
-      defaultConfig(), ServerPlatform{loop, busy, advertiser, clock, console, "/x", [](int) {}});
-  EXPECT_THROW(other->start(50505), std::system_error);
-  EXPECT_TRUE(console.take().empty());
-  auto fine = IntercomServer::create(
-      defaultConfig(), ServerPlatform{loop, network, advertiser, clock, console, "/x", [](int) {}});
-  fine->start(50505);
-  EXPECT_EQ(console.take(),
-            (std::vector<std::string>{"✅ Listening for OSC announcements on UDP port 47000"}));
-}
-
-TEST_F(IntercomServerTest, ListenerFailureEndsTheProcessWithStatusOne) {
-  network.flows->fail("Network is down");
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"❌ Listener failed: Network is down"}));
+TEST_F(IntercomServerTest, StartAdvertisesReportsReadyAndEndsTheProcessWhenThePortFails) {
+  EXPECT_EQ(network.ports, std::vector<std::uint16_t>{50505});
+  EXPECT_EQ(advertiser.advertised, Lines{"Parlavox _intercom._udp 50505"});
+  port->ready();
+  EXPECT_EQ(console.take(), Lines{"✅ Listening on UDP port 50505 and advertising on Bonjour"});
+  port->fail("Network is down");
+  EXPECT_EQ(console.take(), Lines{"❌ Listener failed: Network is down"});
   EXPECT_EQ(exitStatus, 1);
 }
 
 TEST_F(IntercomServerTest, HiGetsTheShowWhetherJoinedOrNot) {
-  auto flow = connect();
-  flow->deliver(control({{"t", "hi"}}));
-  const auto replies = take(*flow);
-  ASSERT_EQ(replies.size(), 1U);
-  EXPECT_EQ(replies[0]["t"], "config");
-  EXPECT_EQ(replies[0]["channels"], json({"Main", "Tech", "Backstage", "Green Room"}));
-  EXPECT_EQ(replies[0]["roles"].size(), 6U);
-  EXPECT_EQ(replies[0]["roles"][5]["talk"], json::array());
+  for (const std::uint64_t client : {1U, 2U}) {
+    if (client == 2) {
+      joined(2, "Ann", "Sound");
+    }
+    send(client, {{"t", "hi"}});
+    const auto replies = take(client);
+    ASSERT_EQ(replies.size(), 1U);
+    EXPECT_EQ(replies[0]["channels"], json({"Main", "Tech", "Backstage", "Green Room"}));
+    EXPECT_EQ(replies[0]["roles"][5],
+              json({{"name", "Director (listen only)"},
+                    {"talk", json::array()},
+                    {"listen", {"Main", "Tech", "Backstage"}}}));
+  }
   EXPECT_TRUE(console.lines().empty());
 }
 
-TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryone) {
-  auto a = connect();
-  a->deliver(control({{"t", "join"}, {"role", "Lighting"}, {"colour", "blue"}}));
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"🎧 Crew joined as Lighting"}));
-  auto replies = take(*a);
-  ASSERT_EQ(replies.size(), 2U);
-  EXPECT_EQ(
-      replies[0],
-      json(
-          {{"t", "welcome"}, {"id", 1}, {"role", "Lighting"}, {"talkMask", 3}, {"listenMask", 3}}));
-  EXPECT_EQ(replies[1]["users"], json::parse(R"([{"id":1,"name":"Crew","role":"Lighting"}])"));
-
-  auto b = connect();
-  auto hiOnly = connect();
-  hiOnly->deliver(control({{"t", "hi"}}));
-  hiOnly->sent.clear();
-  b->deliver(control({{"t", "join"}, {"name", "Bea"}, {"role", "Director (listen only)"}}));
-  const json both = json::parse(
-      R"j([{"id":1,"name":"Crew","role":"Lighting"},{"id":2,"name":"Bea","role":"Director (listen only)"}])j");
-  replies = take(*b);
+TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryJoinedClient) {
+  send(1, {{"t", "join"}, {"role", "Lighting"}, {"colour", "blue"}});
+  EXPECT_EQ(console.take(), Lines{"🎧 Crew joined as Lighting"});
+  EXPECT_EQ(take(1), (std::vector<json>{
+                         {{"t", "welcome"},
+                          {"id", 1},
+                          {"role", "Lighting"},
+                          {"talkMask", 3},
+                          {"listenMask", 3}},
+                         json::parse(R"({"t":"roster","users":[{"id":1,"name":"Crew",
+                                        "role":"Lighting"}]})"),
+                     }));
+  send(3, {{"t", "hi"}});
+  port->sent.clear();
+  send(2, {{"t", "join"}, {"name", "Bea"}, {"role", "Director (listen only)"}});
+  const json both = json::parse(R"j([{"id":1,"name":"Crew","role":"Lighting"},
+                                    {"id":2,"name":"Bea","role":"Director (listen only)"}])j");
+  const auto replies = take(2);
   ASSERT_EQ(replies.size(), 2U);
   EXPECT_EQ(replies[0]["talkMask"], 0);
   EXPECT_EQ(replies[0]["listenMask"], 7);
   EXPECT_EQ(replies[1]["users"], both);
-  replies = take(*a);
-  ASSERT_EQ(replies.size(), 1U);
-  EXPECT_EQ(replies[0]["users"], both);
-  EXPECT_TRUE(hiOnly->sent.empty()) << "an unjoined client gets no roster";
+  EXPECT_EQ(take(1), std::vector<json>{json({{"t", "roster"}, {"users", both}})});
+  EXPECT_TRUE(take(3).empty()) << "a client that has not joined gets no roster";
+
+  // Joining again keeps the id, and everyone hears of the new role.
+  send(1, {{"t", "join"}, {"name", "Ann"}, {"role", "Stage Manager"}});
+  EXPECT_EQ(take(1).at(0)["id"], 1);
+  EXPECT_EQ(take(2).at(0)["users"][0], json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
 }
 
-TEST_F(IntercomServerTest, RejoinKeepsTheIdAndChangesRoleForEveryone) {
-  auto a = joined("Ann", "Sound");
-  auto b = joined("Bo", "Sound");
-  a->deliver(control({{"t", "join"}, {"name", "Ann"}, {"role", "Stage Manager"}}));
-  const auto replies = take(*a);
-  ASSERT_EQ(replies.size(), 2U);
-  EXPECT_EQ(replies[0]["id"], 1);
-  EXPECT_EQ(replies[0]["talkMask"], 15);
-  EXPECT_EQ(take(*b).at(0)["users"][0],
-            json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
+TEST_F(IntercomServerTest, JoinsThatFailAnswerErrorAndChangeNothing) {
+  joined(1, "Ann", "Sound");
+  for (const json& bad : {json{{"t", "join"}, {"name", "Ann"}}, json{{"t", "join"}, {"role", "sound"}},
+                          json{{"t", "join"}, {"role", nullptr}}}) {
+    send(1, bad);
+    EXPECT_EQ(take(1), std::vector<json>{json({{"t", "error"},
+                                               {"reason", "That role no longer exists. Pick another."}})})
+        << bad;
+  }
+  EXPECT_TRUE(console.lines().empty());
+  send(1, {{"t", "ping"}});
+  send(2, {{"t", "ping"}});
+  EXPECT_EQ(take(1), std::vector<json>{json({{"t", "pong"}})}) << "still joined";
+  EXPECT_EQ(take(2), std::vector<json>{json({{"t", "rejoin"}})});
+}
+
+TEST_F(IntercomServerTest, NamesAreCutTo24CharactersAndRolesMatchCanonically) {
+  Config config = defaultConfig();
+  config.roles.push_back({"R\xC3\xA9gie", {"Main"}, {"Main"}});
+  startWith(config);
+  const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
+  send(1, {{"t", "join"}, {"name", thirty}, {"role", "Re\xCC\x81gie"}});
+  auto replies = take(1);
+  EXPECT_EQ(replies.at(0)["role"], "R\xC3\xA9gie") << "the configured spelling is used";
+  EXPECT_EQ(replies.at(1)["users"][0]["name"], thirty.substr(0, 24));
+  send(1, {{"t", "join"}, {"name", ""}, {"role", "Sound"}});
+  EXPECT_EQ(take(1).at(1)["users"][0]["name"], "");
+}
+
+TEST_F(IntercomServerTest, UnknownOrMalformedDatagramsGetNoReply) {
+  for (const Datagram& d : {Datagram{0x01}, control({{"t", "Hi"}}), control({{"t", 1}}),
+                            control(json::array({"hi"})), Datagram{0x01, '{', '"', 't'},
+                            Datagram{0x07, 1, 2}, Datagram{}}) {
+    port->deliver(1, d);
+  }
+  EXPECT_TRUE(port->sent[1].empty());
+  EXPECT_TRUE(console.lines().empty());
 }
 
 TEST_F(IntercomServerTest, AudioFollowsWhoIsJoinedAndWhatTheirRoleHears) {
-  auto talker = joined("Ann", "Stage Manager");
-  auto other = joined("Bo", "Sound");
+  joined(1, "Ann", "Stage Manager");
+  joined(2, "Bo", "Sound");
   const Datagram onTech{0x02, 0, 0, 0x02, 0, 0, 0, 1, 0, 0xAB};
   struct Step {
     const char* what;
@@ -185,203 +183,96 @@ TEST_F(IntercomServerTest, AudioFollowsWhoIsJoinedAndWhatTheirRoleHears) {
   };
   for (const Step& step : steps) {
     if (!step.before.is_null()) {
-      other->deliver(control(step.before));
+      send(2, step.before);
     }
-    other->sent.clear();
-    talker->deliver(onTech);
-    EXPECT_EQ(other->sent.size(), step.hears ? 1U : 0U) << step.what;
+    port->sent.clear();
+    port->deliver(1, onTech);
+    EXPECT_EQ(port->sent[2].size(), step.hears ? 1U : 0U) << step.what;
+    EXPECT_TRUE(port->sent[1].empty()) << "nobody hears themselves";
   }
 }
 
-TEST_F(IntercomServerTest, FailedJoinAnswersErrorAndChangesNothing) {
-  auto a = joined("Ann", "Sound");
-  console.take();
-  for (const json& bad :
-       {json{{"t", "join"}, {"name", "Ann"}}, json{{"t", "join"}, {"role", "sound"}},
-        json{{"t", "join"}, {"role", nullptr}}}) {
-    a->deliver(control(bad));
-    const auto replies = take(*a);
-    ASSERT_EQ(replies.size(), 1U) << bad;
-    EXPECT_EQ(replies[0],
-              json({{"t", "error"}, {"reason", "That role no longer exists. Pick another."}}));
-  }
-  EXPECT_TRUE(console.lines().empty());
-  a->deliver(control({{"t", "ping"}}));
-  EXPECT_EQ(take(*a).at(0), json({{"t", "pong"}}));
-  EXPECT_EQ(server->peers().begin()->second->role, "Sound");
-}
+TEST_F(IntercomServerTest, DeparturesAreAnnouncedOnlyForJoinedClients) {
+  joined(1, "Ann", "Sound");
+  joined(2, "Bo", "Lighting");
+  joined(3, "Cy", "Sound");
+  send(4, {{"t", "hi"}});
+  port->sent.clear();
 
-TEST_F(IntercomServerTest, NamesAreCutTo24CharactersAndRolesMatchCanonically) {
-  Config config = defaultConfig();
-  config.roles.push_back({"R\xC3\xA9gie", {"Main"}, {"Main"}});
-  startWith(config);
-  auto flow = connect();
-  const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
-  flow->deliver(control({{"t", "join"}, {"name", thirty}, {"role", "Re\xCC\x81gie"}}));
-  const auto replies = take(*flow);
-  EXPECT_EQ(replies.at(0)["role"], "R\xC3\xA9gie") << "the configured spelling is used";
-  EXPECT_EQ(replies.at(1)["users"][0]["name"], thirty.substr(0, 24));
-
-  flow->deliver(control({{"t", "join"}, {"name", ""}, {"role", "Sound"}}));
-  EXPECT_EQ(take(*flow).at(1)["users"][0]["name"], "");
-}
-
-TEST_F(IntercomServerTest, UnknownOrMalformedControlGetsNoReply) {
-  auto flow = connect();
-  for (const Datagram& d :
-       {Datagram{0x01}, control({{"t", "Hi"}}), control({{"t", "PING"}}), control({{"t", 1}}),
-        control(json::array({"hi"})), Datagram{0x01, '{', '"', 't'}}) {
-    flow->deliver(d);
-  }
-  EXPECT_TRUE(flow->sent.empty());
-  EXPECT_TRUE(console.lines().empty());
-}
-
-TEST_F(IntercomServerTest, ByeFromAJoinedPeerIsAnnouncedAndTheRestGetTheRoster) {
-  auto a = joined("Ann", "Sound");
-  auto b = joined("Bo", "Lighting");
-  auto stranger = connect();
-  console.take();
-  take(*a);
-
-  stranger->deliver(control({{"t", "bye"}}));
-  EXPECT_TRUE(stranger->cancelled);
+  send(4, {{"t", "bye"}});
   EXPECT_TRUE(console.lines().empty()) << "a stranger leaves silently";
-  EXPECT_TRUE(a->sent.empty());
+  EXPECT_TRUE(port->sent[1].empty());
+  send(2, {{"t", "bye"}});
+  port->close(3);  // its connection closed
+  port->close(3);  // and a second report finds nobody
+  EXPECT_EQ(console.take(), (Lines{"👋 Bo (Lighting) left", "👋 Cy (Sound) left"}));
+  EXPECT_EQ(take(1).back()["users"], json::parse(R"([{"id":1,"name":"Ann","role":"Sound"}])"));
+  EXPECT_EQ(port->ended, (std::vector<std::uint64_t>{4, 2, 3})) << "the transport lets each go";
 
-  b->deliver(control({{"t", "bye"}}));
-  EXPECT_TRUE(b->cancelled);
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"👋 Bo (Lighting) left"}));
-  EXPECT_EQ(take(*a).at(0)["users"], json::parse(R"([{"id":1,"name":"Ann","role":"Sound"}])"));
-  EXPECT_EQ(server->peers().size(), 1U);
+  // Heard from again, a departed client is a stranger; ids are not given out again sooner.
+  send(2, {{"t", "ping"}});
+  EXPECT_EQ(take(2).back(), json({{"t", "rejoin"}}));
+  send(2, {{"t", "join"}, {"role", "Sound"}});
+  EXPECT_EQ(take(2).at(0)["id"], 4);
+}
 
-  b->end(platform::Flow::End::cancelled);  // the report that follows a cancel finds nobody
+TEST_F(IntercomServerTest, TheSweepDropsClientsSilentForMoreThanEightSeconds) {
+  joined(1, "Quiet", "Sound");
+  joined(2, "Chatty", "Lighting");
+  port->deliver(3, {});  // a stranger whose datagram says nothing
+  loop.advance(8s);      // swept every 2 s; exactly 8 s of silence is not more than 8 s
   EXPECT_TRUE(console.lines().empty());
-  a->deliver(control({{"t", "bye"}}));
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"👋 Ann (Sound) left"}));
-  EXPECT_TRUE(server->peers().empty());
-}
+  EXPECT_TRUE(port->ended.empty());
 
-TEST_F(IntercomServerTest, FailedFlowRemovesItsPeer) {
-  auto a = joined("Ann", "Sound");
-  console.take();
-  a->end(platform::Flow::End::failed);
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"👋 Ann (Sound) left"}));
-  EXPECT_TRUE(server->peers().empty());
-}
+  port->deliver(2, {0x00});  // any non-empty datagram keeps its sender alive
+  port->deliver(3, {});      // an empty one does not
+  loop.advance(2s);
+  EXPECT_EQ(console.take(), (Lines{"⏱️  Quiet timed out", "👋 Quiet (Sound) left"}));
+  EXPECT_EQ(take(2).size(), 1U) << "one roster for the departure";
+  std::sort(port->ended.begin(), port->ended.end());  // in the table's own order
+  EXPECT_EQ(port->ended, (std::vector<std::uint64_t>{1, 3})) << "the stranger went silently";
 
-TEST_F(IntercomServerTest, IdsCountUpAndAreNotReusedSooner) {
-  auto one = joined("One", "Sound");
-  auto two = joined("Two", "Sound");
-  one->deliver(control({{"t", "bye"}}));
-  auto three = connect();
-  three->deliver(control({{"t", "join"}, {"role", "Sound"}}));
-  EXPECT_EQ(take(*three).at(0)["id"], 3);
-}
-
-TEST_F(IntercomServerTest, SweepDropsPeersSilentForMoreThanEightSeconds) {
-  using namespace std::chrono_literals;
-  auto quiet = joined("Quiet", "Sound");
-  auto chatty = joined("Chatty", "Lighting");
-  auto stranger = connect();
-  console.take();
-
-  clock.advance(8s);
-  chatty->deliver({0x00});  // any non-empty datagram keeps its sender alive
-  stranger->deliver({});    // an empty one does not
-  server->sweep();
-  EXPECT_EQ(server->peers().size(), 3U) << "exactly 8 s of silence is not more than 8 s";
-  EXPECT_TRUE(console.lines().empty());
-
-  clock.advance(1ns);
-  chatty->sent.clear();
-  server->sweep();
-  EXPECT_EQ(console.take(),
-            (std::vector<std::string>{"⏱️  Quiet timed out", "👋 Quiet (Sound) left"}));
-  EXPECT_EQ(server->peers().size(), 1U) << "the stranger went too, without a word";
-  EXPECT_TRUE(quiet->cancelled && stranger->cancelled);
-  EXPECT_EQ(take(*chatty).at(0)["users"].size(), 1U);
-
-  // The sweep's timer drives the same sweep.
-  clock.advance(9s);
-  loop.ticks.at(0)();
-  EXPECT_EQ(console.take(),
-            (std::vector<std::string>{"⏱️  Chatty timed out", "👋 Chatty (Lighting) left"}));
-}
-
-TEST_F(IntercomServerTest, TwoPeersTimingOutTogetherEachGetTheirLinesAndRoster) {
-  using namespace std::chrono_literals;
-  auto a = joined("A", "Sound");
-  auto b = joined("B", "Sound");
-  clock.advance(5s);
-  auto c = joined("C", "Sound");
-  console.take();
-  c->sent.clear();
-  clock.advance(4s);
-  server->sweep();
-  const auto lines = console.take();
-  ASSERT_EQ(lines.size(), 4U);
-  // In the table's own order, each peer's two lines together.
-  const std::string first = lines[0] == "⏱️  A timed out" ? "A" : "B";
-  const std::string second = first == "A" ? "B" : "A";
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       "⏱️  " + first + " timed out", "👋 " + first + " (Sound) left",
-                       "⏱️  " + second + " timed out", "👋 " + second + " (Sound) left"}));
-  EXPECT_EQ(take(*c).size(), 2U) << "one roster per departure";
+  // Two joined clients going in the same sweep each get their lines and their roster.
+  joined(4, "Late", "Sound");
+  joined(5, "Keeper", "Sound");
+  port->deliver(2, {0x00});
+  for (int sweep = 0; sweep < 5; ++sweep) {
+    loop.advance(2s);
+    port->deliver(5, {0x00});
+  }
+  auto lines = console.take();
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (Lines{"⏱️  Chatty timed out", "⏱️  Late timed out", "👋 Chatty (Lighting) left",
+                          "👋 Late (Sound) left"}));
+  EXPECT_EQ(take(5).size(), 2U);
 }
 
 TEST_F(IntercomServerTest, UnknownChannelsInARoleWarnOnEveryJoin) {
   Config config = defaultConfig();
   config.roles.push_back({"Odd", {"Main", "Foyer"}, {"Foyer", "Tech"}});
   startWith(config);
-  auto flow = connect();
-  flow->deliver(control({{"t", "join"}, {"role", "Odd"}}));
-  EXPECT_EQ(console.take(),
-            (std::vector<std::string>{"⚠️  Role refers to unknown channel \"Foyer\"",
-                                      "⚠️  Role refers to unknown channel \"Foyer\"",
-                                      "🎧 Crew joined as Odd"}));
-  EXPECT_EQ(take(*flow).at(0)["talkMask"], 1);
-}
-
-TEST_F(IntercomServerTest, OscAddressesChooseChannelsOrAreIgnored) {
-  server->handleOSC("/parlavox/say/tech", "hello");
-  server->handleOSC("/parlavox/sayx", "hello");
-  EXPECT_EQ(console.take(), (std::vector<std::string>{"⚠️  OSC: unknown channel \"tech\""}));
-  server->handleOSC("/parlavox/say/Tech", "Places please");
-  EXPECT_EQ(console.take().at(0), "📣 Announcing: \"Places please\"");
-}
-
-TEST_F(IntercomServerTest, AnnouncementFramesGoToListenersWithTheWholeMaskAndCountingSeq) {
-  auto mainOnly = joined("M", "Green Room Parent");  // listens Main + Green Room
-  auto tech = joined("T", "Lighting");
-  auto stranger = connect();
-  const std::vector<std::uint8_t> frame(640, 0x11);
-  server->broadcastAnnouncement(frame, 0x0F);
-  server->broadcastAnnouncement(frame, 0x08);
-  server->broadcastAnnouncement(frame, 0x0F);
-
-  ASSERT_EQ(mainOnly->sent.size(), 3U);
-  const Datagram& first = mainOnly->sent[0];
-  ASSERT_EQ(first.size(), 649U);
-  EXPECT_EQ(Datagram(first.begin(), first.begin() + 9),
-            (Datagram{0x02, 0xFF, 0xFF, 0x0F, 0, 0, 0, 0x01, 0x00}));
-  EXPECT_EQ(mainOnly->sent[1][7], 2);
-  EXPECT_EQ(mainOnly->sent[2][7], 3);
-  ASSERT_EQ(tech->sent.size(), 2U) << "the Green Room frame is not Tech's";
-  EXPECT_EQ(tech->sent[1][7], 3) << "seq counts every frame, heard or not";
-  EXPECT_TRUE(stranger->sent.empty());
-}
-
-TEST_F(IntercomServerTest, AnnouncementSeqWrapsToZero) {
-  auto flow = joined("M", "Sound");
-  const std::vector<std::uint8_t> frame(640, 0);
-  for (int i = 0; i < 65536; ++i) {
-    server->broadcastAnnouncement(frame, 0x1);
+  for (int join = 0; join < 2; ++join) {
+    send(1, {{"t", "join"}, {"role", "Odd"}});
+    EXPECT_EQ(console.take(), (Lines{"⚠️  Role refers to unknown channel \"Foyer\"",
+                                     "⚠️  Role refers to unknown channel \"Foyer\"",
+                                     "🎧 Crew joined as Odd"}));
   }
-  EXPECT_EQ(flow->sent[65534][7], 0xFF);
-  EXPECT_EQ(flow->sent[65534][8], 0xFF);
-  EXPECT_EQ(flow->sent[65535][7], 0x00);
-  EXPECT_EQ(flow->sent[65535][8], 0x00);
+  EXPECT_EQ(take(1).at(0)["talkMask"], 1);
+}
+
+TEST_F(IntercomServerTest, AnnouncementFramesGoToEveryJoinedListenerOfTheMask) {
+  joined(1, "M", "Green Room Parent");  // listens Main + Green Room
+  joined(2, "T", "Lighting");           // Main + Tech
+  send(3, {{"t", "hi"}});
+  port->sent.clear();
+  const Datagram head{0x02, 0xFF, 0xFF, 0x08, 0, 0, 0, 7, 0};
+  const Datagram body(640, 0x11);
+  server->sendToListeners(0x08, head, body);
+  server->sendToListeners(0x03, head, body);
+  EXPECT_EQ(port->sent[1].size(), 2U);
+  EXPECT_EQ(port->sent[1][0].size(), 649U);
+  EXPECT_EQ(port->sent[2].size(), 1U) << "the Green Room is not Tech's";
+  EXPECT_TRUE(port->sent[3].empty());
 }
 
 }  // namespace

@@ -29,15 +29,6 @@ Samples concat(std::initializer_list<Samples> parts) {
   return out;
 }
 
-TEST(Mixer, DecodesLittleEndianSamples) {
-  EXPECT_EQ(
-      Mixer::decode(std::vector<std::uint8_t>{0x01, 0x00, 0xFF, 0xFF, 0x00, 0x80, 0xFF, 0x7F}),
-      (Samples{1, -1, -32768, 32767}));
-  EXPECT_EQ(Mixer::decode(std::vector<std::uint8_t>{0x34, 0x12, 0x99}), Samples{0x1234})
-      << "half a sample at the end is dropped";
-  EXPECT_EQ(Mixer::decode({}), Samples{});
-}
-
 struct SumCase {
   std::vector<std::int16_t> voices;  // one sample from each talker, all landing together
   std::int16_t expected;

@@ -5,33 +5,11 @@
 namespace parlavox::client {
 namespace {
 
-using json = nlohmann::json;
-
-json configMessage() {
-  return json::parse(R"({"t":"config","channels":["Main","Tech","Backstage","Green Room"],
-    "roles":[{"name":"Stage Manager","talk":["Main","Tech"],"listen":["Main","Tech","Backstage"]},
-             {"name":"R\u00e9gie","talk":["Main"],"listen":[]},
-             {"name":"Director","talk":[],"listen":["Main"]}]})");
-}
-
 ShowInfo show() {
-  return ShowInfo::fromConfigMessage(configMessage()).value();
-}
-
-TEST(ShowInfo, RefusesWhatIsNotAConfigMessage) {
-  const std::vector<std::string> bad{
-      R"({"t":"welcome","channels":[],"roles":[]})",
-      R"({"t":"config","roles":[]})",
-      R"({"t":"config","channels":["Main",3],"roles":[]})",
-      R"({"t":"config","channels":[],"roles":[{"talk":[],"listen":[]}]})",
-      R"({"t":"config","channels":[],"roles":[{"name":"A","talk":"Main","listen":[]}]})",
-      R"({"t":"config","channels":[],"roles":[{"name":"A","talk":[],"listen":[null]}]})",
-  };
-  for (const auto& text : bad) {
-    EXPECT_FALSE(ShowInfo::fromConfigMessage(json::parse(text))) << text;
-  }
-  EXPECT_TRUE(
-      ShowInfo::fromConfigMessage(json::parse(R"({"t":"config","channels":[],"roles":[]})")));
+  return ShowInfo(wire::ConfigMsg{{"Main", "Tech", "Backstage", "Green Room"},
+                                  {{"Stage Manager", {"Main", "Tech"}, {"Main", "Tech", "Backstage"}},
+                                   {"R\xC3\xA9gie", {"Main"}, {}},
+                                   {"Director", {}, {"Main"}}}});
 }
 
 TEST(ShowInfo, FindsRolesExactlyButForUnicodeSpelling) {
@@ -60,9 +38,7 @@ TEST(ShowInfo, DescribesChannelsAndEveryRole) {
                 "     • R\xC3\xA9gie: talks on Main; hears none",
                 "     • Director: listen only; hears Main",
             }));
-  const auto empty =
-      ShowInfo::fromConfigMessage(json::parse(R"({"t":"config","channels":[],"roles":[]})"));
-  EXPECT_EQ(empty->describe(),
+  EXPECT_EQ(ShowInfo(wire::ConfigMsg{}).describe(),
             (std::vector<std::string>{"   Channels: none", "   Roles:    none"}));
 }
 

@@ -9,21 +9,21 @@
 #include "client/CrewSession.h"
 #include "client/Mixer.h"
 #include "client/Pacer.h"
+#include "client/WavWriter.h"
 #include "platform/AudioFile.h"
 #include "platform/Resampler.h"
-#include "platform/WavWriter.h"
+#include "wire/Audio.h"
 
 namespace parlavox::client {
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kSampleRate = 16000;
-constexpr auto kFrameDuration = 20ms;
+constexpr int kSampleRate = wire::sampleRate;
 // How long listen holds mixed audio back before writing it, so late frames still find their
 // place: as far as the mixer lets a talker's frames stray from the slot of their arrival, and
 // one slot more for arrivals late in their slot.
-constexpr std::uint64_t kListenLatencySamples = Mixer::kMaxDrift + Mixer::kSlotSamples;
+constexpr std::uint64_t kListenLatencySamples = Mixer::kMaxDrift + wire::frameSamples;
 constexpr auto kListenTick = 50ms;
 // A talker this far behind its schedule starts afresh rather than sending a burst.
 constexpr auto kTalkMaxLag = 200ms;
@@ -39,17 +39,6 @@ std::uint64_t samplesBetween(platform::MonoTime start, platform::MonoTime at) {
 
 double secondsOf(std::uint64_t samples) {
   return static_cast<double>(samples) / kSampleRate;
-}
-
-std::vector<std::uint8_t> littleEndian(std::span<const std::int16_t> samples) {
-  std::vector<std::uint8_t> bytes;
-  bytes.reserve(samples.size() * 2);
-  for (const auto sample : samples) {
-    const auto bits = static_cast<std::uint16_t>(sample);
-    bytes.push_back(static_cast<std::uint8_t>(bits));
-    bytes.push_back(static_cast<std::uint8_t>(bits >> 8));
-  }
-  return bytes;
 }
 
 }  // namespace
@@ -74,9 +63,9 @@ int runListen(CommandContext& context, const Arguments& args) {
   if (!show || !session.join(*show, args.role, args.name)) {
     return 1;
   }
-  platform::WavWriter wav;
-  if (!wav.open(args.out, kSampleRate)) {
-    console.print(fmt::format("❌ Can't write {}: {}", args.out, wav.error()));
+  WavWriter wav;
+  if (const auto opened = wav.open(args.out, kSampleRate); !opened) {
+    console.print(fmt::format("❌ Can't write {}: {}", args.out, opened.error()));
     session.leave();
     return 1;
   }
@@ -92,33 +81,34 @@ int runListen(CommandContext& context, const Arguments& args) {
   Mixer mixer;
   const auto start = context.clock.now();
   session.setAudioHandler([&](const Audio& audio, platform::MonoTime arrival) {
-    const auto samples = Mixer::decode(audio.samples);
+    const auto samples = wire::samplesOf(audio.samples);
     mixer.add(audio.senderID, audio.seq, samplesBetween(start, arrival), samples);
   });
   const auto end = args.seconds ? start + std::chrono::duration_cast<platform::MonoClock::duration>(
                                               std::chrono::duration<double>(*args.seconds))
                                 : platform::MonoTime::max();
 
-  bool writeFailed = false;
-  for (auto now = context.clock.now(); !context.stop.load() && now < end && !writeFailed;
+  platform::Result<void> written;
+  for (auto now = context.clock.now(); !context.stop.load() && now < end && written;
        now = context.clock.now()) {
     session.serviceUntil(std::min(end, now + kListenTick), context.stop);
     const std::uint64_t heard = samplesBetween(start, context.clock.now());
     if (heard > kListenLatencySamples) {
-      writeFailed = !wav.append(mixer.takeUntil(heard - kListenLatencySamples));
+      written = wav.append(mixer.takeUntil(heard - kListenLatencySamples));
     }
   }
-  if (!writeFailed) {
+  if (written) {
     // Stopped by time: exactly the length asked for. Stopped by the user: all that was heard.
     const auto last = args.seconds && !context.stop.load()
                           ? mixer.takeUntil(samplesBetween(start, end))
                           : mixer.takeAll(samplesBetween(start, context.clock.now()));
-    writeFailed = !wav.append(last);
+    written = wav.append(last);
   }
-  const bool closed = wav.close();
+  const auto closed = wav.close();
   session.leave();
-  if (writeFailed || !closed) {
-    console.print(fmt::format("❌ Can't write {}: {}", args.out, wav.error()));
+  if (!written || !closed) {
+    console.print(fmt::format("❌ Can't write {}: {}", args.out,
+                              written ? closed.error() : written.error()));
     return 1;
   }
   console.print(fmt::format("📝 Wrote {} ({:.1f} s, {} {} heard)", args.out,
@@ -165,12 +155,12 @@ int runTalk(CommandContext& context, const Arguments& args,
                               show->channelNames(*requested & ~allowed), show->channelNames(mask)));
   }
 
-  const std::size_t frames = (samples.size() + Mixer::kSlotSamples - 1) / Mixer::kSlotSamples;
+  const std::size_t frames = (samples.size() + wire::frameSamples - 1) / wire::frameSamples;
   const double total = secondsOf(samples.size());
   console.print(fmt::format("🎙️  Talking as {} on {}: {} ({:.1f} s)", session.role(),
                             show->channelNames(mask), args.in, total));
-  Pacer pacer(context.clock.now(), kFrameDuration, kTalkMaxLag);
-  std::vector<std::int16_t> frame(Mixer::kSlotSamples);
+  Pacer pacer(context.clock.now(), wire::framePeriod, kTalkMaxLag);
+  std::vector<std::int16_t> frame(wire::frameSamples);
   std::size_t sent = 0;
   for (; sent < frames; ++sent) {
     session.serviceUntil(pacer.next(context.clock.now()), context.stop);
@@ -178,15 +168,15 @@ int runTalk(CommandContext& context, const Arguments& args,
       break;
     }
     // The last frame is filled up with silence: receivers expect whole 20 ms frames.
-    const std::size_t first = sent * Mixer::kSlotSamples;
-    const std::size_t count = std::min(Mixer::kSlotSamples, samples.size() - first);
+    const std::size_t first = sent * wire::frameSamples;
+    const std::size_t count = std::min(wire::frameSamples, samples.size() - first);
     std::fill(
         std::copy_n(samples.begin() + static_cast<std::ptrdiff_t>(first), count, frame.begin()),
         frame.end(), std::int16_t{0});
     context.client.sendAudio(session.id(), mask, static_cast<std::uint16_t>(sent),
-                             littleEndian(frame));
+                             wire::sampleBytes(frame));
     if ((sent + 1) % kFramesPerProgressLine == 0 && sent + 1 < frames) {
-      const double done = secondsOf((sent + 1) * Mixer::kSlotSamples);
+      const double done = secondsOf((sent + 1) * wire::frameSamples);
       console.print(
           fmt::format("▶️  {:.1f} s of {:.1f} s ({:.0f}%)", done, total,
                       100.0 * static_cast<double>(sent + 1) / static_cast<double>(frames)));
@@ -195,7 +185,7 @@ int runTalk(CommandContext& context, const Arguments& args,
   session.leave();
   if (sent < frames) {
     console.print(fmt::format("⏹️  Stopped after {:.1f} s of {:.1f} s",
-                              secondsOf(sent * Mixer::kSlotSamples), total));
+                              secondsOf(sent * wire::frameSamples), total));
   } else {
     console.print(fmt::format("✅ Played {} ({} frames, {:.1f} s)", args.in, frames, total));
   }
@@ -205,44 +195,37 @@ int runTalk(CommandContext& context, const Arguments& args,
 std::optional<std::vector<std::int16_t>> loadTalkAudio(const std::string& path,
                                                        platform::Console& console) {
   const auto file = platform::readAudioFile(path);
-  switch (file.status) {
-    case platform::AudioReadResult::Status::ok:
-      break;
-    case platform::AudioReadResult::Status::openFailed:
-    case platform::AudioReadResult::Status::readFailed:
-      console.print(fmt::format("❌ Can't read {}: {}", path, file.error));
-      return std::nullopt;
-    case platform::AudioReadResult::Status::tooLarge:
-      console.print(fmt::format("❌ Can't read {}: too long to hold in memory", path));
-      return std::nullopt;
+  if (!file) {
+    console.print(fmt::format("❌ Can't read {}: {}", path, file.error()));
+    return std::nullopt;
   }
-  if (file.frames == 0) {
+  if (file->frames == 0) {
     console.print(fmt::format("❌ {} holds no audio", path));
     return std::nullopt;
   }
-  if (!(file.sampleRate > 0) || !std::isfinite(file.sampleRate)) {
-    console.print(fmt::format("❌ Can't read {}: sample rate {}", path, file.sampleRate));
+  if (!(file->sampleRate > 0) || !std::isfinite(file->sampleRate)) {
+    console.print(fmt::format("❌ Can't read {}: sample rate {}", path, file->sampleRate));
     return std::nullopt;
   }
   // Room for the exact share at 16 kHz plus the resampler's rounding.
   const double expected =
-      std::ceil(static_cast<double>(file.frames) * kSampleRate / file.sampleRate);
+      std::ceil(static_cast<double>(file->frames) * kSampleRate / file->sampleRate);
   if (expected > static_cast<double>(std::numeric_limits<std::uint32_t>::max())) {
     console.print(fmt::format("❌ Can't read {}: too long to hold in memory", path));
     return std::nullopt;
   }
   auto converted =
-      platform::resampleToMono16(file.samples, file.channels, file.frames, file.sampleRate,
+      platform::resampleToMono16(file->samples, file->channels, file->frames, file->sampleRate,
                                  kSampleRate, static_cast<std::size_t>(expected) + 32);
-  if (!converted.ok) {
-    console.print(fmt::format("❌ Can't convert {} to 16 kHz mono: {}", path, converted.error));
+  if (!converted) {
+    console.print(fmt::format("❌ Can't convert {} to 16 kHz mono: {}", path, converted.error()));
     return std::nullopt;
   }
-  if (converted.samples.empty()) {
+  if (converted->empty()) {
     console.print(fmt::format("❌ {} holds no audio", path));
     return std::nullopt;
   }
-  return std::move(converted.samples);
+  return std::move(*converted);
 }
 
 }  // namespace parlavox::client

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "config/Protocol.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::client {
 namespace {
@@ -14,20 +14,20 @@ using namespace std::chrono_literals;
 constexpr int kAttempts = 3;
 constexpr auto kAttemptTimeout = 1s;
 
-std::string reasonOf(const nlohmann::json& message) {
-  const auto found = message.find("reason");
-  return found != message.end() && found->is_string() ? found->get<std::string>()
-                                                      : std::string("no reason given");
+std::string reasonOf(const wire::SimpleMsg& message) {
+  return message.reason.value_or("no reason given");
 }
 
-template <typename T>
-std::optional<T> unsignedField(const nlohmann::json& message, const char* key) {
-  const auto found = message.find(key);
-  if (found == message.end() || !found->is_number_unsigned() ||
-      found->get<std::uint64_t>() > std::numeric_limits<T>::max()) {
+wire::Incoming simple(const char* type) {
+  return wire::Incoming{type, std::nullopt, std::nullopt};
+}
+
+// The server's message in a control datagram, or nothing.
+std::optional<wire::ServerMessage> controlMessage(const Datagram& datagram) {
+  if (datagram.empty() || datagram[0] != wire::kindControl) {
     return std::nullopt;
   }
-  return found->get<T>();
+  return wire::decodeServerMessage(Bytes(datagram).subspan(1));
 }
 
 }  // namespace
@@ -45,23 +45,14 @@ std::optional<Datagram> CrewSession::receiveBefore(platform::MonoTime until) {
 
 std::optional<ShowInfo> CrewSession::fetchShow() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    client_.sendControl({{"t", "hi"}});
+    client_.send(simple("hi"));
     const auto deadline = clock_.now() + kAttemptTimeout;
     while (auto datagram = receiveBefore(deadline)) {
-      if (datagram->empty() || (*datagram)[0] != protocol::kindControl) {
-        continue;
+      auto message = controlMessage(*datagram);
+      if (auto* config = message ? std::get_if<wire::ConfigMsg>(&*message) : nullptr) {
+        lastHeard_ = clock_.now();
+        return ShowInfo(std::move(*config));
       }
-      const auto message =
-          nlohmann::json::parse(datagram->begin() + 1, datagram->end(), nullptr, false);
-      if (!message.is_object() || message.value("t", "") != "config") {
-        continue;
-      }
-      lastHeard_ = clock_.now();
-      if (auto show = ShowInfo::fromConfigMessage(message)) {
-        return show;
-      }
-      console_.print(fmt::format("❌ {} sent a show description this client cannot read", where_));
-      return std::nullopt;
     }
   }
   console_.print(fmt::format("❌ No answer from {}: is parlavox running there?", where_));
@@ -99,11 +90,7 @@ bool CrewSession::join(const ShowInfo& show, const std::string& role,
 }
 
 void CrewSession::sendJoin() {
-  nlohmann::json message{{"t", "join"}, {"role", role_}};
-  if (name_) {
-    message["name"] = *name_;
-  }
-  client_.sendControl(message);
+  client_.send(wire::Incoming{"join", name_, role_});
 }
 
 void CrewSession::serviceUntil(platform::MonoTime until, const std::atomic<bool>& stop) {
@@ -124,7 +111,7 @@ void CrewSession::keepAlive(platform::MonoTime now) {
     return;
   }
   if (now >= nextPing_) {
-    client_.sendControl({{"t", "ping"}});
+    client_.send(simple("ping"));
     nextPing_ = now + kPingInterval;
   }
   if (!silenceReported_ && now - lastHeard_ > kSilenceWarning) {
@@ -143,55 +130,44 @@ void CrewSession::handle(const Datagram& datagram, platform::MonoTime arrival) {
     silenceReported_ = false;
     console_.print(fmt::format("✅ {} answers again", where_));
   }
-  if (datagram[0] == protocol::kindControl) {
-    const auto message =
-        nlohmann::json::parse(datagram.begin() + 1, datagram.end(), nullptr, false);
-    if (message.is_object()) {
-      handleControl(message);
-    }
+  if (const auto message = controlMessage(datagram)) {
+    handleControl(*message);
   } else if (auto audio = Audio::parse(datagram); audio && joined_ && onAudio_) {
     onAudio_(*audio, arrival);
   }
 }
 
-void CrewSession::handleControl(const nlohmann::json& message) {
-  const std::string type = message.value("t", "");
-  if (type == "welcome") {
-    const auto id = unsignedField<std::uint16_t>(message, "id");
-    const auto talk = unsignedField<std::uint32_t>(message, "talkMask");
-    const auto listen = unsignedField<std::uint32_t>(message, "listenMask");
-    if (!id || !talk || !listen) {
-      return;
-    }
-    id_ = *id;
-    talkMask_ = *talk;
-    listenMask_ = *listen;
-    if (const auto role = message.find("role"); role != message.end() && role->is_string()) {
-      role_ = role->get<std::string>();  // the show's own spelling
-    }
+void CrewSession::handleControl(const wire::ServerMessage& message) {
+  if (const auto* welcome = std::get_if<wire::WelcomeMsg>(&message)) {
+    id_ = welcome->id;
+    talkMask_ = welcome->talkMask;
+    listenMask_ = welcome->listenMask;
+    role_ = welcome->role;  // the show's own spelling
     joined_ = true;
     roster_.setSelf(id_);
-  } else if (type == "error") {
-    if (joined_) {
-      console_.print(fmt::format("⚠️  {} refused us: {}", where_, reasonOf(message)));
-    } else {
-      refusal_ = message;
-    }
-  } else if (type == "roster") {
-    for (const auto& line : roster_.update(message)) {
+  } else if (const auto* roster = std::get_if<wire::RosterMsg>(&message)) {
+    for (const auto& line : roster_.update(*roster)) {
       console_.print(line);
     }
-  } else if (type == "rejoin" && joined_) {
-    // The server has forgotten us (it restarted, or we were silent too long): the same join
-    // again gets us back, perhaps under another id.
-    console_.print(fmt::format("⚠️  {} had lost track of us; joining again", where_));
-    sendJoin();
+  } else if (const auto* simple = std::get_if<wire::SimpleMsg>(&message)) {
+    if (simple->t == "error") {
+      if (joined_) {
+        console_.print(fmt::format("⚠️  {} refused us: {}", where_, reasonOf(*simple)));
+      } else {
+        refusal_ = *simple;
+      }
+    } else if (simple->t == "rejoin" && joined_) {
+      // The server has forgotten us (it restarted, or we were silent too long): the same join
+      // again gets us back, perhaps under another id.
+      console_.print(fmt::format("⚠️  {} had lost track of us; joining again", where_));
+      sendJoin();
+    }
   }
 }
 
 void CrewSession::leave() {
   if (joined_) {
-    client_.sendControl({{"t", "bye"}});
+    client_.send(simple("bye"));
     joined_ = false;
   }
 }

@@ -50,7 +50,7 @@ class CrewSession {
  private:
   void sendJoin();
   void handle(const Datagram& datagram, platform::MonoTime arrival);
-  void handleControl(const nlohmann::json& message);
+  void handleControl(const wire::ServerMessage& message);
   void keepAlive(platform::MonoTime now);
   // The next datagram before `until`, or nothing; `stop` is looked at between datagrams.
   std::optional<Datagram> receiveBefore(platform::MonoTime until);
@@ -68,7 +68,7 @@ class CrewSession {
   std::uint32_t talkMask_ = 0;
   std::uint32_t listenMask_ = 0;
   bool joined_ = false;
-  std::optional<nlohmann::json> refusal_;  // an "error" reply to our join
+  std::optional<wire::SimpleMsg> refusal_;  // an "error" reply to our join
   platform::MonoTime nextPing_{};
   platform::MonoTime lastHeard_{};
   bool silenceReported_ = false;

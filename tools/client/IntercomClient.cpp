@@ -15,40 +15,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::uint16_t le16(const std::uint8_t* p) {
-  return static_cast<std::uint16_t>(p[0] | p[1] << 8);
-}
-
-std::uint32_t le32(const std::uint8_t* p) {
-  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
-         std::uint32_t{p[3]} << 24;
-}
-
 }  // namespace
 
 std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
-  if (datagram.size() < 9 || datagram[0] != 0x02) {
+  const auto header = wire::AudioHeader::read(datagram);
+  if (!header) {
     return std::nullopt;
   }
-  return Audio{le16(&datagram[1]), le32(&datagram[3]), le16(&datagram[7]),
-               std::vector<std::uint8_t>(datagram.begin() + 9, datagram.end())};
-}
-
-Datagram encodeAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
-                     std::span<const std::uint8_t> samples) {
-  const std::uint8_t header[] = {0x02,
-                                 static_cast<std::uint8_t>(senderID),
-                                 static_cast<std::uint8_t>(senderID >> 8),
-                                 static_cast<std::uint8_t>(mask),
-                                 static_cast<std::uint8_t>(mask >> 8),
-                                 static_cast<std::uint8_t>(mask >> 16),
-                                 static_cast<std::uint8_t>(mask >> 24),
-                                 static_cast<std::uint8_t>(seq),
-                                 static_cast<std::uint8_t>(seq >> 8)};
-  Datagram datagram(sizeof header + samples.size());
-  std::copy(std::begin(header), std::end(header), datagram.begin());
-  std::copy(samples.begin(), samples.end(), datagram.begin() + sizeof header);
-  return datagram;
+  Audio audio;
+  static_cast<wire::AudioHeader&>(audio) = *header;
+  audio.samples.assign(datagram.begin() + wire::AudioHeader::size, datagram.end());
+  return audio;
 }
 
 IntercomClient::IntercomClient(const std::string& host, std::uint16_t port) {
@@ -90,15 +67,16 @@ void IntercomClient::sendRaw(std::span<const std::uint8_t> datagram) {
 }
 
 void IntercomClient::sendControl(const nlohmann::json& message) {
-  const std::string text = message.dump();
-  Datagram datagram{0x01};
-  datagram.insert(datagram.end(), text.begin(), text.end());
-  sendRaw(datagram);
+  sendRaw(asBytes(wire::controlDatagram(message.dump())));
+}
+
+void IntercomClient::send(const wire::Incoming& message) {
+  sendRaw(asBytes(wire::encodeControl(message)));
 }
 
 void IntercomClient::sendAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
                                std::span<const std::uint8_t> samples) {
-  sendRaw(encodeAudio(senderID, mask, seq, samples));
+  sendRaw(wire::encodeAudio({senderID, mask, seq}, samples));
 }
 
 std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeout) {
@@ -114,21 +92,19 @@ std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeou
     if (ready < 0 && errno == EINTR) {
       continue;
     }
-    Datagram buffer(65536);
-    const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), 0);
+    const ssize_t n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
     if (n < 0) {
       if (errno == EINTR || errno == ECONNREFUSED) {
         continue;  // ICMP from an earlier send: nothing to read yet
       }
       return std::nullopt;
     }
-    buffer.resize(static_cast<std::size_t>(n));
-    return buffer;
+    return Datagram(buffer_.begin(), buffer_.begin() + n);
   }
 }
 
 void IntercomClient::keep(Datagram datagram) {
-  if (!datagram.empty() && datagram[0] == 0x01) {
+  if (!datagram.empty() && datagram[0] == wire::kindControl) {
     auto parsed = nlohmann::json::parse(datagram.begin() + 1, datagram.end(), nullptr, false);
     if (!parsed.is_discarded()) {
       controls_.push_back(std::move(parsed));
@@ -181,18 +157,14 @@ void IntercomClient::collect(std::chrono::milliseconds window) {
 }
 
 std::optional<nlohmann::json> IntercomClient::hi(std::chrono::milliseconds timeout) {
-  sendControl({{"t", "hi"}});
+  send(wire::Incoming{"hi", std::nullopt, std::nullopt});
   return nextControl(timeout);
 }
 
 std::optional<nlohmann::json> IntercomClient::join(const std::optional<std::string>& name,
                                                    const std::string& role,
                                                    std::chrono::milliseconds timeout) {
-  nlohmann::json message{{"t", "join"}, {"role", role}};
-  if (name) {
-    message["name"] = *name;
-  }
-  sendControl(message);
+  send(wire::Incoming{"join", name, role});
   return nextControl(timeout);
 }
 

@@ -9,35 +9,33 @@
 #include <string>
 #include <vector>
 
+#include "wire/Audio.h"
+#include "wire/ControlMessages.h"
+#include "wire/Protocol.h"
+
 namespace parlavox::client {
 
 using Datagram = std::vector<std::uint8_t>;
 
-// One audio datagram as received.
-struct Audio {
-  std::uint16_t senderID = 0;
-  std::uint32_t mask = 0;
-  std::uint16_t seq = 0;
+// One audio datagram as received: its header and its samples' bytes.
+struct Audio : wire::AudioHeader {
   std::vector<std::uint8_t> samples;
   static std::optional<Audio> parse(std::span<const std::uint8_t> datagram);
 };
-
-// Any thread. An audio datagram: kind 0x02, then sender, mask and sequence number little-endian,
-// then the samples as given.
-Datagram encodeAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
-                     std::span<const std::uint8_t> samples);
 
 // A crew client over a real UDP socket: what a crew device does, for tests and for the
 // parlavox-client tool. Not thread-safe; one user at a time.
 class IntercomClient {
  public:
   // Resolves `host` (name or address) and connects a UDP socket to it. Throws std::system_error.
-  explicit IntercomClient(const std::string& host, std::uint16_t port = 50505);
+  explicit IntercomClient(const std::string& host, std::uint16_t port = wire::intercomPort);
   ~IntercomClient();
   IntercomClient(const IntercomClient&) = delete;
   IntercomClient& operator=(const IntercomClient&) = delete;
 
   void sendRaw(std::span<const std::uint8_t> datagram);
+  void send(const wire::Incoming& message);
+  // Any JSON, a well-formed message or not: the tests' way to say what a client might.
   void sendControl(const nlohmann::json& message);
   void sendAudio(std::uint16_t senderID, std::uint32_t mask, std::uint16_t seq,
                  std::span<const std::uint8_t> samples);
@@ -69,6 +67,7 @@ class IntercomClient {
   std::optional<Item> takeNext(std::deque<Item>& queue, std::chrono::milliseconds timeout);
 
   int fd_ = -1;
+  Datagram buffer_ = Datagram(wire::maxDatagram + 1);
   std::deque<nlohmann::json> controls_;
   std::deque<Audio> audio_;
 };

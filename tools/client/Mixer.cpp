@@ -18,15 +18,6 @@ std::uint64_t distance(std::uint64_t a, std::uint64_t b) {
 
 }  // namespace
 
-std::vector<std::int16_t> Mixer::decode(std::span<const std::uint8_t> bytes) {
-  std::vector<std::int16_t> samples(bytes.size() / 2);
-  for (std::size_t i = 0; i < samples.size(); ++i) {
-    samples[i] =
-        static_cast<std::int16_t>(static_cast<std::uint16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8));
-  }
-  return samples;
-}
-
 std::uint64_t Mixer::place(std::uint16_t senderID, std::uint16_t seq, std::uint64_t arrival,
                            std::size_t length, bool& repeated) {
   repeated = false;

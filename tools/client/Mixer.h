@@ -7,6 +7,8 @@
 #include <span>
 #include <vector>
 
+#include "wire/Audio.h"
+
 namespace parlavox::client {
 
 // Mixes what a listener hears into one 16 kHz mono track.
@@ -20,14 +22,11 @@ namespace parlavox::client {
 // talker and a quiet one mix without the quiet one being clipped twice.
 class Mixer {
  public:
-  static constexpr std::size_t kSlotSamples = 320;  // 20 ms at 16 kHz
+  static constexpr std::size_t kSlotSamples = wire::frameSamples;
   // How far, in samples, sequence-based placement may stray from arrival before it is given up.
   static constexpr std::uint64_t kMaxDrift = 10 * kSlotSamples;
   // The largest jump of sequence numbers still counted as the same stretch of speech.
   static constexpr int kMaxSeqGap = 50;
-
-  // Any thread. Little-endian 16-bit samples as values; an odd last byte is dropped.
-  static std::vector<std::int16_t> decode(std::span<const std::uint8_t> bytes);
 
   // The owner's thread. Mixes in a frame from `senderID` with sequence number `seq` that arrived
   // `arrival` samples after the start. The part of it that would land before what was already

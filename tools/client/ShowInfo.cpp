@@ -12,20 +12,6 @@ namespace {
 
 constexpr std::size_t kMaskBits = 32;
 
-std::optional<std::vector<std::string>> stringList(const nlohmann::json& value) {
-  if (!value.is_array()) {
-    return std::nullopt;
-  }
-  std::vector<std::string> out;
-  for (const auto& item : value) {
-    if (!item.is_string()) {
-      return std::nullopt;
-    }
-    out.push_back(item.get<std::string>());
-  }
-  return out;
-}
-
 std::string joined(const std::vector<std::string>& names) {
   return names.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "));
 }
@@ -40,31 +26,6 @@ std::string_view trimmed(std::string_view text) {
 }
 
 }  // namespace
-
-std::optional<ShowInfo> ShowInfo::fromConfigMessage(const nlohmann::json& message) {
-  if (!message.is_object() || message.value("t", "") != "config" || !message.contains("channels") ||
-      !message.contains("roles") || !message["roles"].is_array()) {
-    return std::nullopt;
-  }
-  auto channels = stringList(message["channels"]);
-  if (!channels) {
-    return std::nullopt;
-  }
-  ShowInfo show;
-  show.channels_ = std::move(*channels);
-  for (const auto& role : message["roles"]) {
-    if (!role.is_object() || !role.contains("name") || !role["name"].is_string()) {
-      return std::nullopt;
-    }
-    auto talk = stringList(role.value("talk", nlohmann::json::array()));
-    auto listen = stringList(role.value("listen", nlohmann::json::array()));
-    if (!talk || !listen) {
-      return std::nullopt;
-    }
-    show.roles_.push_back({role["name"].get<std::string>(), std::move(*talk), std::move(*listen)});
-  }
-  return show;
-}
 
 const Role* ShowInfo::findRole(std::string_view name) const {
   for (const auto& role : roles_) {

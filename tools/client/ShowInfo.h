@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,14 +8,16 @@
 #include <vector>
 
 #include "config/Config.h"
+#include "wire/ControlMessages.h"
 
 namespace parlavox::client {
 
 // The show as the server describes it in its "config" reply: channels in mask-bit order, roles.
 class ShowInfo {
  public:
-  // Any thread. The show from a "config" message, or nothing when the message is not one.
-  static std::optional<ShowInfo> fromConfigMessage(const nlohmann::json& message);
+  // Any thread. The show of a "config" message.
+  explicit ShowInfo(wire::ConfigMsg message)
+      : channels_(std::move(message.channels)), roles_(std::move(message.roles)) {}
 
   const std::vector<std::string>& channels() const { return channels_; }
   const std::vector<Role>& roles() const { return roles_; }

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "client/Arguments.h"
+#include "client/AvahiBrowser.h"
 #include "client/Commands.h"
 #include "client/IntercomClient.h"
-#include "config/Protocol.h"
-#include "platform/AvahiBrowser.h"
+#include "wire/Protocol.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
 
@@ -25,7 +25,6 @@ using namespace std::chrono_literals;
 using parlavox::client::Arguments;
 
 constexpr auto kDiscoveryTimeout = 3s;
-constexpr const char* kServiceType = "_intercom._udp";
 
 std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
@@ -47,42 +46,25 @@ void catchStopSignals() {
 
 struct Server {
   std::string address;
-  std::uint16_t port = parlavox::protocol::intercomPort;
+  std::uint16_t port = parlavox::wire::intercomPort;
   std::string where;  // for console lines
 };
 
 std::optional<Server> findServer(const Arguments& args, parlavox::platform::Console& console) {
   if (args.host) {
-    return Server{*args.host, parlavox::protocol::intercomPort, *args.host};
+    return Server{*args.host, parlavox::wire::intercomPort, *args.host};
   }
-  using Status = parlavox::platform::BrowseResult::Status;
-  const auto result = parlavox::platform::AvahiBrowser::findFirst(kServiceType, kDiscoveryTimeout);
-  switch (result.status) {
-    case Status::found: {
-      const auto& service = result.service;
-      console.print(fmt::format("🔎 Found \"{}\" at {} ({}), port {}", service.name, service.host,
-                                service.address, service.port));
-      return Server{service.address, service.port, fmt::format("\"{}\"", service.name)};
-    }
-    case Status::noneFound:
-      console.print(fmt::format(
-          "❌ No server found: nothing on this network advertises {} (give the server's address: "
-          "parlavox-client HOST ...)",
-          kServiceType));
-      break;
-    case Status::noDaemon:
-      console.print(
-          "❌ No server found: there is no Avahi daemon to ask (give the server's address: "
-          "parlavox-client HOST ...)");
-      break;
-    case Status::failed:
-      console.print(
-          fmt::format("❌ No server found: DNS-SD browsing failed ({}) (give the server's address: "
-                      "parlavox-client HOST ...)",
-                      result.error));
-      break;
+  const auto service =
+      parlavox::client::AvahiBrowser::findFirst(parlavox::wire::serviceType, kDiscoveryTimeout);
+  if (!service) {
+    console.print(fmt::format(
+        "❌ No server found: {} (give the server's address: parlavox-client HOST ...)",
+        service.error()));
+    return std::nullopt;
   }
-  return std::nullopt;
+  console.print(fmt::format("🔎 Found \"{}\" at {} ({}), port {}", service->name, service->host,
+                            service->address, service->port));
+  return Server{service->address, service->port, fmt::format("\"{}\"", service->name)};
 }
 
 int run(int argc, char** argv) {

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/Bytes.h"
+
+namespace parlavox {
+
+// Turns text into speech for the crew, as 640-byte frames of network audio handed over at the
+// pace they play. One announcement at a time, in the order asked.
+class Speaker {
+ public:
+  using FrameHandler = std::function<void(Bytes frame)>;
+  virtual ~Speaker() = default;
+  // Any thread. Queues one announcement and returns at once; `onFrame` is called with each frame
+  // on the speaker's own thread, never on the caller's.
+  virtual void speak(std::string text, FrameHandler onFrame) = 0;
+};
+
+}  // namespace parlavox

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/Bytes.h"
+
+namespace parlavox::platform {
+
+class Transport;
+
+// Where a peer is: its transport, its host (an IPv6 address; IPv4 hosts mapped into it) and what
+// tells it apart from other peers on that host (a UDP source port and IPv6 scope; a WebSocket
+// session's number). The logic above the transports only compares and hashes it.
+struct PeerAddress {
+  Transport* transport = nullptr;
+  std::array<std::uint8_t, 16> host{};
+  std::uint64_t slot = 0;
+  bool operator==(const PeerAddress&) const = default;
+};
+
+struct PeerAddressHash {
+  std::size_t operator()(const PeerAddress& address) const noexcept;
+};
+
+// A way to reach peers: the intercom's UDP port, or any other carrier of the same datagrams.
+// Whatever the carrier, a peer is a peer: the relay serves them all alike.
+class Transport {
+ public:
+  // The side that serves a transport's peers (the relay). Called on the loop thread.
+  class Peers {
+   public:
+    // A datagram from `from`, the first one included: a new address is a new peer.
+    virtual void deliver(const PeerAddress& from, Bytes datagram) = 0;
+    // `peer` is gone (its connection closed or failed). Never reported after end(peer).
+    virtual void ended(const PeerAddress& peer) = 0;
+
+   protected:
+    ~Peers() = default;
+  };
+
+  virtual ~Transport() = default;
+  // Loop thread. Sends `head` followed by `body` to `to` as one datagram. The bytes are copied
+  // before the call returns. Fire and forget: a full buffer or an unreachable peer is never
+  // reported and never disturbs the others.
+  virtual void send(const PeerAddress& to, Bytes head, Bytes body = {}) = 0;
+  // Loop thread. The relay has let `peer` go: nothing more of it is reported. A datagram from the
+  // same address later is a new peer.
+  virtual void end(const PeerAddress& peer) = 0;
+};
+
+}  // namespace parlavox::platform

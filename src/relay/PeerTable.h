@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "config/Show.h"
+#include "relay/Peer.h"
+
+namespace parlavox {
+
+// Every client the intercom knows, joined or not: the one place a client's state lives. It keeps
+// the rules that hold among peers itself: one peer per address, names of at most 24 characters,
+// ids unique among the joined and never 0 or the announcer's, and the joined peers in ascending
+// order of id for the fan-outs and the roster. Loop thread only; it prints and sends nothing.
+class PeerTable {
+ public:
+  static constexpr std::size_t kNameLimit = 24;  // user-perceived characters
+
+  // The peer at `from`, a new unjoined one if there is none. A datagram that says anything
+  // (`keepsAlive`) refreshes its lastSeen.
+  const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, bool keepsAlive);
+
+  // The peer at `address`, or nothing.
+  const Peer* find(const platform::PeerAddress& address) const;
+
+  // Joins the peer at `address` as `role` under `name` (cut to kNameLimit characters), or joins it
+  // again: a first join takes the next free id, a later one keeps it. False, the peer unchanged,
+  // when every id is taken.
+  bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role);
+
+  // Takes the peer at `address` out of the table: what it was, or nothing if it was not there.
+  std::optional<Peer> remove(const platform::PeerAddress& address);
+
+  // The peers silent since before `cutoff`, in the table's own order.
+  std::vector<platform::PeerAddress> silentSince(platform::MonoTime cutoff) const;
+
+  // Every joined peer, in ascending order of id.
+  std::span<const Listener> listeners() const { return listeners_; }
+  // The "roster" datagram of the joined peers, encoded once per change; empty with nobody joined.
+  const std::string& rosterDatagram() const { return roster_; }
+
+ private:
+  void joinedChanged();
+
+  std::unordered_map<platform::PeerAddress, Peer, platform::PeerAddressHash> peers_;
+  std::vector<Listener> listeners_;
+  std::string roster_;
+  std::uint16_t nextID_ = 1;
+};
+
+// Any thread; pure. The id for a peer's first join: the first id from `nextID` upward (wrapping)
+// that no joined peer holds, never 0 (no id) and never 0xFFFF (the announcer's). Advances
+// `nextID` past it. Nothing when every id is held; at most one pass over the id space.
+std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const Listener> joined);
+
+}  // namespace parlavox

@@ -1,0 +1,264 @@
+#include "wire/ControlMessages.h"
+
+#include <exception>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "config/JsonScan.h"
+#include "wire/Protocol.h"
+
+namespace parlavox::wire {
+namespace {
+
+using Json = nlohmann::json;
+using OrderedJson = nlohmann::ordered_json;
+
+// A control message is one flat object (a "config" three levels deep); 32 levels leave room for
+// any extra keys a sender adds.
+constexpr std::size_t maxNesting = 32;
+
+// Encoding throws only for strings that are not valid UTF-8 (type_error 316) or when memory runs
+// out; either way the caller gets nothing to send.
+template <typename Build>
+std::string datagram(Build&& build) {
+  try {
+    return controlDatagram(std::forward<Build>(build)().dump());
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+OrderedJson roleJson(const Role& role) {
+  OrderedJson json = OrderedJson::object();
+  json["name"] = role.name;
+  json["talk"] = role.talk;
+  json["listen"] = role.listen;
+  return json;
+}
+
+// The parsed object of a payload, or a discarded value.
+Json parseObject(Bytes payload) {
+  const std::string_view text(reinterpret_cast<const char*>(payload.data()), payload.size());
+  if (scanJson(text, maxNesting)) {
+    return Json(Json::value_t::discarded);
+  }
+  // Without exceptions: malformed text (invalid UTF-8 included) yields a discarded value.
+  Json document = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  return document.is_object() ? document : Json(Json::value_t::discarded);
+}
+
+// Members: an absent (or, where optional, null) member and one of the wrong type are told apart,
+// since a wrong type refuses the whole message.
+bool readString(const Json& object, const char* key, std::string& out) {
+  const auto it = object.find(key);
+  if (it == object.end() || !it->is_string()) {
+    return false;
+  }
+  out = it->get_ref<const std::string&>();
+  return true;
+}
+
+bool readOptionalString(const Json& object, const char* key, std::optional<std::string>& out) {
+  const auto it = object.find(key);
+  if (it == object.end() || it->is_null()) {
+    return true;
+  }
+  if (!it->is_string()) {
+    return false;
+  }
+  out = it->get_ref<const std::string&>();
+  return true;
+}
+
+template <typename Unsigned>
+bool readUnsigned(const Json& object, const char* key, Unsigned& out) {
+  const auto it = object.find(key);
+  if (it == object.end() || !it->is_number_unsigned() ||
+      it->get<std::uint64_t>() > std::numeric_limits<Unsigned>::max()) {
+    return false;
+  }
+  out = static_cast<Unsigned>(it->get<std::uint64_t>());
+  return true;
+}
+
+bool readStrings(const Json& object, const char* key, std::vector<std::string>& out) {
+  const auto it = object.find(key);
+  if (it == object.end() || !it->is_array()) {
+    return false;
+  }
+  for (const Json& item : *it) {
+    if (!item.is_string()) {
+      return false;
+    }
+    out.push_back(item.get_ref<const std::string&>());
+  }
+  return true;
+}
+
+std::optional<ConfigMsg> readConfig(const Json& object) {
+  ConfigMsg message;
+  const auto roles = object.find("roles");
+  if (!readStrings(object, "channels", message.channels) || roles == object.end() ||
+      !roles->is_array()) {
+    return std::nullopt;
+  }
+  for (const Json& entry : *roles) {
+    Role role;
+    if (!entry.is_object() || !readString(entry, "name", role.name) ||
+        !readStrings(entry, "talk", role.talk) || !readStrings(entry, "listen", role.listen)) {
+      return std::nullopt;
+    }
+    message.roles.push_back(std::move(role));
+  }
+  return message;
+}
+
+std::optional<WelcomeMsg> readWelcome(const Json& object) {
+  WelcomeMsg message;
+  if (!readUnsigned(object, "id", message.id) || !readString(object, "role", message.role) ||
+      !readUnsigned(object, "talkMask", message.talkMask) ||
+      !readUnsigned(object, "listenMask", message.listenMask)) {
+    return std::nullopt;
+  }
+  return message;
+}
+
+std::optional<RosterMsg> readRoster(const Json& object) {
+  RosterMsg message;
+  const auto users = object.find("users");
+  if (users == object.end() || !users->is_array()) {
+    return std::nullopt;
+  }
+  for (const Json& entry : *users) {
+    RosterUser user;
+    if (!entry.is_object() || !readUnsigned(entry, "id", user.id) ||
+        !readString(entry, "name", user.name) || !readString(entry, "role", user.role)) {
+      return std::nullopt;
+    }
+    message.users.push_back(std::move(user));
+  }
+  return message;
+}
+
+}  // namespace
+
+std::string controlDatagram(std::string_view json) {
+  std::string out;
+  out.reserve(1 + json.size());
+  out.push_back(static_cast<char>(kindControl));
+  out.append(json);
+  return out;
+}
+
+std::string encodeControl(const Incoming& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = message.t;
+    if (message.name) {
+      json["name"] = *message.name;
+    }
+    if (message.role) {
+      json["role"] = *message.role;
+    }
+    return json;
+  });
+}
+
+std::string encodeControl(const ConfigMsg& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = "config";
+    json["channels"] = message.channels;
+    json["roles"] = OrderedJson::array();
+    for (const Role& role : message.roles) {
+      json["roles"].push_back(roleJson(role));
+    }
+    return json;
+  });
+}
+
+std::string encodeControl(const WelcomeMsg& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = "welcome";
+    json["id"] = message.id;
+    json["role"] = message.role;
+    json["talkMask"] = message.talkMask;
+    json["listenMask"] = message.listenMask;
+    return json;
+  });
+}
+
+std::string encodeControl(const SimpleMsg& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = message.t;
+    if (message.reason) {
+      json["reason"] = *message.reason;
+    }
+    return json;
+  });
+}
+
+std::string encodeControl(const RosterMsg& message) {
+  return datagram([&] {
+    OrderedJson users = OrderedJson::array();
+    for (const RosterUser& user : message.users) {
+      OrderedJson entry = OrderedJson::object();
+      entry["id"] = user.id;
+      entry["name"] = user.name;
+      entry["role"] = user.role;
+      users.push_back(std::move(entry));
+    }
+    OrderedJson json = OrderedJson::object();
+    json["t"] = "roster";
+    json["users"] = std::move(users);
+    return json;
+  });
+}
+
+// Duplicate keys: the last occurrence wins, as nlohmann's parser keeps it; {"t":"hi","t":5} is
+// therefore refused for its non-string "t".
+std::optional<Incoming> decodeIncoming(Bytes payload) {
+  try {
+    const Json object = parseObject(payload);
+    Incoming message;
+    if (object.is_discarded() || !readString(object, "t", message.t) ||
+        !readOptionalString(object, "name", message.name) ||
+        !readOptionalString(object, "role", message.role)) {
+      return std::nullopt;
+    }
+    return message;
+  } catch (const std::exception&) {
+    return std::nullopt;  // out of memory: drop the datagram like any other bad one
+  }
+}
+
+std::optional<ServerMessage> decodeServerMessage(Bytes payload) {
+  try {
+    const Json object = parseObject(payload);
+    std::string type;
+    if (object.is_discarded() || !readString(object, "t", type)) {
+      return std::nullopt;
+    }
+    if (type == "config") {
+      return readConfig(object);
+    }
+    if (type == "welcome") {
+      return readWelcome(object);
+    }
+    if (type == "roster") {
+      return readRoster(object);
+    }
+    SimpleMsg message{std::move(type), std::nullopt};
+    if (!readOptionalString(object, "reason", message.reason)) {
+      return std::nullopt;
+    }
+    return message;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace parlavox::wire

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstdint>
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "platform/Advertiser.h"
+#include "platform/Network.h"
+
+namespace parlavox::test {
+
+using Datagram = std::vector<std::uint8_t>;
+
+// The intercom's port, played by the test: clients are numbers, deliver() is a datagram from one,
+// and `sent` holds what the server sent to each.
+class FakePeerListener final : public platform::PeerListener {
+ public:
+  void start(Peers& peers, Handlers handlers) override {
+    peers_ = &peers;
+    handlers_ = std::move(handlers);
+  }
+  void send(const platform::PeerAddress& to, Bytes head, Bytes body) override {
+    Datagram datagram(head.begin(), head.end());
+    datagram.insert(datagram.end(), body.begin(), body.end());
+    sent[to.slot].push_back(std::move(datagram));
+  }
+  void end(const platform::PeerAddress& peer) override { ended.push_back(peer.slot); }
+
+  platform::PeerAddress address(std::uint64_t client) { return {this, {}, client}; }
+  void deliver(std::uint64_t client, const Datagram& datagram) {
+    peers_->deliver(address(client), datagram);
+  }
+  void close(std::uint64_t client) { peers_->ended(address(client)); }
+  void ready() { handlers_.onReady(); }
+  void fail(std::string_view error) { handlers_.onFailed(error); }
+
+  std::map<std::uint64_t, std::vector<Datagram>> sent;
+  std::vector<std::uint64_t> ended;
+
+ private:
+  Peers* peers_ = nullptr;
+  Handlers handlers_;
+};
+
+// A receive-only port driven by the test.
+class FakeDatagramReceiver final : public platform::DatagramReceiver {
+ public:
+  void start(Handlers handlers) override { handlers_ = std::move(handlers); }
+  void deliver(const Datagram& datagram) { handlers_.onDatagram(datagram); }
+  void fail(std::string_view error) { handlers_.onFailed(error); }
+
+ private:
+  Handlers handlers_;
+};
+
+// Hands out the fakes above and remembers the ports asked for; a port listed in `busy` fails to
+// bind the way a port held by another process does.
+class FakeNetwork final : public platform::Network {
+ public:
+  std::unique_ptr<platform::PeerListener> listenPeers(std::uint16_t port) override {
+    refuseIfBusy(port);
+    auto listener = std::make_unique<FakePeerListener>();
+    peers = listener.get();
+    return listener;
+  }
+  std::unique_ptr<platform::DatagramReceiver> listenDatagrams(std::uint16_t port) override {
+    refuseIfBusy(port);
+    auto receiver = std::make_unique<FakeDatagramReceiver>();
+    datagrams = receiver.get();
+    return receiver;
+  }
+
+  std::vector<std::uint16_t> busy;
+  std::vector<std::uint16_t> ports;
+  FakePeerListener* peers = nullptr;          // owned by whoever asked for it
+  FakeDatagramReceiver* datagrams = nullptr;  // likewise
+
+ private:
+  void refuseIfBusy(std::uint16_t port) {
+    ports.push_back(port);
+    if (std::find(busy.begin(), busy.end(), port) != busy.end()) {
+      throw std::system_error(std::make_error_code(std::errc::address_in_use));
+    }
+  }
+};
+
+class FakeAdvertiser final : public platform::Advertiser {
+ public:
+  void advertise(const std::string& name, const std::string& type, std::uint16_t port) override {
+    advertised.push_back(name + " " + type + " " + std::to_string(port));
+  }
+  std::vector<std::string> advertised;
+};
+
+}  // namespace parlavox::test

@@ -1,0 +1,51 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/Process.h"
+#include "support/TempDir.h"
+
+namespace parlavox::platform {
+namespace {
+
+TEST(RunProcess, GivesTheExitStatusOrWhyTheProgramCouldNotStart) {
+  for (const auto& [script, status] :
+       {std::pair{"exit 0", 0}, {"exit 255", 255}, {"kill -KILL $$", 128 + 9}}) {
+    const auto result = runProcess({"/bin/sh", "-c", script});
+    ASSERT_TRUE(result) << script << ": " << result.error();
+    EXPECT_EQ(*result, status) << script;
+  }
+  test::TempDir dir;
+  test::writeFile(dir / "plain", "#!/bin/sh\n");
+  for (const auto& [path, error] :
+       {std::pair<std::string, int>{dir / "missing", ENOENT}, {dir / "plain", EACCES},
+        {"sh", ENOENT} /* no PATH search */}) {
+    const auto result = runProcess({path, "-o", "x"});
+    EXPECT_FALSE(result) << path;
+    EXPECT_EQ(result.error(), std::strerror(error)) << path;
+  }
+}
+
+// This process keeps standard error silent, so whatever a child says there goes to standard output.
+TEST(RunProcess, SendsTheChildsErrorOutputToOurStandardOutput) {
+  test::TempDir dir;
+  const std::string captured = dir / "out";
+  std::fflush(stdout);
+  const int saved = ::dup(STDOUT_FILENO);
+  const int file = ::open(captured.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ASSERT_GE(file, 0);
+  ::dup2(file, STDOUT_FILENO);
+  ::close(file);
+  const auto result = runProcess({"/bin/sh", "-c", "echo to-out; echo to-err >&2"});
+  ::dup2(saved, STDOUT_FILENO);
+  ::close(saved);
+  EXPECT_TRUE(result);
+  EXPECT_EQ(test::readFile(captured), "to-out\nto-err\n");
+}
+
+}  // namespace
+}  // namespace parlavox::platform

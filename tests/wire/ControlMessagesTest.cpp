@@ -1,0 +1,134 @@
+// The control messages both ways, byte for byte where the server writes them.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "wire/ControlMessages.h"
+
+namespace parlavox::wire {
+namespace {
+
+std::string nested(std::string_view open, std::size_t depth) {
+  std::string out;
+  for (std::size_t i = 0; i < depth; ++i) {
+    out += open;
+  }
+  return out;
+}
+
+Incoming in(std::string t, std::optional<std::string> name = std::nullopt,
+            std::optional<std::string> role = std::nullopt) {
+  return Incoming{std::move(t), std::move(name), std::move(role)};
+}
+
+TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
+  const std::string longName(65000, 'a');
+  struct Case {
+    const char* label;
+    std::string bytes;
+    std::optional<Incoming> expected;
+  };
+  const Case cases[] = {
+      {"hi", R"({"t":"hi"})", in("hi")},
+      {"join", R"({"t":"join","name":"Ana","role":"Lighting"})", in("join", "Ana", "Lighting")},
+      {"nullNameAndRole", R"({"t":"join","name":null,"role":null})", in("join")},
+      {"emptyStrings", R"({"t":"","name":"","role":""})", in("", "", "")},
+      {"unknownTypeStillDecodes", R"({"t":"HI"})", in("HI")},
+      {"extraKeysIgnored",
+       R"({"t":"join","role":"Lighting","x":[1,{"y":null}],"name":"B","z":true})",
+       in("join", "B", "Lighting")},
+      {"escapesAndUnicode",
+       R"({"t":"join","name":"R\u00e9gie \"1\"\/\ud83d\udc4d","role":"Son/Vid\u00e9o"})",
+       in("join", "R\u00e9gie \"1\"/\U0001F44D", "Son/Vid\u00e9o")},
+      {"bracketsInsideStringsAreText", R"({"t":"hi","name":"\")" + nested("[{", 5000) + R"("})",
+       in("hi", "\"" + nested("[{", 5000))},
+      {"moderateNestingInExtraKey", R"({"t":"hi","x":)" + nested("[", 20) + nested("]", 20) + "}",
+       in("hi")},
+      {"lastDuplicateWins", R"({"t":5,"t":"ping"})", in("ping")},
+      {"lastDuplicateWinsBadType", R"({"t":"ping","t":5})", std::nullopt},
+      {"largeValidPayload", R"({"t":"join","name":")" + longName + R"("})", in("join", longName)},
+      {"tMissing", R"({"name":"Ana"})", std::nullopt},
+      {"tNumber", R"({"t":1})", std::nullopt},
+      {"nameNumber", R"({"t":"join","name":5,"role":"Sound"})", std::nullopt},
+      {"roleArray", R"({"t":"join","role":["Sound"]})", std::nullopt},
+      {"empty", "", std::nullopt},
+      {"array", R"([{"t":"hi"}])", std::nullopt},
+      {"truncated", R"({"t":"hi")", std::nullopt},
+      {"comment", R"({"t":"hi"/* x */})", std::nullopt},
+      {"trailingGarbage", R"({"t":"hi"}x)", std::nullopt},
+      {"trailingNul", std::string(R"({"t":"hi"})") + '\0', std::nullopt},
+      {"invalidUtf8InString", "{\"t\":\"hi\",\"name\":\"\xff\"}", std::nullopt},
+      {"overlongSolidus", "{\"t\":\"\xc0\xaf\"}", std::nullopt},
+      {"encodedSurrogate", "{\"t\":\"\xed\xa0\x80\"}", std::nullopt},
+      {"escapedLoneSurrogate", R"({"t":"\ud800"})", std::nullopt},
+      {"rawControlCharacter", "{\"t\":\"h\ni\"}", std::nullopt},
+      {"deepArrays", nested("[", 100000), std::nullopt},
+      {"deepUnderValidMessage",
+       R"({"t":"hi","x":)" + nested("[", 100000) + nested("]", 100000) + "}", std::nullopt},
+      {"datagramOfGarbage", std::string(65507, '\xff'), std::nullopt},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(decodeIncoming(asBytes(c.bytes)), c.expected) << c.label;
+  }
+}
+
+TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
+  const auto control = [](std::string_view json) { return "\x01" + std::string(json); };
+  const std::pair<std::string, std::string> cases[] = {
+      {encodeControl(SimpleMsg{"pong", std::nullopt}), control(R"({"t":"pong"})")},
+      {encodeControl(SimpleMsg{"error", "That role no longer exists. Pick another."}),
+       control(R"({"t":"error","reason":"That role no longer exists. Pick another."})")},
+      {encodeControl(WelcomeMsg{65535, "Director (listen only)", 0, 0xFFFFFFFF}),
+       control(R"json({"t":"welcome","id":65535,"role":"Director (listen only)",)json"
+               R"("talkMask":0,"listenMask":4294967295})")},
+      {encodeControl(RosterMsg{{{1, "Ana", "Lighting"}, {2, "R\u00e9gie \"B\"/\U0001F3AD", "S"}}}),
+       control(R"({"t":"roster","users":[{"id":1,"name":"Ana","role":"Lighting"},)"
+               R"({"id":2,"name":"R)"
+               "\u00e9gie \\\"B\\\"/\U0001F3AD"
+               R"(","role":"S"}]})")},
+      {encodeControl(RosterMsg{}), control(R"({"t":"roster","users":[]})")},
+      {encodeControl(ConfigMsg{{"Main", "Green Room"}, {{"Director", {}, {"Main"}}}}),
+       control(R"({"t":"config","channels":["Main","Green Room"],"roles":[)"
+               R"({"name":"Director","talk":[],"listen":["Main"]}]})")},
+      {encodeControl(Incoming{"join", std::nullopt, "Sound"}),
+       control(R"({"t":"join","role":"Sound"})")},
+      // Text that is not valid UTF-8 gives nothing to send.
+      {encodeControl(SimpleMsg{"error", "\xff"}), ""},
+      {encodeControl(RosterMsg{{{1, "ok", "ok"}, {2, "\xe2\x82", "ok"}}}), ""},
+      {encodeControl(ConfigMsg{{"Main"}, {{"R", {"Main"}, {"\xed\xa0\x80"}}}}), ""},
+  };
+  for (const auto& [encoded, expected] : cases) {
+    EXPECT_EQ(encoded, expected);
+  }
+}
+
+TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused) {
+  const ServerMessage messages[] = {
+      ConfigMsg{{"Main", "Tech"}, {{"R\u00e9gie", {"Main"}, {}}}},
+      WelcomeMsg{9, "Sound", 3, 0xFFFFFFFF},
+      SimpleMsg{"rejoin", std::nullopt},
+      SimpleMsg{"error", "The intercom is full."},
+      RosterMsg{{{9, "\U0001F468\u200D\U0001F469\u200D\U0001F467", "Sound"}}},
+  };
+  for (const auto& message : messages) {
+    const std::string datagram = std::visit([](const auto& m) { return encodeControl(m); }, message);
+    EXPECT_EQ(decodeServerMessage(asBytes(datagram).subspan(1)), message) << datagram;
+  }
+  for (const char* text : {
+           R"({"t":"config","roles":[]})",
+           R"({"t":"config","channels":["Main",3],"roles":[]})",
+           R"({"t":"config","channels":[],"roles":[{"name":"A","talk":"Main","listen":[]}]})",
+           R"({"t":"welcome","id":70000,"role":"R","talkMask":1,"listenMask":1})",
+           R"({"t":"welcome","id":1,"role":"R","talkMask":-1,"listenMask":1})",
+           R"({"t":"roster","users":{}})",
+           R"({"t":"roster","users":[{"id":"1","name":"A","role":"R"}]})",
+           R"({"t":"roster","users":[{"id":1,"role":"R"}]})",
+           R"({"t":"error","reason":5})",
+           R"({"type":"pong"})",
+       }) {
+    EXPECT_EQ(decodeServerMessage(asBytes(text)), std::nullopt) << text;
+  }
+}
+
+}  // namespace
+}  // namespace parlavox::wire
