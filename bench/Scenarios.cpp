@@ -11,8 +11,8 @@
 
 #include "ProcessUsage.h"
 #include "Wire.h"
-#include "wire/OSCMessage.h"
 #include "support/ChildProcess.h"
+#include "wire/OSCMessage.h"
 
 namespace parlavox::bench {
 namespace {

@@ -12,8 +12,9 @@
 
 namespace parlavox::bench {
 
-// The bench's own use of the wire format. What the load generator writes into the samples of every audio datagram it sends, so that each
-// copy a client receives says who sent it, which run it belongs to and when it was meant to leave.
+// The bench's own use of the wire format. What the load generator writes into the samples of every
+// audio datagram it sends, so that each copy a client receives says who sent it, which run it
+// belongs to and when it was meant to leave.
 struct Probe {
   std::uint32_t run = 0;
   std::uint16_t talker = 0;
@@ -26,7 +27,8 @@ struct Probe {
 inline constexpr std::size_t kDatagramSize = wire::AudioHeader::size + wire::frameBytes;
 inline constexpr std::uint32_t kProbeMagic = 0x42585650;  // "PVXB"
 
-// Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): sender id 0, `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
+// Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): sender id 0,
+// `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
 void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Probe& probe);
 // Rewrites only what changes from one send to the next: seq and the two times.
 void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,

@@ -10,9 +10,9 @@
 // The name and signature are libFuzzer's.
 extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
     const std::uint8_t* data, std::size_t size) {
-  using parlavox::wire::OSCMessage;
   using parlavox::fuzz::isValidUtf8;
   using parlavox::fuzz::require;
+  using parlavox::wire::OSCMessage;
 
   const parlavox::Bytes datagram(data, size);
   const auto message = OSCMessage::parse(datagram);

@@ -49,17 +49,17 @@ void Announcements::handleOSC(const wire::OSCMessage& message) {
   }
   console_.print(fmt::format("📣 Announcing: \"{}\"", message.text));
   // Runs on the speaker's thread: it touches nothing here, only hands the frame to the loop.
-  speaker_.speak(message.text, [weak = weak_from_this(), loop = &loop_,
-                                mask = target.mask](Bytes frame) {
-    if (weak.expired()) {
-      return;
-    }
-    loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
-      if (auto self = weak.lock()) {
-        self->broadcastAnnouncement(copy, mask);
-      }
-    });
-  });
+  speaker_.speak(
+      message.text, [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
+        if (weak.expired()) {
+          return;
+        }
+        loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+          if (auto self = weak.lock()) {
+            self->broadcastAnnouncement(copy, mask);
+          }
+        });
+      });
 }
 
 void Announcements::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {

@@ -47,13 +47,15 @@ struct Announcer::Impl {
 
     const auto audio = platform::readAudioFile(speech.path());
     if (!audio) {
-      console.print(fmt::format("⚠️  Announcer couldn't read synthesized audio: {}", audio.error()));
+      console.print(
+          fmt::format("⚠️  Announcer couldn't read synthesized audio: {}", audio.error()));
       return;
     }
     const auto capacity = convertedCapacity(audio->sampleRate, audio->frames);
     if (!capacity) {
-      console.print(fmt::format("⚠️  Announcement dropped: {} frames at {} Hz is too long to send",
-                                audio->frames, audio->sampleRate));
+      console.print(
+          fmt::format("⚠️  Announcement dropped: {} frames at {} Hz is too long to send",
+                      audio->frames, audio->sampleRate));
       return;
     }
     const auto converted =

@@ -30,7 +30,8 @@ platform::MonoClock::duration streamFrames(std::span<const std::int16_t> samples
     onFrame(Bytes(frame));
     // Deadlines count from the fixed start, so a late wake-up is made up by the following frames
     // instead of pushing them all back.
-    const platform::MonoTime deadline = start + wire::framePeriod * static_cast<std::int64_t>(i + 1);
+    const platform::MonoTime deadline =
+        start + wire::framePeriod * static_cast<std::int64_t>(i + 1);
     if (clock.now() < deadline) {
       clock.sleepUntil(deadline);
     }

@@ -14,9 +14,10 @@ namespace parlavox {
 // count is not a finite number or does not fit 32 bits (a file no spoken line comes near).
 std::optional<std::uint32_t> convertedCapacity(double sourceRate, std::uint64_t sourceFrames);
 
-// Hands `samples` to `onFrame` in whole frames of network audio (320 samples, 640 bytes), one every 20 ms measured from one start time on `clock`; a remainder shorter
-// than a frame is dropped. A loop running late sends on without sleeping until it is back on
-// schedule, and never skips a frame. Returns the time from start to the end of the last wait.
+// Hands `samples` to `onFrame` in whole frames of network audio (320 samples, 640 bytes), one every
+// 20 ms measured from one start time on `clock`; a remainder shorter than a frame is dropped. A
+// loop running late sends on without sleeping until it is back on schedule, and never skips a
+// frame. Returns the time from start to the end of the last wait.
 platform::MonoClock::duration streamFrames(std::span<const std::int16_t> samples,
                                            platform::Clock& clock,
                                            const Speaker::FrameHandler& onFrame);

@@ -66,11 +66,11 @@ int run(int argc, char** argv, platform::Console& console) {
   Announcer announcer(defaultSayCommand(), console, clock);
   const auto relay = IntercomServer::create(
       show, ServerPlatform{loop, network, advertiser, clock, console}, endProcess);
-  const auto announcements = Announcements::create(
-      show, loop, network, console, announcer,
-      [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
-        relay.sendToListeners(mask, head, body);
-      });
+  const auto announcements =
+      Announcements::create(show, loop, network, console, announcer,
+                            [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
+                              relay.sendToListeners(mask, head, body);
+                            });
   try {
     relay->start(wire::intercomPort);
     announcements->start();

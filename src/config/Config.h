@@ -9,7 +9,7 @@ namespace parlavox {
 // A role as the roles file and the "config" message write it.
 struct Role {
   std::string name;
-  std::vector<std::string> talk;    // empty: a listen-only role
+  std::vector<std::string> talk;  // empty: a listen-only role
   std::vector<std::string> listen;
   bool operator==(const Role&) const = default;
 };

@@ -23,9 +23,9 @@ Result<AudioData> readAudioFile(const std::string& path) {
   }
   if (info.channels <= 0 || info.frames < 0 ||
       info.frames > std::numeric_limits<std::uint32_t>::max() ||
-      static_cast<std::size_t>(info.frames) >
-          std::numeric_limits<std::size_t>::max() / sizeof(float) /
-              static_cast<std::size_t>(info.channels)) {
+      static_cast<std::size_t>(info.frames) > std::numeric_limits<std::size_t>::max() /
+                                                  sizeof(float) /
+                                                  static_cast<std::size_t>(info.channels)) {
     return Failure{"too long to hold in memory"};
   }
   AudioData audio;

@@ -5,8 +5,8 @@
 namespace parlavox::platform {
 
 Result<std::vector<std::int16_t>> resampleToMono16(std::span<const float> interleaved, int channels,
-                                std::size_t frames, double inputRate, double outputRate,
-                                std::size_t capacity) {
+                                                   std::size_t frames, double inputRate,
+                                                   double outputRate, std::size_t capacity) {
   if (channels <= 0 || interleaved.size() / static_cast<std::size_t>(channels) < frames) {
     return Failure{"input shorter than its frame count"};
   }
@@ -26,9 +26,8 @@ Result<std::vector<std::int16_t>> resampleToMono16(std::span<const float> interl
   io.flags |= SOXR_NO_DITHER;
   const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
   std::size_t done = 0;
-  const soxr_error_t error =
-      soxr_oneshot(inputRate, outputRate, 1, mono.data(), frames, nullptr, samples.data(),
-                   capacity, &done, &io, &quality, nullptr);
+  const soxr_error_t error = soxr_oneshot(inputRate, outputRate, 1, mono.data(), frames, nullptr,
+                                          samples.data(), capacity, &done, &io, &quality, nullptr);
   if (error != nullptr) {
     return Failure{error};
   }

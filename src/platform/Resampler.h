@@ -16,7 +16,7 @@ namespace parlavox::platform {
 // without dither, so 16-bit input at the output rate passes through unchanged. At most
 // `capacity` samples are produced; fails with the library's description.
 Result<std::vector<std::int16_t>> resampleToMono16(std::span<const float> interleaved, int channels,
-                                std::size_t frames, double inputRate, double outputRate,
-                                std::size_t capacity);
+                                                   std::size_t frames, double inputRate,
+                                                   double outputRate, std::size_t capacity);
 
 }  // namespace parlavox::platform

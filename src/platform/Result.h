@@ -17,8 +17,9 @@ struct Failure {
 template <typename T>
 class Result {
  public:
-  Result(T value) : value_(std::move(value)) {}           // NOLINT(google-explicit-constructor)
-  Result(Failure failure) : error_(std::move(failure.error)) {}  // NOLINT(google-explicit-constructor)
+  Result(T value) : value_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(Failure failure)
+      : error_(std::move(failure.error)) {}  // NOLINT(google-explicit-constructor)
 
   explicit operator bool() const { return value_.has_value(); }
   T& operator*() { return *value_; }
@@ -38,7 +39,8 @@ template <>
 class Result<void> {
  public:
   Result() = default;
-  Result(Failure failure) : failed_(true), error_(std::move(failure.error)) {}  // NOLINT(google-explicit-constructor)
+  Result(Failure failure)
+      : failed_(true), error_(std::move(failure.error)) {}  // NOLINT(google-explicit-constructor)
 
   explicit operator bool() const { return !failed_; }
   const std::string& error() const { return error_; }

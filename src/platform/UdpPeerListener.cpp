@@ -5,8 +5,7 @@
 
 namespace parlavox::platform {
 
-UdpPeerListener::UdpPeerListener(asio::io_context& context, std::uint16_t port,
-                                 SocketCalls& calls)
+UdpPeerListener::UdpPeerListener(asio::io_context& context, std::uint16_t port, SocketCalls& calls)
     : context_(context), socket_(context, port, calls) {}
 
 PeerAddress UdpPeerListener::addressOf(const sockaddr_in6& endpoint) {

@@ -275,8 +275,8 @@ void UdpSocket::flush() {
   // forget) and the rest still go, as they would one by one.
   std::size_t next = 0;
   while (next < count) {
-    const int sent = calls_.send(socket_.native_handle(), &outgoing_[next],
-                                 static_cast<unsigned>(count - next));
+    const int sent =
+        calls_.send(socket_.native_handle(), &outgoing_[next], static_cast<unsigned>(count - next));
     next += sent > 0 ? static_cast<std::size_t>(sent) : 0;
     if (next < count) {
       ++next;

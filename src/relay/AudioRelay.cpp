@@ -1,7 +1,7 @@
 #include "relay/AudioRelay.h"
 
-#include <array>
 #include <algorithm>
+#include <array>
 
 #include "wire/Audio.h"
 #include "wire/ByteOrder.h"

@@ -13,11 +13,11 @@
 #include "fakes/FakeClock.h"
 #include "fakes/FakeConsole.h"
 #include "platform/AudioFile.h"
-#include "wire/Audio.h"
 #include "platform/Process.h"
 #include "support/ChildProcess.h"
 #include "support/Samples.h"
 #include "support/TempDir.h"
+#include "wire/Audio.h"
 
 namespace parlavox {
 namespace {
@@ -39,89 +39,56 @@ std::vector<std::string> splitNul(const std::string& text) {
   return fields;
 }
 
-// The announcer as the server makes it: its speech files go to $TMPDIR, here a directory of the
-// test's, which must be empty again however an announcement ended.
+// The announcer with its speech files in a directory of the test's, which must be empty again
+// however an announcement ended.
 class AnnouncerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    // No announcer thread runs while the environment changes.
-    if (const char* before = std::getenv("TMPDIR")) {
-      savedTmpdir_ = before;
-    }
-    ::setenv("TMPDIR", tmp_.path().c_str(), 1);
-  }
-  void TearDown() override {
-    savedTmpdir_ ? ::setenv("TMPDIR", savedTmpdir_->c_str(), 1) : ::unsetenv("TMPDIR");
-    EXPECT_EQ(tmp_.entries(), std::vector<std::string>{});
-  }
-
-  // Renders an audio file with sox; `effect` is what follows the output file on sox's command line.
-  std::string makeAudio(const std::string& name, int rate, int channels,
-                        const std::vector<std::string>& effect) {
-    std::string path = files_ / name;
-    // Rate and channels go before -n: synth counts its length in the input's samples.
-    std::vector<std::string> argv = {PARLAVOX_SOX_PATH,
-                                     "-r",
-                                     std::to_string(rate),
-                                     "-c",
-                                     std::to_string(channels),
-                                     "-n",
-                                     "-b",
-                                     "16",
-                                     path};
-    argv.insert(argv.end(), effect.begin(), effect.end());
-    EXPECT_EQ(test::runProgram(argv), 0) << "sox failed for " << name;
-    return path;
-  }
+  void TearDown() override { EXPECT_EQ(tmp_.entries(), std::vector<std::string>{}); }
 
   // A stand-in speech command that copies `audio` to the path it is given, after `first`.
   std::string copyingCommand(const std::string& audio, const std::string& first = "") {
-    return writeScript(bin_ / "say-copy", first + "cp '" + audio + "' \"$2\"");
+    return writeScript(files_ / "say-copy", first + "cp '" + audio + "' \"$2\"");
   }
 
   // Speaks one text with `command`, waiting for the announcement to end; returns its frames.
   std::vector<Frame> announce(const std::string& command, const std::string& text) {
     std::vector<Frame> frames;
     {
-      Announcer announcer(command, console_, clock_);
+      Announcer announcer(command, console_, clock_, tmp_.path());
       announcer.speak(text, [&](Bytes frame) { frames.emplace_back(frame.begin(), frame.end()); });
     }  // the destructor finishes the queued announcement
     return frames;
   }
 
-  TempDir bin_;    // stand-in commands
-  TempDir files_;  // audio the stand-ins hand over, and their records
-  TempDir tmp_;    // $TMPDIR
-  std::optional<std::string> savedTmpdir_;
+  TempDir files_;  // stand-in commands, the audio they hand over and their records
+  TempDir tmp_;    // speech files
   test::FakeConsole console_;
   FakeClock clock_;
 };
 
-// Why a program cannot start, and how a status is counted, is runProcess's business (its own
-// tests); here, that the announcer says so in one line and sends nothing.
-TEST_F(AnnouncerTest, ReportsACommandThatCannotBeLaunchedOrFails) {
-  EXPECT_TRUE(announce(bin_ / "no-such-say", "Places please").empty());
-  EXPECT_EQ(console_.take(),
-            Lines{std::string("⚠️  Couldn't run `say`: ") + std::strerror(ENOENT)});
-  // What it wrote before failing is not read.
-  const auto failing = writeScript(bin_ / "say-fails", "echo partial > \"$2\"; exit 3");
-  EXPECT_TRUE(announce(failing, "Places please").empty());
-  EXPECT_EQ(console_.take(), Lines{"⚠️  `say` failed (status 3)"});
-}
-
-TEST_F(AnnouncerTest, ReportsSpeechThatCannotBeRead) {
-  const std::string prefix = "⚠️  Announcer couldn't read synthesized audio: ";
-  for (const std::string body : {"echo 'not audio at all' > \"$2\"", "exit 0", ": > \"$2\""}) {
-    EXPECT_TRUE(announce(writeScript(bin_ / "say-bad", body), "Places please").empty()) << body;
+// Every failure says so in one line, sends nothing, and leaves no speech file behind.
+TEST_F(AnnouncerTest, ReportsEachWayTheSpeechCanFail) {
+  const std::string unreadable = "⚠️  Announcer couldn't read synthesized audio: ";
+  const std::pair<std::string, std::string> cases[] = {
+      {"", std::string("⚠️  Couldn't run `say`: ") + std::strerror(ENOENT)},
+      {"echo partial > \"$2\"; exit 3", "⚠️  `say` failed (status 3)"},
+      {"echo 'not audio at all' > \"$2\"", unreadable},
+      {"exit 0", unreadable},
+      {": > \"$2\"", unreadable},
+  };
+  for (const auto& [body, line] : cases) {
+    const auto command = body.empty() ? files_ / "no-such-say" : writeScript(files_ / "say", body);
+    EXPECT_TRUE(announce(command, "Places please").empty()) << body;
     const auto lines = console_.take();
     ASSERT_EQ(lines.size(), 1U) << body;
-    EXPECT_TRUE(lines[0].starts_with(prefix) && lines[0].size() > prefix.size()) << lines[0];
+    EXPECT_TRUE(lines[0].starts_with(line) && lines[0] != unreadable) << lines[0];
   }
 }
 
 TEST_F(AnnouncerTest, SendsExactlyTheWholeFramesOfNetworkRateAudioUnchanged) {
   // 20 frames and 100 samples more, already 16-bit mono at 16 kHz: nothing to convert.
-  const std::string audio = makeAudio("exact.aiff", 16000, 1, {"synth", "6500s", "sine", "440"});
+  const std::string audio =
+      test::makeAudio(files_ / "exact.aiff", 16000, 1, {"6500s", "sine", "440"});
   auto expected = test::toInt16(platform::readAudioFile(audio)->samples);
   ASSERT_EQ(expected.size(), 6500U);
   expected.resize(20 * 320);
@@ -141,34 +108,17 @@ TEST_F(AnnouncerTest, SendsExactlyTheWholeFramesOfNetworkRateAudioUnchanged) {
   EXPECT_EQ(console_.take(), Lines{"📣 Announcement finished (0.4s)"});
 
   // Speech shorter than a frame sends nothing, and still finishes.
-  const std::string tiny = makeAudio("short.aiff", 16000, 1, {"synth", "319s", "sine", "440"});
+  const std::string tiny =
+      test::makeAudio(files_ / "short.aiff", 16000, 1, {"319s", "sine", "440"});
   EXPECT_TRUE(announce(copyingCommand(tiny), "Go").empty());
   EXPECT_EQ(clock_.deadlines().size(), 20U) << "no sleep";
   EXPECT_EQ(console_.take(), Lines{"📣 Announcement finished (0.0s)"});
 }
 
-TEST_F(AnnouncerTest, ConvertsStereo44kToNetworkRateMono) {
-  // 1.01 s: 16,160 samples at 16 kHz, 50 frames with half a frame to spare for the resampler's
-  // rounding either way. Left and right carry the same tone, so folding must not cancel it.
-  const std::string audio =
-      makeAudio("stereo.aiff", 44100, 2, {"synth", "44541s", "sine", "440", "gain", "-6"});
-  const auto frames = announce(copyingCommand(audio), "Stand by");
-  ASSERT_EQ(frames.size(), 50U);
-  double sumSquares = 0;
-  for (const auto& frame : frames) {
-    for (const int v : wire::samplesOf(frame)) {
-      sumSquares += static_cast<double>(v) * v;
-    }
-  }
-  // A sine of amplitude 0.5 has an RMS of 0.354 of full scale (11,585).
-  EXPECT_NEAR(std::sqrt(sumSquares / (50.0 * 320.0)), 11585.0, 600.0);
-  EXPECT_EQ(console_.take(), Lines{"📣 Announcement finished (1.0s)"});
-}
-
 // The text goes as one argument, untouched by any shell; the speech file is a fresh
-// "parlavox-announce-{UUID}.aiff" in $TMPDIR.
+// "parlavox-announce-{UUID}.aiff".
 TEST_F(AnnouncerTest, RunsTheCommandWithAFreshSpeechFileAndTheTextUnchanged) {
-  const std::string audio = makeAudio("tiny.aiff", 16000, 1, {"synth", "10s", "sine", "440"});
+  const std::string audio = test::makeAudio(files_ / "tiny.aiff", 16000, 1, {"10s", "sine", "440"});
   const std::string record = files_ / "args";
   const std::string command = copyingCommand(audio, "printf '%s\\0' \"$@\" > '" + record + "'; ");
   const std::string prefix = tmp_.path() + "/parlavox-announce-";
@@ -193,13 +143,14 @@ TEST_F(AnnouncerTest, RunsTheCommandWithAFreshSpeechFileAndTheTextUnchanged) {
 TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
   // Each frame notes which commands had run by then: the second may not start before the first
   // has sent its last frame.
-  const std::string audio = makeAudio("three.aiff", 16000, 1, {"synth", "960s", "sine", "440"});
+  const std::string audio =
+      test::makeAudio(files_ / "three.aiff", 16000, 1, {"960s", "sine", "440"});
   const std::string log = files_ / "log";
   const std::string command = copyingCommand(audio, "printf '%s;' \"$3\" >> '" + log + "'; ");
   std::mutex mutex;
   Lines events;
   {
-    Announcer announcer(command, console_, clock_);
+    Announcer announcer(command, console_, clock_, tmp_.path());
     for (const std::string text : {"first", "second"}) {
       announcer.speak(text, [&events, &mutex, &log, text](Bytes frame) {
         const std::lock_guard lock(mutex);
@@ -211,17 +162,6 @@ TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
                            "second 640 first;second;", "second 640 first;second;",
                            "second 640 first;second;"}));
   EXPECT_EQ(console_.take(), Lines(2, "📣 Announcement finished (0.1s)"));
-}
-
-TEST(DefaultSayCommand, PrefersTheHostCommandElseTheOneBesideThisProgram) {
-  const std::string command = defaultSayCommand();
-  if (platform::isExecutableFile("/usr/bin/say")) {
-    EXPECT_EQ(command, "/usr/bin/say");
-    return;
-  }
-  EXPECT_EQ(command, platform::executableDirectory() + "/parlavox-say");
-  // The build puts parlavox-say in the same directory as every program, tests included.
-  EXPECT_TRUE(platform::isExecutableFile(command)) << command;
 }
 
 }  // namespace

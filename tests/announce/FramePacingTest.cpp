@@ -21,24 +21,6 @@ std::vector<std::int16_t> ramp(std::size_t count) {
   return samples;
 }
 
-TEST(StreamFrames, SendsWholeFramesOnlyAndDropsTheRemainder) {
-  for (const std::size_t count : {0U, 319U, 320U, 639U, 320U * 7 + 5}) {
-    FakeClock clock;
-    const auto samples = ramp(count);
-    std::vector<std::vector<std::uint8_t>> frames;
-    const auto elapsed = streamFrames(
-        samples, clock, [&](Bytes frame) { frames.emplace_back(frame.begin(), frame.end()); });
-    ASSERT_EQ(frames.size(), count / 320) << count << " samples";
-    for (std::size_t k = 0; k < frames.size(); ++k) {
-      ASSERT_EQ(frames[k].size(), 640U);
-      EXPECT_EQ(frames[k][638] | frames[k][639] << 8,
-                static_cast<std::uint16_t>(samples[k * 320 + 319]))
-          << "frame " << k << " ends on its own last sample, low byte first";
-    }
-    EXPECT_EQ(elapsed, milliseconds(20) * static_cast<int>(count / 320));
-  }
-}
-
 // Deadlines are absolute, from one start: frames that fall behind go at once, and the rest keep
 // to the original grid.
 TEST(StreamFrames, CatchesUpAfterAStallWithoutSleepingOrSkipping) {
@@ -65,21 +47,6 @@ TEST(StreamFrames, CatchesUpAfterAStallWithoutSleepingOrSkipping) {
     EXPECT_EQ(firstBytes[k], static_cast<std::uint8_t>(((k * 320) >> 8) + 0x80)) << "frame " << k;
   }
   EXPECT_EQ(elapsed, milliseconds(200));
-}
-
-TEST(StreamFrames, AnOverlongStallEndsWithoutAnySleep) {
-  FakeClock clock;
-  const auto start = clock.now();
-  int calls = 0;
-  const auto elapsed = streamFrames(ramp(std::size_t{320} * 3), clock, [&](Bytes) {
-    if (++calls == 1) {
-      clock.advance(milliseconds(500));
-    }
-  });
-  EXPECT_EQ(calls, 3);
-  EXPECT_TRUE(clock.deadlines().empty());
-  EXPECT_EQ(elapsed, milliseconds(500));
-  EXPECT_EQ(clock.now(), start + milliseconds(500));
 }
 
 }  // namespace

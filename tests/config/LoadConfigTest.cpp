@@ -35,15 +35,6 @@ class LoadConfig : public testing::Test {
   test::FakeConsole console_;
 };
 
-TEST_F(LoadConfig, ValidFileIsUsedSilently) {
-  const auto path = dir_ / "show.json";
-  const std::string text = R"({"show":"Hamlet","channels":["A"],"roles":[],"oscPort":9000})";
-  test::writeFile(path, text);
-  EXPECT_EQ(loadConfig(path.string(), console_), (Config{"Hamlet", {"A"}, {}, 9000}));
-  EXPECT_TRUE(console_.lines().empty());
-  EXPECT_EQ(test::readFile(path), text);
-}
-
 TEST_F(LoadConfig, BadFileIsLeftAloneWithAWarning) {
   struct Case {
     const char* text;
@@ -62,11 +53,6 @@ TEST_F(LoadConfig, BadFileIsLeftAloneWithAWarning) {
     EXPECT_EQ(loadDefault(path), std::vector<std::string>{warning(path, c.error)});
     EXPECT_EQ(test::readFile(path), c.text);
   }
-  test::writeFile(path, "{");
-  fs::resize_file(path, std::uintmax_t{17} * 1024 * 1024);  // sparse: cheap to make
-  EXPECT_EQ(loadDefault(path),
-            std::vector<std::string>{warning(path, "larger than 16777216 bytes")});
-  EXPECT_EQ(fs::file_size(path), std::uintmax_t{17} * 1024 * 1024);
 }
 
 // A missing file gets the built-in show written (the start-up test sees that); these paths may
@@ -84,17 +70,6 @@ TEST_F(LoadConfig, NothingIsWrittenOverOrThroughWhatExists) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_FALSE(fs::exists(dir_ / "elsewhere.json"));
   EXPECT_FALSE(fs::exists(noDirectory.parent_path()));
-}
-
-TEST_F(LoadConfig, ARelativePathIsReportedFromTheWorkingDirectory) {
-  const auto before = fs::current_path();
-  fs::current_path(dir_);
-  test::writeFile("bad.json", "{");
-  const auto lines = loadDefault("./bad.json");
-  fs::current_path(before);
-  // The working directory as the kernel reports it: the temporary directory may sit behind a link.
-  EXPECT_EQ(lines, std::vector<std::string>{
-                       warning(fs::canonical(dir_) / "./bad.json", decodeConfig("{").error)});
 }
 
 }  // namespace

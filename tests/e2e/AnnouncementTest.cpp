@@ -31,7 +31,9 @@ std::size_t expectedFrames(const std::string& text, const TempDir& dir) {
   EXPECT_EQ(runProgram({parlavoxSayBinary(), "-o", path, text}), 0);
   const auto audio = platform::readAudioFile(path);
   EXPECT_TRUE(audio) << audio.error();
-  return audio ? static_cast<std::size_t>(std::floor(audio->frames * 16000.0 / audio->sampleRate)) / 320 : 0;
+  return audio ? static_cast<std::size_t>(std::floor(audio->frames * 16000.0 / audio->sampleRate)) /
+                     320
+               : 0;
 }
 
 // One channel first: only its listeners hear it. Then all channels, in real time, and as speech in

@@ -21,21 +21,7 @@ using Samples = std::vector<std::int16_t>;
 
 constexpr std::size_t kFrameSamples = 320;
 
-class ClientTool : public ServerFixture {
- protected:
-  // An audio file made by sox: `format` describes the file, `synth` what follows "synth".
-  std::string makeAudio(const std::string& name, std::vector<std::string> format,
-                        const std::vector<std::string>& synth) {
-    std::string path = dir / name;
-    std::vector<std::string> argv{"sox", "-n"};
-    argv.insert(argv.end(), format.begin(), format.end());
-    argv.push_back(path);
-    argv.emplace_back("synth");
-    argv.insert(argv.end(), synth.begin(), synth.end());
-    EXPECT_EQ(runProgram(argv), 0) << "sox failed for " << name;
-    return path;
-  }
-};
+using ClientTool = ServerFixture;
 
 // Every failure a user can meet, each in one line with a status; and info, once there is a server.
 TEST_F(ClientTool, ExplainsEveryFailureInOneLineWithAStatus) {
@@ -74,8 +60,7 @@ TEST_F(ClientTool, ExplainsEveryFailureInOneLineWithAStatus) {
   EXPECT_EQ(info.standardError, "");
   EXPECT_EQ(server->count("joined"), 0U) << "info does not join";
 
-  const std::string tone =
-      makeAudio("tone.wav", {"-r", "16000", "-c", "1", "-b", "16"}, {"0.2", "sine", "440"});
+  const std::string tone = makeAudio(dir / "tone.wav", 16000, 1, {"0.2", "sine", "440"});
   writeFile(dir / "notes.txt", "not audio\n");
   expectFailure({"127.0.0.1", "listen", "--role", "Juggler", "--out", "x.wav"}, 1,
                 "❌ Unknown role \"Juggler\" (roles on this show: Stage Manager, Lighting, Sound, "
@@ -105,14 +90,13 @@ TEST_F(ClientTool, ExplainsEveryFailureInOneLineWithAStatus) {
 // share of the channels; any other file is converted, and --mask narrows what it talks on.
 TEST_F(ClientTool, TalkStreamsAFileThatListeningClientsReceive) {
   startWith(defaultConfig());
-  const std::string tone = makeAudio("tone.wav", {"-r", "16000", "-c", "1", "-b", "16"},
-                                     {"1.5", "sine", "500", "vol", "0.5"});
+  const std::string tone =
+      makeAudio(dir / "tone.wav", 16000, 1, {"1.5", "sine", "500", "vol", "0.5"});
   const Samples expected = toInt16(platform::readAudioFile(tone)->samples);
   ASSERT_EQ(expected.size(), 24000U);
   // Half a second of stereo FLAC at 44.1 kHz, louder on the left.
-  const std::string flac =
-      makeAudio("cue.flac", {"-r", "44100", "-c", "2", "-b", "16"},
-                {"0.5", "sine", "300", "sine", "300", "remix", "1v0.8", "2v0.2"});
+  const std::string flac = makeAudio(
+      dir / "cue.flac", 44100, 2, {"0.5", "sine", "300", "sine", "300", "remix", "1v0.8", "2v0.2"});
   auto bo = member("Bo", "Lighting");           // hears Main and Tech
   auto cy = member("Cy", "Green Room Parent");  // hears Main and Green Room
 

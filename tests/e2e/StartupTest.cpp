@@ -75,8 +75,8 @@ TEST(Startup, TheFirstArgumentNamesTheRolesFileAndTheRestAreIgnored) {
   ASSERT_TRUE(server.waitForLine("Press Ctrl-C to stop."));
   EXPECT_TRUE(server.waitForLine("🎭 Hamlet", 0ms));
   EXPECT_TRUE(server.waitForLine("✅ Listening for OSC announcements on UDP port 9000", 0ms));
-  EXPECT_TRUE(
-      server.waitForLine("   QLab / OSC: point a Network (OSC) cue at this computer, port 9000,", 0ms));
+  EXPECT_TRUE(server.waitForLine(
+      "   QLab / OSC: point a Network (OSC) cue at this computer, port 9000,", 0ms));
   const auto lines = server.lines();
   EXPECT_NE(std::find(lines.begin(), lines.end(), "   Channels: "), lines.end());
   EXPECT_FALSE(std::filesystem::exists(dir / "roles.json"));

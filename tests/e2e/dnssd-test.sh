@@ -7,8 +7,8 @@
 # namespaces, B those of a second process; each site has its own system bus.
 #
 #   dnssd-test.sh advertise NAME -- COMMAND [ARGS...]
-#     COMMAND (the server, or advertise_probe) advertises NAME as _intercom._udp on port 50505. It
-#     runs in an empty directory and must end with status 0 or 143 on SIGTERM.
+#     COMMAND (the server) advertises NAME as _intercom._udp on port 50505. It runs in an empty
+#     directory and must end with status 0 or 143 on SIGTERM.
 #     1. It resolves with that name and port and no TXT data, and is withdrawn when it stops.
 #     2. Started with neither bus nor daemon, it warns once and keeps running; it is advertised once
 #        they appear; a daemon restart costs one more warning and it is advertised again.

@@ -67,45 +67,23 @@ class IntercomServerTest : public testing::Test {
   test::FakePeerListener* port = nullptr;
 };
 
-TEST_F(IntercomServerTest, StartAdvertisesReportsReadyAndEndsTheProcessWhenThePortFails) {
-  EXPECT_EQ(network.ports, std::vector<std::uint16_t>{50505});
-  EXPECT_EQ(advertiser.advertised, Lines{"Parlavox _intercom._udp 50505"});
-  port->ready();
-  EXPECT_EQ(console.take(), Lines{"✅ Listening on UDP port 50505 and advertising on Bonjour"});
+// Advertising and the ready line are seen end to end; losing the port is not.
+TEST_F(IntercomServerTest, LosingTheIntercomPortEndsTheProcess) {
   port->fail("Network is down");
   EXPECT_EQ(console.take(), Lines{"❌ Listener failed: Network is down"});
   EXPECT_EQ(exitStatus, 1);
 }
 
-TEST_F(IntercomServerTest, HiGetsTheShowWhetherJoinedOrNot) {
-  for (const std::uint64_t client : {1U, 2U}) {
-    if (client == 2) {
-      joined(2, "Ann", "Sound");
-    }
-    send(client, {{"t", "hi"}});
-    const auto replies = take(client);
-    ASSERT_EQ(replies.size(), 1U);
-    EXPECT_EQ(replies[0]["channels"], json({"Main", "Tech", "Backstage", "Green Room"}));
-    EXPECT_EQ(replies[0]["roles"][5],
-              json({{"name", "Director (listen only)"},
-                    {"talk", json::array()},
-                    {"listen", {"Main", "Tech", "Backstage"}}}));
-  }
-  EXPECT_TRUE(console.lines().empty());
-}
-
 TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryJoinedClient) {
   send(1, {{"t", "join"}, {"role", "Lighting"}, {"colour", "blue"}});
   EXPECT_EQ(console.take(), Lines{"🎧 Crew joined as Lighting"});
-  EXPECT_EQ(take(1), (std::vector<json>{
-                         {{"t", "welcome"},
-                          {"id", 1},
-                          {"role", "Lighting"},
-                          {"talkMask", 3},
-                          {"listenMask", 3}},
-                         json::parse(R"({"t":"roster","users":[{"id":1,"name":"Crew",
+  EXPECT_EQ(
+      take(1),
+      (std::vector<json>{
+          {{"t", "welcome"}, {"id", 1}, {"role", "Lighting"}, {"talkMask", 3}, {"listenMask", 3}},
+          json::parse(R"({"t":"roster","users":[{"id":1,"name":"Crew",
                                         "role":"Lighting"}]})"),
-                     }));
+      }));
   send(3, {{"t", "hi"}});
   port->sent.clear();
   send(2, {{"t", "join"}, {"name", "Bea"}, {"role", "Director (listen only)"}});
@@ -122,45 +100,40 @@ TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryJoinedClient) {
   // Joining again keeps the id, and everyone hears of the new role.
   send(1, {{"t", "join"}, {"name", "Ann"}, {"role", "Stage Manager"}});
   EXPECT_EQ(take(1).at(0)["id"], 1);
-  EXPECT_EQ(take(2).at(0)["users"][0], json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
+  EXPECT_EQ(take(2).at(0)["users"][0],
+            json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
+}
+
+// Names are cut to 24 characters, roles match in any canonically equivalent spelling and are
+// reported in the show's, and a role's unknown channels are reported at every join.
+TEST_F(IntercomServerTest, JoinsTakeTheShowsRulesAndWarnings) {
+  Config config = defaultConfig();
+  config.roles.push_back({"R\xC3\xA9gie", {"Main", "Foyer"}, {"Foyer", "Tech"}});
+  startWith(config);
+  const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
+  for (const std::string& name : {thirty, std::string()}) {
+    send(1, {{"t", "join"}, {"name", name}, {"role", "Re\xCC\x81gie"}});
+    const auto replies = take(1);
+    EXPECT_EQ(replies.at(0)["role"], "R\xC3\xA9gie");
+    EXPECT_EQ(replies.at(0)["talkMask"], 1);
+    EXPECT_EQ(replies.at(1)["users"][0]["name"], name.substr(0, 24));
+    EXPECT_EQ(console.take(), (Lines{"⚠️  Role refers to unknown channel \"Foyer\"",
+                                     "⚠️  Role refers to unknown channel \"Foyer\"",
+                                     "🎧 " + name.substr(0, 24) + " joined as R\xC3\xA9gie"}));
+  }
 }
 
 TEST_F(IntercomServerTest, JoinsThatFailAnswerErrorAndChangeNothing) {
   joined(1, "Ann", "Sound");
-  for (const json& bad : {json{{"t", "join"}, {"name", "Ann"}}, json{{"t", "join"}, {"role", "sound"}},
-                          json{{"t", "join"}, {"role", nullptr}}}) {
+  for (const json& bad :
+       {json{{"t", "join"}, {"name", "Ann"}}, json{{"t", "join"}, {"role", "sound"}},
+        json{{"t", "join"}, {"role", nullptr}}}) {
     send(1, bad);
-    EXPECT_EQ(take(1), std::vector<json>{json({{"t", "error"},
-                                               {"reason", "That role no longer exists. Pick another."}})})
+    EXPECT_EQ(take(1),
+              std::vector<json>{
+                  json({{"t", "error"}, {"reason", "That role no longer exists. Pick another."}})})
         << bad;
   }
-  EXPECT_TRUE(console.lines().empty());
-  send(1, {{"t", "ping"}});
-  send(2, {{"t", "ping"}});
-  EXPECT_EQ(take(1), std::vector<json>{json({{"t", "pong"}})}) << "still joined";
-  EXPECT_EQ(take(2), std::vector<json>{json({{"t", "rejoin"}})});
-}
-
-TEST_F(IntercomServerTest, NamesAreCutTo24CharactersAndRolesMatchCanonically) {
-  Config config = defaultConfig();
-  config.roles.push_back({"R\xC3\xA9gie", {"Main"}, {"Main"}});
-  startWith(config);
-  const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
-  send(1, {{"t", "join"}, {"name", thirty}, {"role", "Re\xCC\x81gie"}});
-  auto replies = take(1);
-  EXPECT_EQ(replies.at(0)["role"], "R\xC3\xA9gie") << "the configured spelling is used";
-  EXPECT_EQ(replies.at(1)["users"][0]["name"], thirty.substr(0, 24));
-  send(1, {{"t", "join"}, {"name", ""}, {"role", "Sound"}});
-  EXPECT_EQ(take(1).at(1)["users"][0]["name"], "");
-}
-
-TEST_F(IntercomServerTest, UnknownOrMalformedDatagramsGetNoReply) {
-  for (const Datagram& d : {Datagram{0x01}, control({{"t", "Hi"}}), control({{"t", 1}}),
-                            control(json::array({"hi"})), Datagram{0x01, '{', '"', 't'},
-                            Datagram{0x07, 1, 2}, Datagram{}}) {
-    port->deliver(1, d);
-  }
-  EXPECT_TRUE(port->sent[1].empty());
   EXPECT_TRUE(console.lines().empty());
 }
 
@@ -242,37 +215,9 @@ TEST_F(IntercomServerTest, TheSweepDropsClientsSilentForMoreThanEightSeconds) {
   }
   auto lines = console.take();
   std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines, (Lines{"⏱️  Chatty timed out", "⏱️  Late timed out", "👋 Chatty (Lighting) left",
-                          "👋 Late (Sound) left"}));
+  EXPECT_EQ(lines, (Lines{"⏱️  Chatty timed out", "⏱️  Late timed out",
+                          "👋 Chatty (Lighting) left", "👋 Late (Sound) left"}));
   EXPECT_EQ(take(5).size(), 2U);
-}
-
-TEST_F(IntercomServerTest, UnknownChannelsInARoleWarnOnEveryJoin) {
-  Config config = defaultConfig();
-  config.roles.push_back({"Odd", {"Main", "Foyer"}, {"Foyer", "Tech"}});
-  startWith(config);
-  for (int join = 0; join < 2; ++join) {
-    send(1, {{"t", "join"}, {"role", "Odd"}});
-    EXPECT_EQ(console.take(), (Lines{"⚠️  Role refers to unknown channel \"Foyer\"",
-                                     "⚠️  Role refers to unknown channel \"Foyer\"",
-                                     "🎧 Crew joined as Odd"}));
-  }
-  EXPECT_EQ(take(1).at(0)["talkMask"], 1);
-}
-
-TEST_F(IntercomServerTest, AnnouncementFramesGoToEveryJoinedListenerOfTheMask) {
-  joined(1, "M", "Green Room Parent");  // listens Main + Green Room
-  joined(2, "T", "Lighting");           // Main + Tech
-  send(3, {{"t", "hi"}});
-  port->sent.clear();
-  const Datagram head{0x02, 0xFF, 0xFF, 0x08, 0, 0, 0, 7, 0};
-  const Datagram body(640, 0x11);
-  server->sendToListeners(0x08, head, body);
-  server->sendToListeners(0x03, head, body);
-  EXPECT_EQ(port->sent[1].size(), 2U);
-  EXPECT_EQ(port->sent[1][0].size(), 649U);
-  EXPECT_EQ(port->sent[2].size(), 1U) << "the Green Room is not Tech's";
-  EXPECT_TRUE(port->sent[3].empty());
 }
 
 }  // namespace

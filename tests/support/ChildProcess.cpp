@@ -1,11 +1,13 @@
 #include "support/ChildProcess.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <stdexcept>
@@ -18,7 +20,6 @@ namespace {
 // argv/envp arrays pointing into `strings`, which must outlive them.
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
-  out.reserve(strings.size() + 1);
   for (auto& s : strings) {
     out.push_back(s.data());
   }
@@ -50,7 +51,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   envStrings.insert(envStrings.end(), extraEnv.begin(), extraEnv.end());
   auto argv = pointers(argStrings);
   auto envp = pointers(envStrings);
-  const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+  const int spawned = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   close(err[1]);
@@ -59,39 +60,45 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     close(err[0]);
     throw std::runtime_error("can't start " + program);
   }
-  outReader_ = std::thread([this, fd = out[0]] { readOutput(fd, false); });
-  errReader_ = std::thread([this, fd = err[0]] { readOutput(fd, true); });
+  reader_ = std::thread([this, out = out[0], err = err[0]] { readOutput(out, err); });
 }
 
 ChildProcess::~ChildProcess() {
   stop();
-  outReader_.join();
-  errReader_.join();
+  reader_.join();
 }
 
-void ChildProcess::readOutput(int fd, bool isError) {
+// Reads both streams until both are closed: standard output line by line, standard error whole.
+void ChildProcess::readOutput(int out, int err) {
+  std::array<pollfd, 2> fds{pollfd{out, POLLIN, 0}, pollfd{err, POLLIN, 0}};
   std::array<char, 4096> buffer{};
-  for (;;) {
-    const ssize_t n = read(fd, buffer.data(), buffer.size());
-    if (n <= 0) {
+  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+    if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
       break;
     }
-    std::lock_guard lock(mutex_);
-    if (isError) {
-      error_.append(buffer.data(), static_cast<std::size_t>(n));
-      continue;
-    }
-    partial_.append(buffer.data(), static_cast<std::size_t>(n));
-    for (auto newline = partial_.find('\n'); newline != std::string::npos;
-         newline = partial_.find('\n')) {
-      lines_.push_back(partial_.substr(0, newline));
-      partial_.erase(0, newline + 1);
+    for (auto& ready : fds) {
+      if (ready.fd < 0 || ready.revents == 0) {
+        continue;
+      }
+      const ssize_t n = read(ready.fd, buffer.data(), buffer.size());
+      std::lock_guard lock(mutex_);
+      if (n <= 0) {
+        close(ready.fd);
+        ready.fd = -1;
+      } else if (ready.fd == err) {
+        error_.append(buffer.data(), static_cast<std::size_t>(n));
+      } else {
+        partial_.append(buffer.data(), static_cast<std::size_t>(n));
+        for (auto end = partial_.find('\n'); end != std::string::npos; end = partial_.find('\n')) {
+          lines_.push_back(partial_.substr(0, end));
+          partial_.erase(0, end + 1);
+        }
+      }
     }
     changed_.notify_all();
   }
-  close(fd);
   std::lock_guard lock(mutex_);
-  --openStreams_;
+  outputClosed_ = true;
   changed_.notify_all();
 }
 
@@ -106,18 +113,16 @@ std::optional<std::string> ChildProcess::waitForLine(const std::string& text,
         return true;
       }
     }
-    return openStreams_ == 0;
+    return outputClosed_;
   });
   return found;
 }
 
 std::size_t ChildProcess::count(const std::string& text) const {
   std::lock_guard lock(mutex_);
-  std::size_t n = 0;
-  for (const auto& line : lines_) {
-    n += line.find(text) != std::string::npos ? 1U : 0U;
-  }
-  return n;
+  return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const auto& l) {
+    return l.find(text) != std::string::npos;
+  }));
 }
 
 std::vector<std::string> ChildProcess::lines() const {
@@ -138,28 +143,27 @@ void ChildProcess::signal(int signal) {
 
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
+  int status = 0;
   while (!status_) {
-    int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       ended(status);
-      break;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
+    } else if (std::chrono::steady_clock::now() >= deadline) {
       return std::nullopt;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return status_;
 }
 
 int ChildProcess::wait() {
-  if (!status_) {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) != pid_) {
-      if (errno != EINTR) {
-        throw std::runtime_error("lost track of a child process");
-      }
+  int status = 0;
+  while (!status_ && waitpid(pid_, &status, 0) != pid_) {
+    if (errno != EINTR) {
+      throw std::runtime_error("lost track of a child process");
     }
+  }
+  if (!status_) {
     ended(status);
   }
   return *status_;
@@ -168,14 +172,13 @@ int ChildProcess::wait() {
 void ChildProcess::ended(int waitStatus) {
   status_ = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -WTERMSIG(waitStatus);
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, std::chrono::seconds(2), [&] { return openStreams_ == 0; });
+  changed_.wait_for(lock, std::chrono::seconds(2), [&] { return outputClosed_; });
 }
 
 void ChildProcess::stop() {
-  if (!status_) {
-    ::kill(pid_, SIGTERM);
-    if (!waitForExit(std::chrono::seconds(5))) {
-      ::kill(pid_, SIGKILL);
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    if (!status_) {
+      ::kill(pid_, signal);
       waitForExit(std::chrono::seconds(5));
     }
   }
@@ -185,25 +188,14 @@ ChildRun runToEnd(const std::string& program, const std::vector<std::string>& ar
                   const std::filesystem::path& workingDir, const std::vector<std::string>& extraEnv,
                   std::chrono::milliseconds timeout) {
   ChildProcess process(program, args, workingDir, extraEnv);
-  ChildRun run;
-  run.status = process.waitForExit(timeout);
-  run.lines = process.lines();
-  run.standardError = process.standardError();
-  return run;
+  const auto status = process.waitForExit(timeout);
+  return {status, process.lines(), process.standardError()};
 }
 
 int runProgram(const std::vector<std::string>& argv) {
-  std::vector<std::string> copy = argv;
-  auto pointerArgs = pointers(copy);
-  pid_t pid = -1;
-  if (posix_spawnp(&pid, pointerArgs[0], nullptr, nullptr, pointerArgs.data(), environ) != 0) {
-    return -1;
-  }
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-    return -1;
-  }
-  return WEXITSTATUS(status);
+  const std::vector<std::string> args(argv.begin() + 1, argv.end());
+  const auto status = runToEnd(argv.at(0), args, std::filesystem::current_path()).status;
+  return status && *status >= 0 ? *status : -1;
 }
 
 std::string parlavoxBinary() {

@@ -13,7 +13,8 @@
 
 namespace parlavox::test {
 
-// A program under test, run without a shell in a working directory of the test's choosing, with
+// A program under test (a path, or a name found on PATH), run without a shell in a working
+// directory of the test's choosing, with
 // its standard output read line by line and its standard error kept apart (the programs of this
 // project must leave it empty). Stopped with SIGTERM, then SIGKILL, when destroyed.
 class ChildProcess {
@@ -52,7 +53,7 @@ class ChildProcess {
   pid_t pid() const { return pid_; }
 
  private:
-  void readOutput(int fd, bool isError);
+  void readOutput(int out, int err);
   // Records how the program ended and waits (briefly) for the readers to take its last output.
   void ended(int waitStatus);
 
@@ -63,9 +64,8 @@ class ChildProcess {
   std::vector<std::string> lines_;
   std::string partial_;
   std::string error_;
-  int openStreams_ = 2;
-  std::thread outReader_;
-  std::thread errReader_;
+  bool outputClosed_ = false;
+  std::thread reader_;
 };
 
 // How a program run to its end ended, and what it printed.
@@ -79,8 +79,8 @@ ChildRun runToEnd(const std::string& program, const std::vector<std::string>& ar
                   const std::vector<std::string>& extraEnv = {},
                   std::chrono::milliseconds timeout = std::chrono::seconds(15));
 
-// Runs a program found on PATH (sox, oscsend, ...) to its end, output inherited: its exit status,
-// or -1 if it could not be started or a signal ended it.
+// Runs a helper program (sox, oscsend, ...) to its end in the working directory: its exit status,
+// or -1 if it did not end by itself within 15 s. Throws std::runtime_error if it cannot start.
 int runProgram(const std::vector<std::string>& argv);
 
 // The programs under test, from the build tree.

@@ -1,6 +1,9 @@
 #include "support/Samples.h"
 
 #include <cmath>
+#include <stdexcept>
+
+#include "support/ChildProcess.h"
 
 namespace parlavox::test {
 
@@ -11,6 +14,19 @@ std::vector<std::int16_t> toInt16(std::span<const float> samples) {
     out.push_back(static_cast<std::int16_t>(std::lround(value * 32768.0F)));
   }
   return out;
+}
+
+std::string makeAudio(const std::string& path, int rate, int channels,
+                      const std::vector<std::string>& synth) {
+  // Rate and channels before -n, so that synth counts its length in samples at that rate.
+  std::vector<std::string> argv{
+      "sox", "-r",   std::to_string(rate), "-c", std::to_string(channels), "-n", "-b", "16",
+      path,  "synth"};
+  argv.insert(argv.end(), synth.begin(), synth.end());
+  if (runProgram(argv) != 0) {
+    throw std::runtime_error("sox could not make " + path);
+  }
+  return path;
 }
 
 }  // namespace parlavox::test

@@ -40,33 +40,25 @@ TEST(OSCMessage, FollowsTheLayoutOfAMessage) {
        accepted("/parlavox/say", "hello")},
       {"later arguments ignored", message("/a", ",si", "hello") + "\0\0\0\x07"s,
        accepted("/a", "hello")},
-      {"later arguments need not be there", message("/a", ",sf", "x"), accepted("/a", "x")},
       // Address lengths: 1 to 3 bytes take 4, exactly 4 take 8.
-      {"3-byte address takes 4", "/ab\0,s\0\0x\0\0\0"s, accepted("/ab", "x")},
       {"4-byte address takes 8", "/abc\0\0\0\0,s\0\0x\0\0\0"s, accepted("/abc", "x")},
       {"4-byte address given only 5 bytes", "/abc\0,s\0\0x\0\0\0"s, std::nullopt},
       {"first argument an int", message("/a", ",is", "x"), std::nullopt},
-      {"no arguments", message("/a", ",", "x"), std::nullopt},
       {"type tags without comma", message("/a", "s", "x"), std::nullopt},
       {"no type tag string at all", "/a\0\0"s, std::nullopt},
-      {"type tag string without zero byte", "/a\0\0,s"s, std::nullopt},
       {"empty text", "/a\0\0,s\0\0\0\0\0\0"s, accepted("/a", "")},
       {"text zero byte is last byte, no padding", "/a\0\0,s\0\0hello\0"s, accepted("/a", "hello")},
       {"text without zero byte", "/a\0\0,s\0\0hello"s, std::nullopt},
-      {"text missing", "/a\0\0,s\0\0"s, std::nullopt},
       {"text keeps spaces and UTF-8", message("/a", ",s", "  Places, 🎭 please "),
        accepted("/a", "  Places, 🎭 please ")},
       {"address without slash", message("parlavox/say", ",s", "x"), std::nullopt},
-      {"empty address", message("", ",s", "x"), std::nullopt},
       {"bundle", "#bundle\0"s + "\0\0\0\0\0\0\0\x01"s + "\0\0\0\x10"s + message("/a", ",s", "x"),
        std::nullopt},
       {"empty datagram", ""s, std::nullopt},
       {"unpadded address, tags read from wrong place", "/abcde\0,s\0\0hi\0\0"s, std::nullopt},
-      {"unpadded address whose bytes happen to line up", "/a\0,,s\0\0hi\0"s, accepted("/a", "hi")},
       {"padding is skipped, not checked", "/a\0X,s\0Yhi\0Z"s, accepted("/a", "hi")},
       // "Begins with" is about whole characters: a combining mark glued on makes another one.
       {"mark on the slash", message("/\xCC\x81x", ",s", "x"), std::nullopt},
-      {"mark on the comma", message("/a", ",\xCC\x81s", "x"), std::nullopt},
       {"mark on the s", message("/a", ",s\xCC\x81", "x"), std::nullopt},
       {"stray byte after the s", message("/a", ",s\xFF", "x"), accepted("/a", "x")},
   };
@@ -82,12 +74,7 @@ TEST(OSCMessage, FollowsTheLayoutOfAMessage) {
 TEST(OSCMessage, RepairsTextAndAddress) {
   const std::string bad = "\xEF\xBF\xBD";
   const std::pair<std::string, std::string> cases[] = {
-      {"R\xC3\xA9gie", "R\xC3\xA9gie"},
-      {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},     // the highest code point
-      {"\xE0\x80\xAF", bad + bad + bad},            // overlong
-      {"\xED\xA0\x80", bad + bad + bad},            // surrogate
-      {"\xF4\x90\x80\x80", bad + bad + bad + bad},  // above U+10FFFF
-      {"ok\xF0\x9F\x98", "ok" + bad},               // cut short at the end
+      {"\xE0\x80\xAF", bad + bad + bad},  // overlong
       {"\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64",
        "a" + bad + bad + bad + "b" + bad + "c" + bad + bad + "d"},
   };

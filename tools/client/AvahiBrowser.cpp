@@ -5,10 +5,10 @@
 #include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
 #include <avahi-common/timeval.h>
+#include <fmt/format.h>
 #include <net/if.h>
 
 #include <array>
-#include <fmt/format.h>
 #include <exception>
 #include <memory>
 
@@ -34,9 +34,7 @@ struct Search {
     failure = std::move(why);
     finish();
   }
-  void finishNoneFound() {
-    finishWith(fmt::format("nothing on this network advertises {}", type));
-  }
+  void finishNoneFound() { finishWith(fmt::format("nothing on this network advertises {}", type)); }
   void finishIfNothingPending() {
     if (allForNow && pendingResolvers == 0 && !done) {
       finishNoneFound();
@@ -145,7 +143,7 @@ struct ClientFree {
 }  // namespace
 
 platform::Result<FoundService> AvahiBrowser::findFirst(const std::string& type,
-                                                      std::chrono::milliseconds timeout) {
+                                                       std::chrono::milliseconds timeout) {
   Search search;
   search.type = type;
   const std::unique_ptr<AvahiSimplePoll, PollFree> poll(avahi_simple_poll_new());
@@ -163,10 +161,9 @@ platform::Result<FoundService> AvahiBrowser::findFirst(const std::string& type,
   if (!client) {
     return platform::Failure{failureOf(error)};
   }
-  if (!search.done &&
-      avahi_service_browser_new(client.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(),
-                                nullptr, static_cast<AvahiLookupFlags>(0), &onBrowse,
-                                &search) == nullptr) {
+  if (!search.done && avahi_service_browser_new(
+                          client.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(), nullptr,
+                          static_cast<AvahiLookupFlags>(0), &onBrowse, &search) == nullptr) {
     search.failure = failureOf(avahi_client_errno(client.get()));
     search.done = true;
   }

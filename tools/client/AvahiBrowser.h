@@ -24,7 +24,8 @@ class AvahiBrowser {
   // resolves, or gives up after `timeout`, or earlier once the daemon says it knows of nothing
   // more and no lookup is still under way. A failure says why nothing was found, as a phrase
   // ("there is no Avahi daemon to ask").
-  static platform::Result<FoundService> findFirst(const std::string& type, std::chrono::milliseconds timeout);
+  static platform::Result<FoundService> findFirst(const std::string& type,
+                                                  std::chrono::milliseconds timeout);
 };
 
 }  // namespace parlavox::client

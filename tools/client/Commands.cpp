@@ -107,8 +107,8 @@ int runListen(CommandContext& context, const Arguments& args) {
   const auto closed = wav.close();
   session.leave();
   if (!written || !closed) {
-    console.print(fmt::format("❌ Can't write {}: {}", args.out,
-                              written ? closed.error() : written.error()));
+    console.print(
+        fmt::format("❌ Can't write {}: {}", args.out, written ? closed.error() : written.error()));
     return 1;
   }
   console.print(fmt::format("📝 Wrote {} ({:.1f} s, {} {} heard)", args.out,

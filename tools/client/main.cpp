@@ -15,9 +15,9 @@
 #include "client/AvahiBrowser.h"
 #include "client/Commands.h"
 #include "client/IntercomClient.h"
-#include "wire/Protocol.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
+#include "wire/Protocol.h"
 
 namespace {
 
@@ -57,9 +57,9 @@ std::optional<Server> findServer(const Arguments& args, parlavox::platform::Cons
   const auto service =
       parlavox::client::AvahiBrowser::findFirst(parlavox::wire::serviceType, kDiscoveryTimeout);
   if (!service) {
-    console.print(fmt::format(
-        "❌ No server found: {} (give the server's address: parlavox-client HOST ...)",
-        service.error()));
+    console.print(
+        fmt::format("❌ No server found: {} (give the server's address: parlavox-client HOST ...)",
+                    service.error()));
     return std::nullopt;
   }
   console.print(fmt::format("🔎 Found \"{}\" at {} ({}), port {}", service->name, service->host,
