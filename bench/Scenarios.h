@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "LoadGenerator.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::bench {
 
@@ -33,7 +34,7 @@ struct Settings {
   bool memory = true;
 };
 
-inline constexpr std::uint16_t kServerPort = 50505;
+inline constexpr std::uint16_t kServerPort = wire::intercomPort;
 inline constexpr std::uint16_t kOscPort = 47000;
 inline constexpr std::uint16_t kForwarderPort = 50600;
 inline constexpr std::uint16_t kPacerPort = 50700;

@@ -70,7 +70,7 @@ void IntercomServer::ended(const platform::PeerAddress& peer) {
   remove(peer);
 }
 
-void IntercomServer::remove(const platform::PeerAddress& address) {
+void IntercomServer::remove(platform::PeerAddress address) {
   const std::optional<Peer> peer = peers_.remove(address);
   if (!peer) {
     return;

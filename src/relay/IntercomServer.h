@@ -59,7 +59,8 @@ class IntercomServer final : public platform::Transport::Peers,
 
   void handleControl(Bytes payload, const Peer& peer);
   void join(const wire::Incoming& message, const Peer& peer);
-  void remove(const platform::PeerAddress& address);
+  // By value: callers may pass the address held by the peer that goes.
+  void remove(platform::PeerAddress address);
   void sweep();
   void broadcastRoster();
   template <typename Message>
