@@ -25,13 +25,16 @@ class CountingTransport final : public platform::Transport {
 void relayToEveryone(benchmark::State& state) {
   const auto peers = static_cast<std::size_t>(state.range(0));
   CountingTransport transport;
+  std::vector<platform::PeerAddress> addresses;
+  for (std::size_t i = 0; i < peers; ++i) {
+    addresses.push_back({&transport, {}, i + 1});
+  }
   std::vector<Listener> listeners;
   for (std::size_t i = 0; i < peers; ++i) {
-    platform::PeerAddress address{&transport, {}, i + 1};
-    listeners.push_back({static_cast<std::uint16_t>(i + 1), 0x1, address});
+    listeners.push_back({static_cast<std::uint16_t>(i + 1), 0x1, &transport, &addresses[i]});
   }
   Peer sender;
-  sender.address = listeners[0].address;
+  sender.address = addresses[0];
   sender.id = 1;
   sender.joined = true;
   sender.talkMask = 0x1;

@@ -29,7 +29,7 @@ void relayAudio(Bytes datagram, const Peer& sender, std::span<const Listener> li
       continue;  // ids are unique among the joined, so this skips only the sender
     }
     wire::rewriteMask(header, share);
-    listener.address.transport->send(listener.address, header, samples);
+    listener.send(header, samples);
   }
 }
 

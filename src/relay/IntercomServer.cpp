@@ -141,14 +141,14 @@ void IntercomServer::broadcastRoster() {
     return;
   }
   for (const Listener& listener : peers_.listeners()) {
-    listener.address.transport->send(listener.address, asBytes(roster));
+    listener.send(asBytes(roster));
   }
 }
 
 void IntercomServer::sendToListeners(std::uint32_t mask, Bytes head, Bytes body) {
   for (const Listener& listener : peers_.listeners()) {
     if ((listener.listenMask & mask) != 0) {
-      listener.address.transport->send(listener.address, head, body);
+      listener.send(head, body);
     }
   }
 }

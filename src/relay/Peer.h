@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/Bytes.h"
 #include "platform/Clock.h"
 #include "platform/Transport.h"
 
@@ -26,7 +27,12 @@ struct Peer {
 struct Listener {
   std::uint16_t id = 0;
   std::uint32_t listenMask = 0;
-  platform::PeerAddress address;
+  // The peer's transport (kept here, one load less per copy) and its own address in the
+  // registry's table; the array is rebuilt before a peer goes.
+  platform::Transport* transport = nullptr;
+  const platform::PeerAddress* address = nullptr;
+
+  void send(Bytes head, Bytes body = {}) const { transport->send(*address, head, body); }
 };
 
 }  // namespace parlavox

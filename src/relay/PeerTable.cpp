@@ -100,7 +100,7 @@ void PeerTable::joinedChanged() {
   wire::RosterMsg roster;
   for (const auto& [address, peer] : peers_) {
     if (peer.joined) {
-      listeners_.push_back({peer.id, peer.listenMask, address});
+      listeners_.push_back({peer.id, peer.listenMask, address.transport, &address});
       roster.users.push_back({peer.id, peer.name, peer.role});
     }
   }

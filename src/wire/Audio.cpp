@@ -24,14 +24,6 @@ std::array<std::uint8_t, AudioHeader::size> AudioHeader::bytes() const {
   return out;
 }
 
-void rewriteSenderID(std::span<std::uint8_t, AudioHeader::size> header, std::uint16_t senderID) {
-  storeLE16(&header[AudioHeader::senderIDOffset], senderID);
-}
-
-void rewriteMask(std::span<std::uint8_t, AudioHeader::size> header, std::uint32_t mask) {
-  storeLE32(&header[AudioHeader::maskOffset], mask);
-}
-
 std::vector<std::uint8_t> encodeAudio(const AudioHeader& header, Bytes samples) {
   std::vector<std::uint8_t> datagram(AudioHeader::size + samples.size());
   const auto head = header.bytes();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Bytes.h"
+#include "wire/ByteOrder.h"
 
 namespace parlavox::wire {
 
@@ -37,9 +38,15 @@ struct AudioHeader {
   bool operator==(const AudioHeader&) const = default;
 };
 
-// Any thread. The header's fields rewritten in place, as the relay does for each receiver.
-void rewriteSenderID(std::span<std::uint8_t, AudioHeader::size> header, std::uint16_t senderID);
-void rewriteMask(std::span<std::uint8_t, AudioHeader::size> header, std::uint32_t mask);
+// Any thread. The header's fields rewritten in place, as the relay does for each receiver; inline,
+// since the fan-out does it once per copy.
+inline void rewriteSenderID(std::span<std::uint8_t, AudioHeader::size> header,
+                            std::uint16_t senderID) {
+  storeLE16(&header[AudioHeader::senderIDOffset], senderID);
+}
+inline void rewriteMask(std::span<std::uint8_t, AudioHeader::size> header, std::uint32_t mask) {
+  storeLE32(&header[AudioHeader::maskOffset], mask);
+}
 
 // Any thread. A whole audio datagram: `header`, then `samples` as given.
 std::vector<std::uint8_t> encodeAudio(const AudioHeader& header, Bytes samples);

@@ -48,7 +48,7 @@ TEST(AllocateID, FindsTheFirstFreeIdFromTheCounter) {
 class RelayAudio : public testing::Test {
  protected:
   Listener listener(std::uint64_t client, std::uint16_t id, std::uint32_t listenMask) {
-    return {id, listenMask, port.address(client)};
+    return {id, listenMask, &port, &addresses.at(client - 1)};
   }
   Peer talker(bool joined, std::uint32_t talkMask) {
     Peer peer;
@@ -60,6 +60,8 @@ class RelayAudio : public testing::Test {
   }
 
   test::FakePeerListener port;
+  const std::vector<platform::PeerAddress> addresses{port.address(1), port.address(2),
+                                                     port.address(3), port.address(4)};
   const std::vector<Listener> crew{listener(1, 5, 0x7), listener(2, 6, 0x1), listener(3, 7, 0x6),
                                    listener(4, 8, 0x4)};
 };
