@@ -31,13 +31,11 @@ class Transport {
   // The side that serves a transport's peers (the relay). Called on the loop thread.
   class Peers {
    public:
+    virtual ~Peers() = default;
     // A datagram from `from`, the first one included: a new address is a new peer.
     virtual void deliver(const PeerAddress& from, Bytes datagram) = 0;
     // `peer` is gone (its connection closed or failed). Never reported after end(peer).
     virtual void ended(const PeerAddress& peer) = 0;
-
-   protected:
-    ~Peers() = default;
   };
 
   virtual ~Transport() = default;

@@ -16,12 +16,12 @@ constexpr const char* kFull = "The intercom is full.";
 std::shared_ptr<IntercomServer> IntercomServer::create(Show show, ServerPlatform platform,
                                                        ExitPolicy exit) {
   return std::shared_ptr<IntercomServer>(
-      new IntercomServer(std::move(show), std::move(platform), std::move(exit)));
+      new IntercomServer(std::move(show), platform, std::move(exit)));
 }
 
 IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy exit)
     : show_(std::move(show)),
-      platform_(std::move(platform)),
+      platform_(platform),
       exit_(std::move(exit)),
       configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})) {}
 

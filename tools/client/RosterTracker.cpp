@@ -28,6 +28,7 @@ std::vector<std::string> RosterTracker::update(const wire::RosterMsg& message) {
   std::vector<std::string> lines;
   if (!last_) {
     std::vector<std::string> everyone;
+    everyone.reserve(users.size());
     for (const auto& user : users) {
       everyone.push_back(
           fmt::format("{} ({}){}", user.name, user.role, user.id == self_ ? ", you" : ""));
