@@ -96,20 +96,31 @@ bool readStrings(const Json& object, const char* key, std::vector<std::string>& 
   return true;
 }
 
+// An array of objects under `key`, each read by `read` into an Entry.
+template <typename Entry, typename Read>
+bool readObjects(const Json& object, const char* key, std::vector<Entry>& out, Read read) {
+  const auto it = object.find(key);
+  if (it == object.end() || !it->is_array()) {
+    return false;
+  }
+  for (const Json& item : *it) {
+    Entry entry;
+    if (!item.is_object() || !read(item, entry)) {
+      return false;
+    }
+    out.push_back(std::move(entry));
+  }
+  return true;
+}
+
 std::optional<ConfigMsg> readConfig(const Json& object) {
   ConfigMsg message;
-  const auto roles = object.find("roles");
-  if (!readStrings(object, "channels", message.channels) || roles == object.end() ||
-      !roles->is_array()) {
+  if (!readStrings(object, "channels", message.channels) ||
+      !readObjects(object, "roles", message.roles, [](const Json& item, Role& role) {
+        return readString(item, "name", role.name) && readStrings(item, "talk", role.talk) &&
+               readStrings(item, "listen", role.listen);
+      })) {
     return std::nullopt;
-  }
-  for (const Json& entry : *roles) {
-    Role role;
-    if (!entry.is_object() || !readString(entry, "name", role.name) ||
-        !readStrings(entry, "talk", role.talk) || !readStrings(entry, "listen", role.listen)) {
-      return std::nullopt;
-    }
-    message.roles.push_back(std::move(role));
   }
   return message;
 }
@@ -126,17 +137,11 @@ std::optional<WelcomeMsg> readWelcome(const Json& object) {
 
 std::optional<RosterMsg> readRoster(const Json& object) {
   RosterMsg message;
-  const auto users = object.find("users");
-  if (users == object.end() || !users->is_array()) {
+  if (!readObjects(object, "users", message.users, [](const Json& item, RosterUser& user) {
+        return readUnsigned(item, "id", user.id) && readString(item, "name", user.name) &&
+               readString(item, "role", user.role);
+      })) {
     return std::nullopt;
-  }
-  for (const Json& entry : *users) {
-    RosterUser user;
-    if (!entry.is_object() || !readUnsigned(entry, "id", user.id) ||
-        !readString(entry, "name", user.name) || !readString(entry, "role", user.role)) {
-      return std::nullopt;
-    }
-    message.users.push_back(std::move(user));
   }
   return message;
 }
