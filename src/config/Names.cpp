@@ -63,9 +63,11 @@ std::optional<std::size_t> findName(std::string_view name, const std::vector<std
 std::string firstGraphemes(std::string_view text, std::size_t limit) {
   const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
   const auto size = static_cast<utf8proc_ssize_t>(text.size());
+  std::string out;
   utf8proc_int32_t state = 0;
   utf8proc_int32_t previous = -1;
   std::size_t clusters = 0;
+  std::size_t clusterBytes = 0;
   utf8proc_ssize_t pos = 0;
   while (pos < size) {
     utf8proc_int32_t cp = 0;
@@ -81,14 +83,20 @@ std::string firstGraphemes(std::string_view text, std::size_t limit) {
         break;
       }
       ++clusters;
+      clusterBytes = 0;
       if (cp < 0) {
         state = 0;
       }
     }
+    const auto n = static_cast<std::size_t>(len);
+    if (clusterBytes + n <= kClusterByteLimit) {
+      out.append(text.substr(static_cast<std::size_t>(pos), n));
+      clusterBytes += n;
+    }
     previous = cp;
     pos += len;
   }
-  return std::string(text.substr(0, static_cast<std::size_t>(pos)));
+  return out;
 }
 
 }  // namespace parlavox

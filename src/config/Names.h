@@ -15,8 +15,13 @@ bool sameName(std::string_view a, std::string_view b);
 // The position of the first entry of `names` equal to `name` by sameName().
 std::optional<std::size_t> findName(std::string_view name, const std::vector<std::string>& names);
 
-// The first `limit` user-perceived characters (extended grapheme clusters) of `text`. Invalid
-// UTF-8 is kept byte for byte; it is counted one byte per character.
+// The longest user-perceived character (extended grapheme cluster) firstGraphemes() keeps whole.
+// Every emoji sequence in use fits; a letter under thousands of combining marks does not.
+inline constexpr std::size_t kClusterByteLimit = 64;
+
+// The first `limit` user-perceived characters (extended grapheme clusters) of `text`, each cut to
+// at most kClusterByteLimit bytes by dropping its trailing code points. Invalid UTF-8 is kept byte
+// for byte; it is counted one byte per character.
 std::string firstGraphemes(std::string_view text, std::size_t limit);
 
 }  // namespace parlavox

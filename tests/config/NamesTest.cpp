@@ -3,6 +3,7 @@
 #include <string>
 
 #include "config/Names.h"
+#include "config/Printable.h"
 
 namespace parlavox {
 namespace {
@@ -32,9 +33,25 @@ TEST(Names, FirstGraphemesKeepsWholeCharacters) {
        "\xff\xfe"
        "a"},  // invalid bytes count one each
       {"ab\xe2\x82", 3, "ab\xe2"},
+      {"e" + repeat("\u0301", 30000) + "f", 2, "e" + repeat("\u0301", 31) + "f"},  // 1 + 31 × 2
   };
   for (const auto& [text, limit, expected] : cases) {
     EXPECT_EQ(firstGraphemes(text, limit), expected) << text;
+  }
+}
+
+TEST(Names, PrintableKeepsOneLineAndTheOperatorsScreen) {
+  const std::string r = "\uFFFD";
+  const std::pair<std::string, std::string> cases[] = {
+      {"Régie 🎧 \u05E9\u05DC\u05D5\u05DD", "Régie 🎧 \u05E9\u05DC\u05D5\u05DD"},
+      {"Bob\n🎧 Eve joined as Director", "Bob" + r + "🎧 Eve joined as Director"},
+      {"\x1b[2J\x1b[H\r\t\x7f", r + "[2J" + r + "[H" + r + r + r},
+      {"a\u0085b\u009Bc", "a" + r + "b" + r + "c"},                           // C1: NEL, CSI
+      {"\u202Egnp.exe\u2066x\u2069\u2028", r + "gnp.exe" + r + "x" + r + r},  // bidi, separator
+      {"ok\xff\xc3", "ok" + r + r},                                           // not UTF-8
+  };
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(printable(text), expected) << text;
   }
 }
 
