@@ -99,4 +99,33 @@ std::string firstGraphemes(std::string_view text, std::size_t limit) {
   return out;
 }
 
+std::string_view graphemesWithin(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) {
+    return text;
+  }
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  const auto size = static_cast<utf8proc_ssize_t>(maxBytes + 1);  // enough to see the next break
+  utf8proc_int32_t state = 0;
+  utf8proc_int32_t previous = -1;
+  std::size_t kept = 0;  // where the last cluster that fits ends
+  utf8proc_ssize_t pos = 0;
+  while (pos < size) {
+    utf8proc_int32_t cp = 0;
+    auto len = utf8proc_iterate(bytes + pos, static_cast<utf8proc_ssize_t>(text.size()) - pos, &cp);
+    if (len < 0) {
+      cp = -1;
+      len = 1;
+    }
+    if (previous < 0 || cp < 0 || utf8proc_grapheme_break_stateful(previous, cp, &state)) {
+      kept = static_cast<std::size_t>(pos);
+      if (cp < 0) {
+        state = 0;
+      }
+    }
+    previous = cp;
+    pos += len;
+  }
+  return text.substr(0, kept);
+}
+
 }  // namespace parlavox

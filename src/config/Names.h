@@ -24,4 +24,7 @@ inline constexpr std::size_t kClusterByteLimit = 64;
 // for byte; it is counted one byte per character.
 std::string firstGraphemes(std::string_view text, std::size_t limit);
 
+// The longest prefix of `text` made of whole grapheme clusters and at most `maxBytes` long.
+std::string_view graphemesWithin(std::string_view text, std::size_t maxBytes);
+
 }  // namespace parlavox

@@ -1,6 +1,7 @@
 #include "platform/AsioEventLoop.h"
 
 #include <asio/post.hpp>
+#include <memory>
 
 namespace parlavox::platform {
 
@@ -13,6 +14,15 @@ void AsioEventLoop::every(std::chrono::milliseconds period, Task tick) {
       timers_.emplace_back(Repeating{asio::steady_timer(context_), period, std::move(tick)});
   repeating.timer.expires_after(period);
   arm(repeating);
+}
+
+void AsioEventLoop::after(std::chrono::milliseconds delay, Task task) {
+  auto timer = std::make_shared<asio::steady_timer>(context_, delay);
+  timer->async_wait([timer, task = std::move(task)](const std::error_code& error) {
+    if (!error) {
+      task();
+    }
+  });
 }
 
 void AsioEventLoop::arm(Repeating& repeating) {

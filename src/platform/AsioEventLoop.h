@@ -17,6 +17,8 @@ class AsioEventLoop final : public EventLoop {
   void post(Task task) override;
   // Main thread before run(), or the loop thread.
   void every(std::chrono::milliseconds period, Task tick) override;
+  // Loop thread.
+  void after(std::chrono::milliseconds delay, Task task) override;
   // Main thread. Runs the loop until stop(); the process normally never gets past it.
   void run();
   // Any thread.

@@ -16,6 +16,8 @@ class EventLoop {
   // Any thread before run(), or the loop thread. Calls `tick` on the loop thread every `period`,
   // the first time one period from now, for as long as the loop runs.
   virtual void every(std::chrono::milliseconds period, Task tick) = 0;
+  // Loop thread. Calls `task` once on the loop thread, `delay` from now.
+  virtual void after(std::chrono::milliseconds delay, Task task) = 0;
 };
 
 }  // namespace parlavox::platform

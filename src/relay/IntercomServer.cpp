@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "config/Printable.h"
 #include "relay/AudioRelay.h"
 #include "wire/Protocol.h"
 
@@ -77,8 +78,9 @@ void IntercomServer::remove(platform::PeerAddress address) {
   }
   address.transport->end(address);
   if (peer->joined) {
-    platform_.console.print(fmt::format("👋 {} ({}) left", peer->name, peer->role));
-    broadcastRoster();
+    platform_.console.print(
+        fmt::format("👋 {} ({}) left", printable(peer->name), printable(peer->role)));
+    rosterChanged();
   }
 }
 
@@ -86,7 +88,7 @@ void IntercomServer::sweep() {
   const platform::MonoTime cutoff = platform_.clock.now() - silenceLimit;
   for (const platform::PeerAddress& address : peers_.silentSince(cutoff)) {
     if (const Peer* peer = peers_.find(address); peer != nullptr && peer->joined) {
-      platform_.console.print(fmt::format("⏱️  {} timed out", peer->name));
+      platform_.console.print(fmt::format("⏱️  {} timed out", printable(peer->name)));
     }
     remove(address);
   }
@@ -98,9 +100,13 @@ void IntercomServer::handleControl(Bytes payload, const Peer& peer) {
     return;
   }
   if (message->t == "hi") {
-    peer.address.transport->send(peer.address, asBytes(configReply_));
+    if (configReplies_.allow(peer.address.host, platform_.clock.now())) {
+      peer.address.transport->send(peer.address, asBytes(configReply_));
+    }
   } else if (message->t == "join") {
-    join(*message, peer);
+    if (joins_.allow(peer.address.host, platform_.clock.now())) {
+      join(*message, peer);
+    }
   } else if (message->t == "ping") {
     send(wire::SimpleMsg{peer.joined ? "pong" : "rejoin", std::nullopt}, peer.address);
   } else if (message->t == "bye") {
@@ -120,11 +126,13 @@ void IntercomServer::join(const wire::Incoming& message, const Peer& peer) {
   }
   // The operator hears of a role's unknown channels each time its masks are put to use.
   for (const std::string& channel : role->unknownChannels) {
-    platform_.console.print(fmt::format("⚠️  Role refers to unknown channel \"{}\"", channel));
+    platform_.console.print(
+        fmt::format("⚠️  Role refers to unknown channel \"{}\"", printable(channel)));
   }
-  platform_.console.print(fmt::format("🎧 {} joined as {}", peer.name, peer.role));
+  platform_.console.print(
+      fmt::format("🎧 {} joined as {}", printable(peer.name), printable(peer.role)));
   send(wire::WelcomeMsg{peer.id, peer.role, peer.talkMask, peer.listenMask}, peer.address);
-  broadcastRoster();
+  rosterChanged();
 }
 
 template <typename Message>
@@ -135,7 +143,29 @@ void IntercomServer::send(const Message& message, const platform::PeerAddress& t
   }
 }
 
+// The first change after a quiet period goes out at once; later ones wait for the period's end
+// and go out together.
+void IntercomServer::rosterChanged() {
+  if (rosterScheduled_) {
+    return;
+  }
+  const platform::MonoTime now = platform_.clock.now();
+  if (!lastRoster_ || now - *lastRoster_ >= rosterPeriod) {
+    broadcastRoster();
+    return;
+  }
+  rosterScheduled_ = true;
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*lastRoster_ + rosterPeriod - now);
+  platform_.loop.after(wait, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) {
+      self->rosterScheduled_ = false;
+      self->broadcastRoster();
+    }
+  });
+}
+
 void IntercomServer::broadcastRoster() {
+  lastRoster_ = platform_.clock.now();
   const std::string& roster = peers_.rosterDatagram();  // the same bytes for everyone
   if (roster.empty()) {
     return;

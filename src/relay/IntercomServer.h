@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "config/Show.h"
@@ -13,6 +14,7 @@
 #include "platform/EventLoop.h"
 #include "platform/Network.h"
 #include "relay/PeerTable.h"
+#include "relay/RateLimiter.h"
 #include "wire/ControlMessages.h"
 
 namespace parlavox {
@@ -37,6 +39,9 @@ class IntercomServer final : public platform::Transport::Peers,
 
   static constexpr auto sweepPeriod = std::chrono::seconds(2);
   static constexpr auto silenceLimit = std::chrono::seconds(8);
+  // Rosters go out at most once per this period, the last one always the current crew: a burst
+  // of joins or departures costs each peer a few rosters, not one per event.
+  static constexpr auto rosterPeriod = std::chrono::milliseconds(200);
 
   // Any thread. Starts nothing and prints nothing.
   static std::shared_ptr<IntercomServer> create(Show show, ServerPlatform platform,
@@ -62,6 +67,7 @@ class IntercomServer final : public platform::Transport::Peers,
   // By value: callers may pass the address held by the peer that goes.
   void remove(platform::PeerAddress address);
   void sweep();
+  void rosterChanged();
   void broadcastRoster();
   template <typename Message>
   void send(const Message& message, const platform::PeerAddress& to);
@@ -71,6 +77,12 @@ class IntercomServer final : public platform::Transport::Peers,
   ExitPolicy exit_;
   const std::string configReply_;  // the answer to every "hi", encoded once
   PeerTable peers_;
+  // Per source host, so that a forged source can neither make the server reflect configurations
+  // at a victim nor churn the crew with joins; an ordinary client never comes near either.
+  RateLimiter configReplies_{20, 5};
+  RateLimiter joins_{32, 8};
+  std::optional<platform::MonoTime> lastRoster_;
+  bool rosterScheduled_ = false;
   std::unique_ptr<platform::PeerListener> listener_;
 };
 

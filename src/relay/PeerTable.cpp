@@ -32,11 +32,17 @@ std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const L
 const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::MonoTime now,
                                  bool keepsAlive) {
   auto [it, isNew] = peers_.try_emplace(from);
-  Peer& peer = it->second;
+  Peer& peer = it->second.peer;
   if (isNew) {
     peer.address = from;
-  }
-  if (isNew || keepsAlive) {
+    peer.lastSeen = now;
+    it->second.unjoined = unjoined_.insert(unjoined_.end(), from);
+    if (unjoined_.size() > kUnjoinedLimit) {
+      const platform::PeerAddress oldest = unjoined_.front();  // never the newcomer
+      erase(peers_.find(oldest));
+      oldest.transport->end(oldest);
+    }
+  } else if (keepsAlive) {
     peer.lastSeen = now;
   }
   return peer;
@@ -44,7 +50,7 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
 
 const Peer* PeerTable::find(const platform::PeerAddress& address) const {
   const auto found = peers_.find(address);
-  return found == peers_.end() ? nullptr : &found->second;
+  return found == peers_.end() ? nullptr : &found->second.peer;
 }
 
 bool PeerTable::join(const platform::PeerAddress& address, std::string_view name,
@@ -53,13 +59,15 @@ bool PeerTable::join(const platform::PeerAddress& address, std::string_view name
   if (found == peers_.end()) {
     return false;
   }
-  Peer& peer = found->second;
+  Peer& peer = found->second.peer;
   if (!peer.joined) {
-    const auto id = allocateID(nextID_, listeners_);
+    const auto id =
+        listeners_.size() < kJoinedLimit ? allocateID(nextID_, listeners_) : std::nullopt;
     if (!id) {
       return false;
     }
     peer.id = *id;
+    unjoined_.erase(found->second.unjoined);
   }
   peer.name = firstGraphemes(name, kNameLimit);
   peer.role = role.name;
@@ -75,40 +83,94 @@ std::optional<Peer> PeerTable::remove(const platform::PeerAddress& address) {
   if (found == peers_.end()) {
     return std::nullopt;
   }
-  Peer peer = std::move(found->second);
-  peers_.erase(found);
-  if (peer.joined) {
+  Peer peer = std::move(found->second.peer);
+  erase(found);
+  return peer;
+}
+
+void PeerTable::erase(
+    std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash>::iterator entry) {
+  const bool joined = entry->second.peer.joined;
+  if (!joined) {
+    unjoined_.erase(entry->second.unjoined);
+  }
+  peers_.erase(entry);
+  if (joined) {
     joinedChanged();
   }
-  return peer;
 }
 
 std::vector<platform::PeerAddress> PeerTable::silentSince(platform::MonoTime cutoff) const {
   std::vector<platform::PeerAddress> silent;
-  for (const auto& [address, peer] : peers_) {
-    if (peer.lastSeen < cutoff) {
+  for (const auto& [address, entry] : peers_) {
+    if (entry.peer.lastSeen < cutoff) {
       silent.push_back(address);
     }
   }
   return silent;
 }
 
-// Joins and departures are rare next to datagrams: the fan-out array and the roster are rebuilt
-// whole, so that the paths that read them never have to.
+const std::string& PeerTable::rosterDatagram() {
+  if (rosterStale_) {
+    wire::RosterMsg roster;
+    roster.users.reserve(listeners_.size());
+    for (const Listener& listener : listeners_) {
+      const Peer& peer = peers_.find(*listener.address)->second.peer;
+      roster.users.push_back({peer.id, peer.name, peer.role});
+    }
+    roster_ = roster.users.empty() ? std::string()
+                                   : encodeRosterWithin(std::move(roster), wire::maxDatagram);
+    rosterStale_ = false;
+  }
+  return roster_;
+}
+
+// Joins and departures are rare next to datagrams: the fan-out array is rebuilt whole, so that
+// the paths that read it never have to; the roster waits until it is sent.
 void PeerTable::joinedChanged() {
   listeners_.clear();
-  wire::RosterMsg roster;
-  for (const auto& [address, peer] : peers_) {
-    if (peer.joined) {
-      listeners_.push_back({peer.id, peer.listenMask, address.transport, &address});
-      roster.users.push_back({peer.id, peer.name, peer.role});
+  for (const auto& [address, entry] : peers_) {
+    if (entry.peer.joined) {
+      listeners_.push_back({entry.peer.id, entry.peer.listenMask, address.transport, &address});
     }
   }
   std::sort(listeners_.begin(), listeners_.end(),
             [](const Listener& a, const Listener& b) { return a.id < b.id; });
-  std::sort(roster.users.begin(), roster.users.end(),
-            [](const wire::RosterUser& a, const wire::RosterUser& b) { return a.id < b.id; });
-  roster_ = roster.users.empty() ? std::string() : wire::encodeControl(roster);
+  rosterStale_ = true;
+}
+
+std::string encodeRosterWithin(wire::RosterMsg roster, std::size_t limit) {
+  std::string datagram = wire::encodeControl(roster);
+  if (datagram.size() <= limit) {
+    return datagram;
+  }
+  // The largest length every name may keep, found by halving: few encodings, and only for
+  // rosters no real crew makes.
+  const wire::RosterMsg whole = roster;
+  std::size_t longest = 0;
+  for (const wire::RosterUser& user : whole.users) {
+    longest = std::max(longest, user.name.size());
+  }
+  const auto cutTo = [&](std::size_t cap) {
+    for (std::size_t i = 0; i < whole.users.size(); ++i) {
+      roster.users[i].name = std::string(graphemesWithin(whole.users[i].name, cap));
+    }
+    return wire::encodeControl(roster);
+  };
+  std::size_t low = 0;  // the answer when even empty names do not fit
+  std::size_t high = longest;
+  datagram = cutTo(0);
+  while (low < high) {
+    const std::size_t middle = low + (high - low + 1) / 2;
+    std::string attempt = cutTo(middle);
+    if (attempt.size() <= limit) {
+      low = middle;
+      datagram = std::move(attempt);
+    } else {
+      high = middle - 1;
+    }
+  }
+  return datagram;
 }
 
 }  // namespace parlavox

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <optional>
 #include <span>
 #include <string>
@@ -9,19 +10,25 @@
 
 #include "config/Show.h"
 #include "relay/Peer.h"
+#include "wire/ControlMessages.h"
 
 namespace parlavox {
 
 // Every client the intercom knows, joined or not: the one place a client's state lives. It keeps
 // the rules that hold among peers itself: one peer per address, names of at most 24 characters,
 // ids unique among the joined and never 0 or the announcer's, and the joined peers in ascending
-// order of id for the fan-outs and the roster. Loop thread only; it prints and sends nothing.
+// order of id for the fan-outs and the roster. Its memory is bounded whatever arrives: at most
+// kUnjoinedLimit peers that have not joined (any source address can make one) and kJoinedLimit
+// joined ones. Loop thread only; it prints and sends nothing.
 class PeerTable {
  public:
   static constexpr std::size_t kNameLimit = 24;  // user-perceived characters
+  static constexpr std::size_t kUnjoinedLimit = 4096;
+  static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
 
   // The peer at `from`, a new unjoined one if there is none. A datagram that says anything
-  // (`keepsAlive`) refreshes its lastSeen.
+  // (`keepsAlive`) refreshes its lastSeen. A new peer beyond kUnjoinedLimit evicts the oldest
+  // unjoined one, whose transport is told with end(); joined peers are never evicted.
   const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, bool keepsAlive);
 
   // The peer at `address`, or nothing.
@@ -29,7 +36,7 @@ class PeerTable {
 
   // Joins the peer at `address` as `role` under `name` (cut to kNameLimit characters), or joins it
   // again: a first join takes the next free id, a later one keeps it. False, the peer unchanged,
-  // when every id is taken.
+  // when kJoinedLimit peers have joined already or every id is taken.
   bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role);
 
   // Takes the peer at `address` out of the table: what it was, or nothing if it was not there.
@@ -40,17 +47,32 @@ class PeerTable {
 
   // Every joined peer, in ascending order of id.
   std::span<const Listener> listeners() const { return listeners_; }
-  // The "roster" datagram of the joined peers, encoded once per change; empty with nobody joined.
-  const std::string& rosterDatagram() const { return roster_; }
+  // The "roster" datagram of the joined peers, encoded when first asked for after a change; empty
+  // with nobody joined. It always fits one datagram: the longest names are shortened if need be.
+  const std::string& rosterDatagram();
+
+  std::size_t size() const { return peers_.size(); }
 
  private:
+  struct Entry {
+    Peer peer;
+    std::list<platform::PeerAddress>::iterator unjoined;  // its place in unjoined_ until it joins
+  };
+  void erase(std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash>::iterator);
   void joinedChanged();
 
-  std::unordered_map<platform::PeerAddress, Peer, platform::PeerAddressHash> peers_;
+  std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash> peers_;
+  std::list<platform::PeerAddress> unjoined_;  // oldest first
   std::vector<Listener> listeners_;
   std::string roster_;
+  bool rosterStale_ = false;
   std::uint16_t nextID_ = 1;
 };
+
+// Any thread; pure. `roster` encoded as one "roster" datagram of at most `limit` bytes: when it
+// would not fit, every name longer than some byte length is cut, at a grapheme boundary, to the
+// most that lets it fit.
+std::string encodeRosterWithin(wire::RosterMsg roster, std::size_t limit);
 
 // Any thread; pure. The id for a peer's first join: the first id from `nextID` upward (wrapping)
 // that no joined peer holds, never 0 (no id) and never 0xFFFF (the announcer's). Advances

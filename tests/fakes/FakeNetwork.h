@@ -14,7 +14,8 @@ namespace parlavox::test {
 using Datagram = std::vector<std::uint8_t>;
 
 // The intercom's port, played by the test: clients are numbers, deliver() is a datagram from one,
-// and `sent` holds what the server sent to each.
+// and `sent` holds what the server sent to each. A client number's bits from 16 up pick its host:
+// clients 1, 2, 3 are three programs on one machine, 1 << 16 and 2 << 16 two machines.
 class FakePeerListener final : public platform::PeerListener {
  public:
   void start(Peers& peers, Handlers handlers) override {
@@ -28,7 +29,14 @@ class FakePeerListener final : public platform::PeerListener {
   }
   void end(const platform::PeerAddress& peer) override { ended.push_back(peer.slot); }
 
-  platform::PeerAddress address(std::uint64_t client) { return {this, {}, client}; }
+  platform::PeerAddress address(std::uint64_t client) {
+    platform::PeerAddress address{this, {}, client};
+    const std::uint64_t host = client >> 16;
+    for (std::size_t i = 0; i < 8; ++i) {
+      address.host.at(15 - i) = static_cast<std::uint8_t>(host >> (8 * i));
+    }
+    return address;
+  }
   void deliver(std::uint64_t client, const Datagram& datagram) {
     peers_->deliver(address(client), datagram);
   }

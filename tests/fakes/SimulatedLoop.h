@@ -24,6 +24,9 @@ class SimulatedLoop final : public platform::EventLoop {
   void every(std::chrono::milliseconds period, Task tick) override {
     timers_.push_back({clock_.now() + period, period, std::move(tick)});
   }
+  void after(std::chrono::milliseconds delay, Task task) override {
+    timers_.push_back({clock_.now() + delay, std::chrono::milliseconds::zero(), std::move(task)});
+  }
 
   // Runs what has been posted, and whatever that posts, until nothing is left.
   void runPosted() {
@@ -52,8 +55,13 @@ class SimulatedLoop final : public platform::EventLoop {
         break;
       }
       clock_.advance(next->due - clock_.now());
-      next->due += next->period;
-      next->tick();
+      Task tick = next->tick;
+      if (next->period == std::chrono::milliseconds::zero()) {
+        timers_.erase(next);  // a one-shot
+      } else {
+        next->due += next->period;
+      }
+      tick();  // may add timers
     }
     clock_.advance(end - clock_.now());
   }
@@ -61,7 +69,7 @@ class SimulatedLoop final : public platform::EventLoop {
  private:
   struct Timer {
     platform::MonoTime due;
-    std::chrono::milliseconds period;
+    std::chrono::milliseconds period;  // zero: runs once
     Task tick;
   };
   FakeClock& clock_;

@@ -9,6 +9,7 @@
 #include "fakes/FakeNetwork.h"
 #include "fakes/SimulatedLoop.h"
 #include "relay/IntercomServer.h"
+#include "wire/Protocol.h"
 
 namespace parlavox {
 namespace {
@@ -50,9 +51,13 @@ class IntercomServerTest : public testing::Test {
     return out;
   }
 
+  // Lets a roster held back by an earlier one go out.
+  void settle() { loop.advance(IntercomServer::rosterPeriod); }
+
   // A joined client; everybody's inbox and the console are emptied of the join.
   void joined(std::uint64_t client, const std::string& name, const std::string& role) {
     send(client, {{"t", "join"}, {"name", name}, {"role", role}});
+    settle();
     port->sent.clear();
     console.take();
   }
@@ -87,6 +92,7 @@ TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryJoinedClient) {
   send(3, {{"t", "hi"}});
   port->sent.clear();
   send(2, {{"t", "join"}, {"name", "Bea"}, {"role", "Director (listen only)"}});
+  settle();
   const json both = json::parse(R"j([{"id":1,"name":"Crew","role":"Lighting"},
                                     {"id":2,"name":"Bea","role":"Director (listen only)"}])j");
   const auto replies = take(2);
@@ -99,6 +105,7 @@ TEST_F(IntercomServerTest, JoinWelcomesThenSendsTheRosterToEveryJoinedClient) {
 
   // Joining again keeps the id, and everyone hears of the new role.
   send(1, {{"t", "join"}, {"name", "Ann"}, {"role", "Stage Manager"}});
+  settle();
   EXPECT_EQ(take(1).at(0)["id"], 1);
   EXPECT_EQ(take(2).at(0)["users"][0],
             json({{"id", 1}, {"name", "Ann"}, {"role", "Stage Manager"}}));
@@ -113,6 +120,7 @@ TEST_F(IntercomServerTest, JoinsTakeTheShowsRulesAndWarnings) {
   const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
   for (const std::string& name : {thirty, std::string()}) {
     send(1, {{"t", "join"}, {"name", name}, {"role", "Re\xCC\x81gie"}});
+    settle();
     const auto replies = take(1);
     EXPECT_EQ(replies.at(0)["role"], "R\xC3\xA9gie");
     EXPECT_EQ(replies.at(0)["talkMask"], 1);
@@ -178,6 +186,7 @@ TEST_F(IntercomServerTest, DeparturesAreAnnouncedOnlyForJoinedClients) {
   send(2, {{"t", "bye"}});
   port->close(3);  // its connection closed
   port->close(3);  // and a second report finds nobody
+  settle();
   EXPECT_EQ(console.take(), (Lines{"👋 Bo (Lighting) left", "👋 Cy (Sound) left"}));
   EXPECT_EQ(take(1).back()["users"], json::parse(R"([{"id":1,"name":"Ann","role":"Sound"}])"));
   EXPECT_EQ(port->ended, (std::vector<std::uint64_t>{4, 2, 3})) << "the transport lets each go";
@@ -218,6 +227,101 @@ TEST_F(IntercomServerTest, TheSweepDropsClientsSilentForMoreThanEightSeconds) {
   EXPECT_EQ(lines, (Lines{"⏱️  Chatty timed out", "⏱️  Late timed out",
                           "👋 Chatty (Lighting) left", "👋 Late (Sound) left"}));
   EXPECT_EQ(take(5).size(), 2U);
+}
+
+// A client on a machine of its own: bits from 16 up pick the host.
+constexpr std::uint64_t machine(std::uint64_t n) {
+  return n << 16;
+}
+
+TEST_F(IntercomServerTest, StrangersAreBoundedAndNeverCrowdOutTheCrew) {
+  joined(1, "Ann", "Sound");
+  joined(2, "Bo", "Sound");
+  const std::size_t strangers = PeerTable::kUnjoinedLimit + 10;
+  for (std::uint64_t i = 1; i <= strangers; ++i) {
+    port->deliver(machine(i), {0x07});
+  }
+  ASSERT_EQ(port->ended.size(), 10U);
+  EXPECT_EQ(port->ended.front(), machine(1)) << "the oldest strangers go first";
+  EXPECT_EQ(port->ended.back(), machine(10));
+  const Datagram onTech{0x02, 0, 0, 0x02, 0, 0, 0, 1, 0, 0xAB};
+  port->deliver(1, onTech);
+  EXPECT_EQ(port->sent[2].size(), 1U) << "the crew still hears each other";
+}
+
+// 24 characters of 63 bytes each, for 500 joined: a roster several times a datagram's size.
+TEST_F(IntercomServerTest, AFullIntercomStillSendsARosterThatFits) {
+  std::string heavy = "e";
+  for (int i = 0; i < 31; ++i) {
+    heavy += "\u0301";
+  }
+  std::string name;
+  for (int i = 0; i < 30; ++i) {
+    name += heavy + "\u0301";  // each character one mark too many: cut to 63 bytes
+  }
+  for (std::uint64_t i = 1; i <= PeerTable::kJoinedLimit + 1; ++i) {
+    send(machine(i), {{"t", "join"}, {"name", name}, {"role", "Sound"}});
+  }
+  settle();
+  EXPECT_EQ(take(machine(PeerTable::kJoinedLimit + 1)),
+            std::vector<json>{json({{"t", "error"}, {"reason", "The intercom is full."}})});
+  const Datagram& last = port->sent[machine(1)].back();
+  ASSERT_LE(last.size(), wire::maxDatagram);
+  const json roster = json::parse(last.begin() + 1, last.end());
+  ASSERT_EQ(roster["users"].size(), PeerTable::kJoinedLimit);
+  for (const json& user : roster["users"]) {
+    const auto kept = user["name"].get<std::string>();
+    EXPECT_TRUE(!kept.empty() && kept.size() % heavy.size() == 0 &&
+                name.starts_with(kept.substr(0, kept.size() - heavy.size())))
+        << "whole characters only";
+  }
+}
+
+TEST_F(IntercomServerTest, ConfigRepliesAndJoinsAreRateLimitedPerHost) {
+  struct Case {
+    json message;
+    std::size_t burst;
+    std::size_t perSecond;
+  };
+  for (const Case& c :
+       {Case{{{"t", "hi"}}, 20, 5}, Case{{{"t", "join"}, {"role", "Sound"}}, 32, 8}}) {
+    startWith(defaultConfig());
+    const auto answered = [&](std::uint64_t firstClient, std::size_t count) {
+      std::size_t replies = 0;
+      for (std::uint64_t i = firstClient; i < firstClient + count; ++i) {
+        send(i, c.message);
+        replies += take(i).empty() ? 0U : 1U;
+      }
+      return replies;
+    };
+    // Programs on one machine share its bucket; another machine has its own.
+    EXPECT_EQ(answered(1, c.burst + 10), c.burst) << c.message;
+    EXPECT_EQ(answered(machine(1), 3), 3U) << c.message;
+    loop.advance(1s);
+    EXPECT_EQ(answered(100, c.burst), c.perSecond) << c.message;
+  }
+}
+
+TEST_F(IntercomServerTest, RostersOfABurstAreCoalesced) {
+  joined(1, "Ann", "Sound");
+  loop.advance(1s);
+  // 1,000 joins at 200 a second: the first roster goes at once, then at most one per 200 ms.
+  std::size_t rosters = 0;
+  for (std::uint64_t i = 1; i <= 1000; ++i) {
+    send(machine(i), {{"t", "join"}, {"role", "Sound"}});
+    if (i == 1) {
+      EXPECT_EQ(take(1).size(), 1U) << "the first change after a quiet time goes at once";
+      rosters = 1;
+    }
+    loop.advance(5ms);
+  }
+  rosters += take(1).size();
+  EXPECT_LE(rosters, 5U * 5 + 2);
+  send(machine(1), {{"t", "bye"}});
+  settle();
+  const auto last = take(1);
+  ASSERT_EQ(last.size(), 1U);
+  EXPECT_EQ(last[0]["users"].size(), PeerTable::kJoinedLimit - 1) << "the last is the crew now";
 }
 
 }  // namespace

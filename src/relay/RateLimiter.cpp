@@ -1,0 +1,45 @@
+#include "relay/RateLimiter.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+namespace parlavox {
+
+std::size_t RateLimiter::HostHash::operator()(const Host& host) const noexcept {
+  std::uint64_t words[2];
+  std::memcpy(words, host.data(), sizeof words);
+  const std::uint64_t h = (words[0] * 0x9E3779B97F4A7C15ULL ^ words[1]) * 0xBF58476D1CE4E5B9ULL;
+  return static_cast<std::size_t>(h ^ (h >> 31));
+}
+
+RateLimiter::RateLimiter(double burst, double perSecond, std::size_t hosts)
+    : burst_(burst), perSecond_(perSecond), hosts_(std::max<std::size_t>(hosts, 1)) {
+  buckets_.reserve(hosts_);
+  order_.reserve(hosts_);
+}
+
+bool RateLimiter::allow(const Host& host, platform::MonoTime now) {
+  auto found = buckets_.find(host);
+  if (found == buckets_.end()) {
+    if (order_.size() < hosts_) {
+      order_.push_back(host);
+    } else {
+      buckets_.erase(order_[oldest_]);
+      order_[oldest_] = host;
+      oldest_ = (oldest_ + 1) % order_.size();
+    }
+    found = buckets_.emplace(host, Bucket{burst_, now}).first;
+  }
+  Bucket& bucket = found->second;
+  const double elapsed = std::chrono::duration<double>(now - bucket.filledAt).count();
+  bucket.tokens = std::min(burst_, bucket.tokens + elapsed * perSecond_);
+  bucket.filledAt = now;
+  if (bucket.tokens < 1.0) {
+    return false;
+  }
+  bucket.tokens -= 1.0;
+  return true;
+}
+
+}  // namespace parlavox
