@@ -24,12 +24,19 @@ constexpr int kClientBuffer = 4 << 20;  // so that losses are the target's, not 
 constexpr std::uint32_t kMainChannel = 0x1;
 constexpr std::int64_t kPingPeriodNs = 2'000'000'000;
 
-sockaddr_in loopback(std::uint16_t port) {
+sockaddr_in loopback(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_addr.s_addr = htonl(host);
   return address;
+}
+
+// Client i's own loopback address, 127.1.x.y: real crew devices each have an address, and the
+// server limits configs and joins per address.
+std::uint32_t clientHost(std::size_t i) {
+  return (127U << 24) | (1U << 16) | static_cast<std::uint32_t>((i / 250) << 8) |
+         static_cast<std::uint32_t>(i % 250 + 1);
 }
 
 std::chrono::nanoseconds threadCpu() {
@@ -105,7 +112,7 @@ LoadGenerator::LoadGenerator(std::size_t clients)
     }
     const int on = 1;
     (void)::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-    sockaddr_in local = loopback(0);
+    sockaddr_in local = loopback(0, clientHost(i));
     socklen_t length = sizeof local;
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) {

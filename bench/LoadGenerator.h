@@ -63,13 +63,13 @@ struct RunResult {
 // bare forwarder face exactly this generator.
 class LoadGenerator {
  public:
-  // Opens `clients` sockets on 127.0.0.1. Throws std::system_error.
+  // Opens `clients` sockets, each on a loopback address of its own. Throws std::system_error.
   explicit LoadGenerator(std::size_t clients);
   ~LoadGenerator();
   LoadGenerator(const LoadGenerator&) = delete;
   LoadGenerator& operator=(const LoadGenerator&) = delete;
 
-  // Joins every client at 127.0.0.1:`port` as "crew-{i}" in `role`; true when every one was
+  // Joins every client to 127.0.0.1:`port` as "crew-{i}" in `role`; true when every one was
   // welcomed within `timeout`.
   bool join(std::uint16_t port, const std::string& role, std::chrono::milliseconds timeout);
   // Every client says "bye" to `port`.

@@ -22,6 +22,18 @@ constexpr std::size_t kArena = 2 * kMaxDatagram;  // always room for one more da
 constexpr std::size_t kSendsPerTurn = 256;
 constexpr std::size_t kDatagramsPerTurn = 64;
 
+// Room in the kernel for a burst (the whole crew keying at once, or a flood from the network)
+// to wait while the loop is busy, rather than be dropped. Beyond net.core.rmem_max only a
+// process allowed to administer the network gets it; others get that maximum.
+constexpr int kReceiveBuffer = 4 << 20;
+
+void enlargeReceiveBuffer(asio::ip::udp::socket& socket) {
+  const int size = kReceiveBuffer;
+  if (::setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
+    (void)::setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  }
+}
+
 asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) {
   asio::ip::udp::socket socket(context);
   std::error_code error;
@@ -33,6 +45,7 @@ asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) 
     socket.bind({asio::ip::address_v6::any(), port}, error);
     if (!error) {
       socket.non_blocking(true);
+      enlargeReceiveBuffer(socket);
       return socket;
     }
     if (error != std::errc::address_family_not_supported &&
@@ -46,6 +59,7 @@ asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) 
   socket.open(asio::ip::udp::v4());
   socket.bind({asio::ip::address_v4::any(), port});
   socket.non_blocking(true);
+  enlargeReceiveBuffer(socket);
   return socket;
 }
 

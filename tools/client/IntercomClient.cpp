@@ -1,5 +1,6 @@
 #include "client/IntercomClient.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -28,9 +29,16 @@ std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
   return audio;
 }
 
-IntercomClient::IntercomClient(const std::string& host, std::uint16_t port) {
+IntercomClient::IntercomClient(const std::string& host, std::uint16_t port,
+                               const std::string& from) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  if (!from.empty() && ::inet_pton(AF_INET, from.c_str(), &local.sin_addr) != 1) {
+    throw std::system_error(std::make_error_code(std::errc::invalid_argument),
+                            "not an IPv4 address: " + from);
+  }
   addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
+  hints.ai_family = from.empty() ? AF_UNSPEC : AF_INET;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
   const int status = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
@@ -41,7 +49,10 @@ IntercomClient::IntercomClient(const std::string& host, std::uint16_t port) {
   int error = 0;
   for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
     fd_ = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
-    if (fd_ >= 0 && ::connect(fd_, a->ai_addr, a->ai_addrlen) == 0) {
+    if (fd_ >= 0 &&
+        (from.empty() ||
+         ::bind(fd_, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) &&
+        ::connect(fd_, a->ai_addr, a->ai_addrlen) == 0) {
       break;
     }
     error = errno;

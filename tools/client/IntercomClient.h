@@ -27,8 +27,11 @@ struct Audio : wire::AudioHeader {
 // parlavox-client tool. Not thread-safe; one user at a time.
 class IntercomClient {
  public:
-  // Resolves `host` (name or address) and connects a UDP socket to it. Throws std::system_error.
-  explicit IntercomClient(const std::string& host, std::uint16_t port = wire::intercomPort);
+  // Resolves `host` (name or address) and connects a UDP socket to it, from the local IPv4
+  // address `from` if one is given (any of 127.0.0.0/8 on loopback: one machine playing many crew
+  // devices). Throws std::system_error.
+  explicit IntercomClient(const std::string& host, std::uint16_t port = wire::intercomPort,
+                          const std::string& from = {});
   ~IntercomClient();
   IntercomClient(const IntercomClient&) = delete;
   IntercomClient& operator=(const IntercomClient&) = delete;
