@@ -42,6 +42,7 @@ class CrewSession {
   // "bye".
   void leave();
 
+  bool joined() const { return joined_; }
   std::uint16_t id() const { return id_; }
   const std::string& role() const { return role_; }
   std::uint32_t talkMask() const { return talkMask_; }

@@ -74,7 +74,52 @@ IntercomClient::~IntercomClient() {
 }
 
 void IntercomClient::sendRaw(std::span<const std::uint8_t> datagram) {
+  if (!impairment_) {
+    sendNow(datagram);
+    return;
+  }
+  sendHeld();
+  std::uniform_real_distribution<double> chance(0.0, 1.0);
+  if (chance(random_) < impairment_->loss) {
+    return;
+  }
+  const int copies = chance(random_) < impairment_->duplicate ? 2 : 1;
+  for (int i = 0; i < copies; ++i) {
+    if (chance(random_) < impairment_->reorder) {
+      const auto hold =
+          std::chrono::duration<double, std::milli>(impairment_->delay) * chance(random_);
+      held_.emplace_back(Clock::now() + std::chrono::duration_cast<Clock::duration>(hold),
+                         Datagram(datagram.begin(), datagram.end()));
+    } else {
+      sendNow(datagram);
+    }
+  }
+}
+
+void IntercomClient::sendNow(std::span<const std::uint8_t> datagram) {
   (void)::send(fd_, datagram.data(), datagram.size(), MSG_NOSIGNAL);
+}
+
+void IntercomClient::impair(const Impairment& impairment) {
+  impairment_ = impairment;
+  random_.seed(impairment.seed);
+}
+
+std::optional<std::chrono::milliseconds> IntercomClient::sendHeld() {
+  const auto now = Clock::now();
+  std::optional<Clock::time_point> next;
+  std::erase_if(held_, [&](const auto& entry) {
+    if (entry.first <= now) {
+      sendNow(entry.second);
+      return true;
+    }
+    next = next ? std::min(*next, entry.first) : entry.first;
+    return false;
+  });
+  if (!next) {
+    return std::nullopt;
+  }
+  return std::chrono::ceil<std::chrono::milliseconds>(*next - now);
 }
 
 void IntercomClient::sendControl(const nlohmann::json& message) {
@@ -93,11 +138,19 @@ void IntercomClient::sendAudio(std::uint16_t senderID, std::uint32_t mask, std::
 std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   for (;;) {
-    const auto left =
+    auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto heldDue = sendHeld();
+    const bool heldFirst = heldDue && heldDue->count() < left;
+    if (heldFirst) {
+      left = heldDue->count();
+    }
     pollfd p{fd_, POLLIN, 0};
     const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(left, 0)));
     if (ready == 0) {
+      if (heldFirst) {
+        continue;
+      }
       return std::nullopt;
     }
     if (ready < 0 && errno == EINTR) {

@@ -5,6 +5,7 @@
 #include <deque>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <vector>
@@ -60,9 +61,25 @@ class IntercomClient {
                                      const std::string& role,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
+  // A lossy, reordering network, played by the client itself for soak runs (no netem here):
+  // each datagram it sends from now on is lost with probability `loss`, or held back for up to
+  // `delay` with probability `reorder` (so later ones overtake it), and sent twice with
+  // probability `duplicate`. Held datagrams leave during later sends and receives.
+  struct Impairment {
+    double loss = 0;
+    double reorder = 0;
+    double duplicate = 0;
+    std::chrono::milliseconds delay{80};
+    std::uint32_t seed = 1;
+  };
+  void impair(const Impairment& impairment);
+
   int fd() const { return fd_; }
 
  private:
+  void sendNow(std::span<const std::uint8_t> datagram);
+  // Sends the held datagrams that are due; the time until the next one is due, if any.
+  std::optional<std::chrono::milliseconds> sendHeld();
   void keep(Datagram datagram);
   // Receives, keeping what arrives, until `queue` holds something or `timeout` passes; then takes
   // its first item.
@@ -70,6 +87,9 @@ class IntercomClient {
   std::optional<Item> takeNext(std::deque<Item>& queue, std::chrono::milliseconds timeout);
 
   int fd_ = -1;
+  std::optional<Impairment> impairment_;
+  std::mt19937 random_;
+  std::vector<std::pair<std::chrono::steady_clock::time_point, Datagram>> held_;
   Datagram buffer_ = Datagram(wire::maxDatagram + 1);
   std::deque<nlohmann::json> controls_;
   std::deque<Audio> audio_;

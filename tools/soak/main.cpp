@@ -1,0 +1,201 @@
+// parlavox-soak: a crew of clients on a bad network against a real server, for as long as a
+// show. Each client speaks from a loopback address of its own, loses, reorders, delays and
+// duplicates its own datagrams, keeps alive and talks in turns; the server's resident memory is
+// sampled throughout. Passes (exit 0) when the server is still running at the end, every client
+// is still joined, and resident memory after the first minute drifted by less than 5%.
+//   tests/e2e/netns-run parlavox-soak PARLAVOX [--minutes N] [--clients N]
+// Run it in a network namespace of its own (netns-run) so the fixed ports are free.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client/CrewSession.h"
+#include "client/IntercomClient.h"
+#include "platform/Clock.h"
+#include "platform/Console.h"
+#include "wire/Audio.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace parlavox;
+using namespace std::chrono_literals;
+
+// What the sessions print (roster changes of sixteen clients) is not the soak's report.
+class Silent final : public platform::Console {
+ public:
+  void print(std::string_view /*message*/) override {}
+};
+
+long residentKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmRSS:")) {
+      return std::stol(line.substr(6));
+    }
+  }
+  return -1;
+}
+
+struct Member {
+  std::atomic<std::uint64_t> sent = 0;
+  std::atomic<std::uint64_t> heard = 0;
+  std::atomic<bool> joined = false;
+};
+
+// One crew device: joins, then talks for 2 s out of every `turn`, its place in the turn set by
+// its number, and keeps alive in between, until `stop`.
+void crewMember(std::size_t n, std::size_t crew, Member& member, const std::atomic<bool>& stop) {
+  static const char* const kRoles[] = {"Stage Manager", "Lighting", "Sound", "Backstage Crew"};
+  Silent console;
+  platform::SteadyClock clock;
+  client::IntercomClient link("127.0.0.1", wire::intercomPort, fmt::format("127.1.0.{}", n + 1));
+  link.impair({.loss = 0.03,
+               .reorder = 0.05,
+               .duplicate = 0.01,
+               .seed = static_cast<std::uint32_t>(n + 1)});
+  client::CrewSession session(link, console, clock, "soak");
+  session.setAudioHandler([&](const client::Audio&, platform::MonoTime) { ++member.heard; });
+  std::optional<client::ShowInfo> show;
+  while (!stop && !(show = session.fetchShow())) {
+  }
+  while (!stop && !session.join(*show, kRoles[n % 4], fmt::format("Crew {}", n + 1))) {
+  }
+  const std::vector<std::uint8_t> samples(wire::frameBytes, 0x22);
+  const auto turn = std::chrono::seconds(2 * crew / 2);  // two talking at a time
+  const auto start = clock.now();
+  std::uint16_t seq = 0;
+  while (!stop) {
+    const auto now = clock.now();
+    const auto inTurn = (now - start + std::chrono::seconds(n)) % turn;
+    if (inTurn < 2s && session.talkMask() != 0) {
+      link.sendAudio(session.id(), session.talkMask(), seq++, samples);
+      ++member.sent;
+    }
+    session.serviceUntil(now + wire::framePeriod, stop);
+    member.joined = session.joined();
+  }
+  session.leave();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty()) {
+    std::puts("usage: parlavox-soak PARLAVOX [--minutes N] [--clients N]");
+    return 2;
+  }
+  double minutes = 10;
+  std::size_t crew = 16;
+  for (std::size_t i = 1; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--minutes") {
+      minutes = std::stod(args[i + 1]);
+    } else if (args[i] == "--clients") {
+      crew = std::stoul(args[i + 1]);
+    }
+  }
+
+  // The server in a scratch directory, on its built-in show, its console to a log there.
+  const auto directory =
+      std::filesystem::temp_directory_path() / fmt::format("parlavox-soak-{}", ::getpid());
+  std::filesystem::create_directories(directory);
+  const std::string log = (directory / "server.log").string();
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t server = -1;
+  std::string binary = std::filesystem::absolute(args[0]).string();
+  char* serverArgv[] = {binary.data(), nullptr};
+  if (posix_spawn(&server, binary.c_str(), &actions, nullptr, serverArgv, environ) != 0) {
+    std::printf("❌ Couldn't start %s\n", argv[1]);
+    return 1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  std::this_thread::sleep_for(1s);
+
+  std::atomic<bool> stop = false;
+  std::vector<Member> members(crew);
+  std::vector<std::thread> threads;
+  for (std::size_t n = 0; n < crew; ++n) {
+    threads.emplace_back(crewMember, n, crew, std::ref(members[n]), std::cref(stop));
+  }
+  const auto start = std::chrono::steady_clock::now();
+  const auto length = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+      std::chrono::duration<double, std::ratio<60>>(minutes));
+  const auto end = start + length;
+  const std::chrono::steady_clock::duration warmUp =
+      std::min<std::chrono::steady_clock::duration>(1min, length / 4);
+  long baseline = -1;
+  long lowest = 0;
+  long highest = 0;
+  long last = 0;
+  bool serverAlive = true;
+  while (std::chrono::steady_clock::now() < end && serverAlive) {
+    std::this_thread::sleep_for(10s);
+    serverAlive = ::waitpid(server, nullptr, WNOHANG) == 0;
+    last = residentKiB(server);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    if (baseline < 0 && elapsed >= warmUp) {
+      baseline = lowest = highest = last;
+    } else if (baseline >= 0) {
+      lowest = std::min(lowest, last);
+      highest = std::max(highest, last);
+    }
+    std::size_t joined = 0;
+    for (const Member& m : members) {
+      joined += m.joined ? 1U : 0U;
+    }
+    std::printf("%5.0f s  resident %ld KiB  %zu/%zu joined\n",
+                std::chrono::duration<double>(elapsed).count(), last, joined, crew);
+  }
+  std::size_t joined = 0;
+  std::uint64_t sent = 0;
+  std::uint64_t heard = 0;
+  for (const Member& m : members) {
+    joined += m.joined ? 1U : 0U;
+    sent += m.sent;
+    heard += m.heard;
+  }
+  stop = true;
+  for (auto& t : threads) {
+    t.join();
+  }
+  ::kill(server, SIGTERM);
+  ::waitpid(server, nullptr, 0);
+
+  const double drift =
+      baseline > 0 ? 100.0 * static_cast<double>(std::max(highest - baseline, baseline - lowest)) /
+                         static_cast<double>(baseline)
+                   : 100.0;
+  std::printf(
+      "%.1f min, %zu clients (3%% loss, 5%% held up to 80 ms, 1%% duplicated): "
+      "%llu frames sent, %llu copies heard\n",
+      minutes, crew, static_cast<unsigned long long>(sent), static_cast<unsigned long long>(heard));
+  std::printf(
+      "server %s; %zu/%zu joined at the end; resident %ld KiB after warming up, "
+      "%ld–%ld KiB since (drift %.2f%%); its console: %s\n",
+      serverAlive ? "running" : "GONE", joined, crew, baseline, lowest, highest, drift,
+      log.c_str());
+  const bool passed = serverAlive && joined == crew && drift < 5.0;
+  std::puts(passed ? "✅ soak passed" : "❌ soak failed");
+  return passed ? 0 : 1;
+}
