@@ -85,6 +85,9 @@ class Hardening : public ServerFixture {
     const auto start = Clock::now();
     while (!done) {
       talker.sendAudio(0, 0x1, static_cast<std::uint16_t>(heard.sent), samples);
+      if (heard.sent % 50 == 0) {
+        listener.sendControl({{"t", "ping"}});  // a crew device keeps alive
+      }
       // The listener reads as a crew device does, all along: its socket's buffer holds only so
       // much.
       const auto next = start + static_cast<long>(++heard.sent) * 20ms;
@@ -100,24 +103,45 @@ class Hardening : public ServerFixture {
   }
 };
 
-TEST_F(Hardening, AHundredThousandSourcesCostLittleMemoryAndNeverSilenceTheCrew) {
-  startWith(defaultConfig());
-  auto talker = member("Talker", "Stage Manager");
-  auto listener = member("Listener", "Sound");
-  const long before = residentKiB(server->pid());
-  const std::string hi = control({{"t", "hi"}});
-  const Heard heard = talkThrough(*talker, *listener, 100'000, 25'000, [&](std::size_t i) {
-    sendOnce(loopbackAddress(10 + static_cast<int>(i / 62'500), i % 62'500), hi);
-  });
-  const long growth = residentKiB(server->pid()) - before;
-  std::cout << "100,000 sources: resident memory grew " << growth << " KiB; " << heard.received
-            << " of " << heard.sent << " frames heard\n";
-  EXPECT_LT(growth, 16 * 1024);
-  // The optimised server loses no frame to this (see bench/README.md); a debug or sanitizer build
-  // sharing two CPUs with other tests may fall behind the flood, but never stops relaying.
-  EXPECT_GE(heard.received * 2, heard.sent);
-  const Heard after = talkThrough(*talker, *listener, 25, 25, [](std::size_t) {});
-  EXPECT_EQ(after.received, after.sent) << "once it is over, every frame";
+// The optimised server loses no frame to either flood (see bench/README.md); a debug or sanitizer
+// build sharing two CPUs with other tests may fall behind 25,000 datagrams a second, but never
+// stops relaying, and loses nothing once it is over.
+TEST_F(Hardening, FloodsOfSourcesAndJoinsNeitherSilenceTheCrewNorCostMemory) {
+  struct Flood {
+    const char* what;
+    std::size_t count;
+    std::size_t perSecond;
+    std::string datagram;
+    int net;  // the sources are 127.net.x.y and up
+    std::size_t heardPercent;
+  };
+  for (const Flood& flood :
+       {Flood{"distinct sources saying hi", 100'000, 25'000, control({{"t", "hi"}}), 10, 50},
+        Flood{"forged joins", 1000, 200, control({{"t", "join"}, {"role", "Sound"}}), 20, 95}}) {
+    startWith(defaultConfig());
+    auto talker = member("Talker", "Stage Manager");
+    auto listener = member("Listener", "Sound");
+    const long before = residentKiB(server->pid());
+    const Heard heard = talkThrough(*talker, *listener, flood.count, flood.perSecond, [&](auto i) {
+      sendOnce(loopbackAddress(flood.net + static_cast<int>(i / 62'500), i % 62'500),
+               flood.datagram);
+    });
+    const long growth = residentKiB(server->pid()) - before;
+    std::cout << flood.count << " " << flood.what << " at " << flood.perSecond
+              << "/s: resident memory grew " << growth << " KiB; " << heard.received << " of "
+              << heard.sent << " frames heard; " << heard.rosters << " rosters\n";
+    EXPECT_LT(growth, 16 * 1024) << flood.what;
+    EXPECT_GE(heard.received * 100, heard.sent * flood.heardPercent) << flood.what;
+    EXPECT_LE(heard.rosters, 5U * 5 + 5) << "about five rosters a second at most";
+    // Once the server has worked through what the flood left queued (a pong says so):
+    talker->sendControl({{"t", "ping"}});
+    std::optional<nlohmann::json> reply;
+    while ((reply = talker->nextControl(30s)) && (*reply)["t"] != "pong") {
+    }
+    const Heard after = talkThrough(*talker, *listener, 25, 25, [](std::size_t) {});
+    EXPECT_EQ(after.received, after.sent) << "once it is over, every frame";
+    server->stop();
+  }
 }
 
 TEST_F(Hardening, ConfigsAndJoinsAreRateLimitedPerAddressButNeverForTheCrew) {
@@ -149,23 +173,6 @@ TEST_F(Hardening, ConfigsAndJoinsAreRateLimitedPerAddressButNeverForTheCrew) {
     EXPECT_EQ((*crew.join("Crew", "Sound"))["t"], "welcome");
     std::this_thread::sleep_for(200ms);
   }
-  for (int i = 0; i < 5; ++i) {
-    client::IntercomClient crew("127.0.0.1");
-    EXPECT_TRUE(crew.hi() && crew.join("Crew", "Sound")) << i;
-  }
-}
-
-TEST_F(Hardening, AThousandForgedJoinsNeitherFloodTheCrewNorCutItsAudio) {
-  startWith(defaultConfig());
-  auto talker = member("Talker", "Stage Manager");
-  auto listener = member("Listener", "Sound");
-  const Heard heard = talkThrough(*talker, *listener, 1000, 200, [](std::size_t i) {
-    sendOnce(loopbackAddress(20, i), control({{"t", "join"}, {"role", "Sound"}}));
-  });
-  std::cout << "1,000 forged joins at 200/s: " << heard.received << " of " << heard.sent
-            << " frames heard, " << heard.rosters << " rosters\n";
-  EXPECT_GE(heard.received * 100, heard.sent * 95);
-  EXPECT_LE(heard.rosters, 5U * 5 + 5) << "about five rosters a second over five seconds";
 }
 
 TEST_F(Hardening, HostileNamesStayOnOneLineOfTheConsole) {
