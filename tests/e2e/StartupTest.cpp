@@ -1,11 +1,8 @@
 // The real parlavox binary from start-up to the first datagram.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
-#include <map>
 
 #include "client/IntercomClient.h"
 #include "config/Config.h"
@@ -17,7 +14,6 @@ namespace parlavox::test {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
 
 std::string channelsFile(int count) {
   std::string channels;
@@ -102,62 +98,35 @@ TEST(Startup, ThirtyTwoChannelsStartAndThirtyThreeDoNot) {
   EXPECT_EQ(server.standardError(), "");
 }
 
-// Everything under `dir`: each path's type, and a regular file's bytes.
-std::map<std::string, std::string> snapshot(const std::string& dir) {
-  std::map<std::string, std::string> found;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    const auto type = entry.symlink_status().type();
-    found[entry.path()] = std::to_string(static_cast<int>(type)) +
-                          (type == fs::file_type::regular ? readFile(entry.path()) : "");
-  }
-  return found;
+// What is under `dir`: each path with its type, size, mode and link target.
+std::vector<std::string> listing(const std::string& dir) {
+  return runToEnd("find", {".", "-printf", "%p %y %s %m %l\n"}, dir).lines;
 }
 
 // Whatever is at the path stays as it was, the built-in show runs, and the first line says why.
 TEST(Startup, ARolesFileThatCannotBeUsedIsLeftAsItWasAndTheWarningSaysWhy) {
-  const auto unusable = [](const std::string& what, const std::string& why) {
-    return std::vector<std::string>{"⚠️  Couldn't " + what + " @: " + why,
-                                    "    Using built-in defaults instead."};
-  };
+  const std::string unread = "⚠️  Couldn't read @: ",
+                    unwritten = "⚠️  Couldn't write default roles to @: ";
   struct Case {
-    std::string file;
-    std::function<void(const std::string& path)> make;
-    std::vector<std::string> lines;  // the first lines; "@" in the first stands for the path
+    std::string file, make, firstLine;  // "@" in the first line stands for the path
   };
-  const std::string roles = "/roles.json";
   const Case cases[] = {
-      {roles, [](auto& p) { ::mkfifo(p.c_str(), 0644); },
-       unusable("read", "a FIFO, not a regular file")},
-      {roles, [](auto& p) { fs::create_directory(p); },
-       unusable("read", "a directory, not a regular file")},
-      {roles, [](auto& p) { fs::create_symlink("/dev/null", p); },
-       unusable("read", "a character device, not a regular file")},
-      {roles, [](auto& p) { fs::create_symlink(p + ".gone", p); },
-       unusable("read", "a symbolic link to nothing")},
-      {roles,
-       [](auto& p) {
-         writeFile(p, "{}");
-         fs::permissions(p, fs::perms::none);
-       },
-       unusable("read", "Permission denied")},
-      {"/gone/roles.json", [](auto&) {},
-       unusable("write default roles to", "No such file or directory")},
-      {"/shut/roles.json",
-       [](auto& p) {
-         const auto shut = fs::path(p).parent_path();
-         fs::create_directory(shut);
-         fs::permissions(shut, fs::perms::owner_read | fs::perms::owner_exec);
-       },
-       unusable("write default roles to", "Permission denied")},
-      {roles,
-       [](auto& p) { writeFile(p, R"({"channels":[],"roles":[],"oscPort":0})"); },
-       {"⚠️  oscPort 0 in @ would listen on a random port; using 47000"}},
+      {"roles.json", "mkfifo roles.json", unread + "a FIFO, not a regular file"},
+      {"roles.json", "mkdir roles.json", unread + "a directory, not a regular file"},
+      {"roles.json", "ln -s /dev/null roles.json",
+       unread + "a character device, not a regular file"},
+      {"roles.json", "ln -s gone.json roles.json", unread + "a symbolic link to nothing"},
+      {"roles.json", "echo {} >roles.json && chmod 0 roles.json", unread + "Permission denied"},
+      {"gone/roles.json", "", unwritten + "No such file or directory"},
+      {"shut/roles.json", "mkdir -m 500 shut", unwritten + "Permission denied"},
+      {"roles.json", R"(echo '{"channels":[],"roles":[],"oscPort":0}' >roles.json)",
+       "⚠️  oscPort 0 in @ would listen on a random port; using 47000"},
   };
   for (const auto& c : cases) {
     TempDir dir;
-    const std::string path = dir.path() + c.file;
-    c.make(path);
-    const auto before = snapshot(dir.path());
+    ASSERT_EQ(runToEnd("sh", {"-c", c.make}, dir.path()).status, 0) << c.make;
+    const auto before = listing(dir.path());
+    const std::string path = dir / c.file;
     std::vector<std::string> argv = {parlavoxBinary(), path};
     if (::geteuid() == 0) {
       // Root reads and writes past permissions; without these two capabilities it cannot.
@@ -165,17 +134,13 @@ TEST(Startup, ARolesFileThatCannotBeUsedIsLeftAsItWasAndTheWarningSaysWhy) {
                                  "--inh-caps=-dac_override,-dac_read_search"});
     }
     ChildProcess server(argv[0], {argv.begin() + 1, argv.end()}, dir.path());
-    ASSERT_TRUE(server.waitForLine("Press Ctrl-C to stop.", 20s)) << path;
-    auto expected = c.lines;
-    expected[0].replace(expected[0].find('@'), 1, path);
-    auto lines = server.lines();
-    lines.resize(expected.size());
-    EXPECT_EQ(lines, expected);
-    EXPECT_TRUE(server.waitForLine("🎭 Parlavox", 0ms)) << path;
-    EXPECT_TRUE(server.waitForLine("✅ Listening for OSC announcements on UDP port 47000", 0ms))
-        << path;
-    EXPECT_EQ(server.count("📝"), 0U) << path;
-    EXPECT_EQ(snapshot(dir.path()), before) << path;
+    ASSERT_TRUE(server.waitForLine("Press Ctrl-C to stop.", 20s)) << c.make;
+    std::string first = c.firstLine;
+    EXPECT_EQ(server.lines()[0], first.replace(first.find('@'), 1, path));
+    EXPECT_TRUE(server.waitForLine("🎭 Parlavox", 0ms)) << c.make;
+    EXPECT_TRUE(server.waitForLine("✅ Listening for OSC announcements on UDP port 47000", 0ms));
+    EXPECT_EQ(server.count("📝"), 0U) << c.make;
+    EXPECT_EQ(listing(dir.path()), before) << c.make;
     EXPECT_EQ(server.standardError(), "");
   }
 }
