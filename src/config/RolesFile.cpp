@@ -3,15 +3,15 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "config/JsonScan.h"
+#include "config/Printable.h"
+#include "platform/RegularFile.h"
 
 namespace parlavox {
 namespace {
@@ -20,7 +20,7 @@ using Json = nlohmann::json;
 
 // A real roles file nests four levels deep; anything near this bound is not one.
 constexpr std::size_t maxNesting = 64;
-// Guards against a path that names something endless (a device, a pipe) or absurdly large.
+// A real roles file is a few kilobytes; this only bounds what an absurd one costs.
 constexpr std::size_t maxFileSize = std::size_t{16} * 1024 * 1024;
 
 // Decoding stops at the first failure; the message names the key or element that failed.
@@ -195,42 +195,6 @@ void appendRole(std::string& out, int level, const Role& role) {
   out += '}';
 }
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-enum class ReadResult { ok, failed, tooLarge };
-
-ReadResult readWholeFile(const std::string& path, std::string& bytes) {
-  const File file(std::fopen(path.c_str(), "rb"));
-  if (!file) {
-    return ReadResult::failed;
-  }
-  bytes.clear();
-  char chunk[16384];
-  while (true) {
-    const std::size_t n = std::fread(chunk, 1, sizeof chunk, file.get());
-    bytes.append(chunk, n);
-    if (bytes.size() > maxFileSize) {
-      return ReadResult::tooLarge;
-    }
-    if (n < sizeof chunk) {
-      // A directory opens fine and fails here, with EISDIR.
-      return std::ferror(file.get()) != 0 ? ReadResult::failed : ReadResult::ok;
-    }
-  }
-}
-
-// Creates the file only where nothing exists at `path` ("x": O_EXCL), so an operator's file that
-// could not be read is never replaced. Failures are not reported.
-void writeIfAbsent(const std::string& path, const std::string& bytes) {
-  const File file(std::fopen(path.c_str(), "wbx"));
-  if (file) {
-    std::fwrite(bytes.data(), 1, bytes.size(), file.get());
-  }
-}
-
 std::string absolutePath(const std::string& path) {
   std::error_code error;
   auto absolute = std::filesystem::absolute(path, error);
@@ -289,29 +253,41 @@ std::string encodeConfig(const Config& config) {
 }
 
 Config loadConfig(const std::string& path, platform::Console& console) {
+  // The path comes from the command line: it is printed, but must not forge console lines.
   const std::string location = absolutePath(path);
-  std::string bytes;
-  const ReadResult read = readWholeFile(location, bytes);
-  if (read == ReadResult::failed) {
-    if (const std::string text = encodeConfig(defaultConfig()); !text.empty()) {
-      writeIfAbsent(location, text);
+  const std::string shown = printable(location);
+  const auto fallBack = [&](std::string_view what, std::string_view error) {
+    console.print(fmt::format("⚠️  Couldn't {} {}: {}\n    Using built-in defaults instead.",
+                              what, shown, printable(error)));
+    return defaultConfig();
+  };
+  const auto read = platform::readRegularFile(location, maxFileSize);
+  if (!read) {
+    // Something is there that cannot be read; it stays as it is.
+    return fallBack("read", read.error());
+  }
+  if (!*read) {
+    // The built-in show is plain ASCII: its encoding cannot fail.
+    const auto written = platform::createRegularFile(location, encodeConfig(defaultConfig()));
+    if (!written) {
+      return fallBack("write default roles to", written.error());
     }
     console.print(fmt::format(
-        "📝 Wrote default roles to {}. Edit it and restart the server to customize.", location));
+        "📝 Wrote default roles to {}. Edit it and restart the server to customize.", shown));
     return defaultConfig();
   }
-  DecodedConfig decoded;
-  if (read == ReadResult::tooLarge) {
-    decoded.error = fmt::format("larger than {} bytes", maxFileSize);
-  } else {
-    decoded = decodeConfig(bytes);
-    if (decoded.config) {
-      return std::move(*decoded.config);
-    }
+  DecodedConfig decoded = decodeConfig(**read);
+  if (!decoded.config) {
+    return fallBack("read", decoded.error);
   }
-  console.print(fmt::format("⚠️  Couldn't read {}: {}\n    Using built-in defaults instead.",
-                            location, decoded.error));
-  return defaultConfig();
+  if (decoded.config->oscPort == 0) {
+    // The file's rules allow 0, but a listener on 0 gets whatever port the system picks, which
+    // no show-control cue could be pointed at.
+    decoded.config->oscPort = defaultConfig().oscPort;
+    console.print(fmt::format("⚠️  oscPort 0 in {} would listen on a random port; using {}",
+                              shown, decoded.config->oscPort));
+  }
+  return std::move(*decoded.config);
 }
 
 }  // namespace parlavox

@@ -25,9 +25,11 @@ DecodedConfig decodeConfig(std::string_view bytes);
 std::string encodeConfig(const Config& config);
 
 // Main thread, once, before the server exists. Reads the roles file at `path` (relative to the
-// working directory). A file that is missing or unreadable gets the built-in show written to it
-// (only where no file exists); a file that does not decode is left alone. Either way the built-in
-// show is returned and one notice is printed.
+// working directory). Where nothing at all is at `path`, the built-in show is written there;
+// whatever else is there and cannot be read or decoded (a directory, a FIFO, a device, a link to
+// nothing, a file without permission or of bad content) is left alone. Either way the built-in
+// show is returned with one notice that says what happened. An `oscPort` of 0 becomes 47000, with
+// a warning.
 Config loadConfig(const std::string& path, platform::Console& console);
 
 }  // namespace parlavox

@@ -91,9 +91,11 @@ struct AvahiAdvertiser::Callbacks {
         case AVAHI_ENTRY_GROUP_FAILURE:
           advertiser.reportFailure(avahi_client_errno(avahi_entry_group_get_client(group)));
           break;
+        case AVAHI_ENTRY_GROUP_ESTABLISHED:
+          advertiser.onEstablished();
+          break;
         case AVAHI_ENTRY_GROUP_UNCOMMITED:
         case AVAHI_ENTRY_GROUP_REGISTERING:
-        case AVAHI_ENTRY_GROUP_ESTABLISHED:
           break;
       }
     } catch (...) {  // NOLINT(bugprone-empty-catch): see above
@@ -169,6 +171,15 @@ void AvahiAdvertiser::connect() {
 void AvahiAdvertiser::onRunning(AvahiClient* client) {
   outageReported_ = false;
   registerService(client);
+}
+
+void AvahiAdvertiser::onEstablished() {
+  if (!recovering_) {
+    return;  // the first advertisement: the listener's own line has said so
+  }
+  recovering_ = false;
+  // The same words as when the listener came up: the operator sees the warning undone.
+  console_.print(fmt::format("✅ Listening on UDP port {} and advertising on Bonjour", port_));
 }
 
 void AvahiAdvertiser::onDisconnected(AvahiClient* client, int error) {
@@ -247,6 +258,7 @@ void AvahiAdvertiser::reportOutage(int error) {
     return;
   }
   outageReported_ = true;
+  recovering_ = true;
   if (meansNoDaemon(error)) {
     console_.print(kUnavailable);
   } else {

@@ -16,8 +16,8 @@ namespace parlavox::platform {
 
 // DNS-SD advertisement through the Avahi daemon (avahi-client over D-Bus). Everything Avahi does
 // runs on Avahi's own thread; the server keeps serving whatever happens here. A daemon (or system
-// bus) that is missing at start-up or goes away later is waited for, and the service is
-// registered again as soon as it is back.
+// bus) that is missing at start-up or goes away later is waited for with one warning, and the
+// service is registered again as soon as it is back, with one line that says so.
 class AvahiAdvertiser final : public Advertiser {
  public:
   // Any thread. Prints nothing and starts nothing until advertise().
@@ -40,6 +40,7 @@ class AvahiAdvertiser final : public Advertiser {
   // The members below are touched by Avahi's thread, or by another thread holding the poll lock.
   void connect();
   void onRunning(AvahiClient* client);
+  void onEstablished();
   void onDisconnected(AvahiClient* client, int error);
   void registerService(AvahiClient* client);
   void renameAfterCollision();
@@ -54,6 +55,7 @@ class AvahiAdvertiser final : public Advertiser {
   AvahiTimeout* retry_ = nullptr;     // re-creates the client while the system bus is missing
   bool started_ = false;
   bool outageReported_ = false;  // one warning per outage, not one per retry
+  bool recovering_ = false;      // an outage was reported; say so once advertised again
   std::string name_;             // the name currently wanted; changes after a collision
   std::string type_;
   std::uint16_t port_ = 0;

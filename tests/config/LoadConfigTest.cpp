@@ -12,11 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string notice(const fs::path& path) {
-  return "📝 Wrote default roles to " + path.string() +
-         ". Edit it and restart the server to customize.";
-}
-
 std::string warning(const fs::path& path, const std::string& error) {
   return "⚠️  Couldn't read " + path.string() + ": " + error +
          "\n    Using built-in defaults instead.";
@@ -53,23 +48,6 @@ TEST_F(LoadConfig, BadFileIsLeftAloneWithAWarning) {
     EXPECT_EQ(loadDefault(path), std::vector<std::string>{warning(path, c.error)});
     EXPECT_EQ(test::readFile(path), c.text);
   }
-}
-
-// A missing file gets the built-in show written (the start-up test sees that); these paths may
-// not be written, and still get the notice.
-TEST_F(LoadConfig, NothingIsWrittenOverOrThroughWhatExists) {
-  const auto directory = dir_ / "roles.json";
-  fs::create_directory(directory);
-  const auto link = dir_ / "link.json";
-  fs::create_symlink(dir_ / "elsewhere.json", link);
-  const auto noDirectory = dir_ / "no-such-dir" / "roles.json";
-  for (const auto& path : {directory, link, noDirectory}) {
-    EXPECT_EQ(loadDefault(path), std::vector<std::string>{notice(path)});
-  }
-  EXPECT_TRUE(fs::is_empty(directory));
-  EXPECT_TRUE(fs::is_symlink(link));
-  EXPECT_FALSE(fs::exists(dir_ / "elsewhere.json"));
-  EXPECT_FALSE(fs::exists(noDirectory.parent_path()));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The real parlavox binary from start-up to the first datagram.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -95,6 +96,53 @@ TEST(Startup, ThirtyTwoChannelsStartAndThirtyThreeDoNot) {
   EXPECT_EQ(server.waitForExit(), 1);
   EXPECT_EQ(server.lines(), (std::vector<std::string>{"❌ Max 32 channels."}));
   EXPECT_EQ(server.standardError(), "");
+}
+
+// What is under `dir`: each path with its type, size, mode and link target.
+std::vector<std::string> listing(const std::string& dir) {
+  return runToEnd("find", {".", "-printf", "%p %y %s %m %l\n"}, dir).lines;
+}
+
+// Whatever is at the path stays as it was, the built-in show runs, and the first line says why.
+TEST(Startup, ARolesFileThatCannotBeUsedIsLeftAsItWasAndTheWarningSaysWhy) {
+  const std::string unread = "⚠️  Couldn't read @: ",
+                    unwritten = "⚠️  Couldn't write default roles to @: ";
+  struct Case {
+    std::string file, make, firstLine;  // "@" in the first line stands for the path
+  };
+  const Case cases[] = {
+      {"roles.json", "mkfifo roles.json", unread + "a FIFO, not a regular file"},
+      {"roles.json", "mkdir roles.json", unread + "a directory, not a regular file"},
+      {"roles.json", "ln -s /dev/null roles.json",
+       unread + "a character device, not a regular file"},
+      {"roles.json", "ln -s gone.json roles.json", unread + "a symbolic link to nothing"},
+      {"roles.json", "echo {} >roles.json && chmod 0 roles.json", unread + "Permission denied"},
+      {"gone/roles.json", "", unwritten + "No such file or directory"},
+      {"shut/roles.json", "mkdir -m 500 shut", unwritten + "Permission denied"},
+      {"roles.json", R"(echo '{"channels":[],"roles":[],"oscPort":0}' >roles.json)",
+       "⚠️  oscPort 0 in @ would listen on a random port; using 47000"},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    ASSERT_EQ(runToEnd("sh", {"-c", c.make}, dir.path()).status, 0) << c.make;
+    const auto before = listing(dir.path());
+    const std::string path = dir / c.file;
+    std::vector<std::string> argv = {parlavoxBinary(), path};
+    if (::geteuid() == 0) {
+      // Root reads and writes past permissions; without these two capabilities it cannot.
+      argv.insert(argv.begin(), {"setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                                 "--inh-caps=-dac_override,-dac_read_search"});
+    }
+    ChildProcess server(argv[0], {argv.begin() + 1, argv.end()}, dir.path());
+    ASSERT_TRUE(server.waitForLine("Press Ctrl-C to stop.", 20s)) << c.make;
+    std::string first = c.firstLine;
+    EXPECT_EQ(server.lines()[0], first.replace(first.find('@'), 1, path));
+    EXPECT_TRUE(server.waitForLine("🎭 Parlavox", 0ms)) << c.make;
+    EXPECT_TRUE(server.waitForLine("✅ Listening for OSC announcements on UDP port 47000", 0ms));
+    EXPECT_EQ(server.count("📝"), 0U) << c.make;
+    EXPECT_EQ(listing(dir.path()), before) << c.make;
+    EXPECT_EQ(server.standardError(), "");
+  }
 }
 
 // A second server cannot take the intercom port from a running one, which keeps all the traffic.

@@ -11,7 +11,8 @@
 #     directory and must end with status 0 or 143 on SIGTERM.
 #     1. It resolves with that name and port and no TXT data, and is withdrawn when it stops.
 #     2. Started with neither bus nor daemon, it warns once and keeps running; it is advertised once
-#        they appear; a daemon restart costs one more warning and it is advertised again.
+#        they appear; a daemon restart costs one more warning and it is advertised again. After
+#        each outage one "✅ ... Bonjour" line says it is advertised again; none without an outage.
 #     3. Another program on this host holds the name: it warns and takes "NAME #2".
 #     4. Another host (site B, over a veth pair) holds the name: the same, seen from both hosts.
 #   dnssd-test.sh client PARLAVOX PARLAVOX_CLIENT
@@ -211,12 +212,15 @@ stop_program() { # LABEL: it must still be running, and end with 0 or 143 (kille
 warnings() { grep -cE "^⚠️  .*($2)" "$work/$1.log" || true; } # LABEL REGEX: how many
 warned_taken() { grep -F "\"$expected\"" "$work/$1.log" | grep -F "\"$collided\"" | grep -q '^⚠️  '; }
 unavailable_warned() { (($(warnings "$1" unavailable) >= $2)); } # LABEL TIMES
+advertised_lines() { grep -c '^✅ .*Bonjour' "$work/$1.log" || true; } # LABEL: how many
+advertised_said() { (($(advertised_lines "$1") >= $2)); }             # LABEL TIMES
 
 say "step 1: advertised while the daemons run"
 start_daemons A lo
 start_program A first
 expect_advertised A "$expected" $port
 [[ $(warnings first 'Bonjour|taken') -eq 0 ]] || fail "unexpected warning from first"
+[[ $(advertised_lines first) -eq 1 ]] || fail "a \"✅\" line other than the listener's at start"
 stop_program first
 wait_until gone A "$expected" || fail "\"$expected\" still advertised after the program stopped"
 stop_daemons A
@@ -230,11 +234,15 @@ sleep $((RETRY + 1)) # a retry finds the bus but no daemon: the same outage
 [[ $(warnings late unavailable) -eq 1 ]] || fail "warned again within one outage"
 start_avahi A lo
 expect_advertised A "$expected" $port
+# The listener's line at start, then one when the daemon first answered.
+wait_until advertised_said late 2 || fail "no \"✅\" line once advertised after the outage"
 stop avahi-A
 wait_until unavailable_warned late 2 || fail "no warning when the daemon went away"
 start_avahi A lo
 expect_advertised A "$expected" $port
+wait_until advertised_said late 3 || fail "no \"✅\" line once advertised after the restart"
 [[ $(warnings late unavailable) -eq 2 ]] || fail "one warning per outage expected"
+[[ $(advertised_lines late) -eq 3 ]] || fail "one \"✅\" line per recovery expected"
 [[ $(warnings late 'taken|failed') -eq 0 ]] || fail "unexpected warning from late"
 stop_program late
 stop_daemons A
