@@ -57,21 +57,23 @@ void Announcements::start() {
 
 void Announcements::handleOSC(const std::string& address, const std::optional<std::string>& text) {
   const AnnouncementTarget target = resolveAnnouncement(address, channels_);
+  if (target.kind == AnnouncementTarget::Kind::stop) {
+    speaker_.stop();
+    console_.print("📣 Announcements stopped");
+    return;
+  }
+  if (!text) {
+    return;  // only the stop cue goes without a text
+  }
   switch (target.kind) {
     case AnnouncementTarget::Kind::ignore:
-      return;
     case AnnouncementTarget::Kind::stop:
-      speaker_.stop();
-      console_.print("📣 Announcements stopped");
       return;
     case AnnouncementTarget::Kind::unknownChannel:
       console_.print(fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
       return;
     case AnnouncementTarget::Kind::announce:
       break;
-  }
-  if (!text) {
-    return;  // nothing to say
   }
   if (const std::size_t length = codePoints(*text); length > kMaxTextLength) {
     console_.print(fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",

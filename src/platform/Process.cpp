@@ -34,7 +34,6 @@ class Fd {
   Fd(const Fd&) = delete;
   Fd& operator=(const Fd&) = delete;
   int get() const { return fd_; }
-  int* out() { return &fd_; }
   void reset() {
     if (fd_ >= 0) {
       ::close(fd_);
