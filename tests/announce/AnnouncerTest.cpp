@@ -72,8 +72,6 @@ TEST_F(AnnouncerTest, ReportsEachWayTheSpeechCanFail) {
   const std::pair<std::string, std::string> cases[] = {
       {"", std::string("⚠️  Couldn't run `say`: ") + std::strerror(ENOENT)},
       {"echo partial > \"$2\"; exit 3", "⚠️  `say` failed (status 3)"},
-      // What it says comes on the same line; only the end of a flood.
-      {"head -c 100000 /dev/zero | tr '\\0' x; exit 1", "⚠️  `say` failed (status 1): xxxxxx"},
       {"echo 'not audio at all' > \"$2\"", unreadable},
       {"exit 0", unreadable},
       {": > \"$2\"", unreadable},
@@ -84,7 +82,6 @@ TEST_F(AnnouncerTest, ReportsEachWayTheSpeechCanFail) {
     const auto lines = console_.take();
     ASSERT_EQ(lines.size(), 1U) << body;
     EXPECT_TRUE(lines[0].starts_with(line) && lines[0] != unreadable) << lines[0];
-    EXPECT_LT(lines[0].size(), 2100U);
   }
 }
 
