@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::string_view kSayAll = "/parlavox/say";
 constexpr std::string_view kSayChannel = "/parlavox/say/";
+constexpr std::string_view kStop = "/parlavox/stop";
 constexpr std::size_t kMaskBits = 32;
 
 // Bits 0 to count-1; built from the top so that 32 channels never shift by 32.
@@ -23,6 +24,10 @@ std::uint32_t lowBits(std::size_t count) {
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels) {
   AnnouncementTarget target;
+  if (sameName(address, kStop)) {
+    target.kind = AnnouncementTarget::Kind::stop;
+    return target;
+  }
   if (sameName(address, kSayAll)) {
     target.kind = AnnouncementTarget::Kind::announce;
     target.mask = lowBits(channels.size());

@@ -13,6 +13,7 @@ struct AnnouncementTarget {
     ignore,          // not an announcement address
     unknownChannel,  // "/parlavox/say/{channel}" naming no configured channel
     announce,        // speak to `mask`
+    stop,            // "/parlavox/stop": end what is spoken, drop what waits
   };
   Kind kind = Kind::ignore;
   std::uint32_t mask = 0;
@@ -20,6 +21,7 @@ struct AnnouncementTarget {
 };
 
 // "/parlavox/say" reaches every configured channel; "/parlavox/say/{channel}" one channel by name.
+// "/parlavox/stop" is the show's "stop all".
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels);
 

@@ -2,11 +2,29 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "announce/AnnouncementCommand.h"
+#include "config/Printable.h"
 #include "wire/Audio.h"
 #include "wire/Protocol.h"
 
 namespace parlavox {
+namespace {
+
+// Longer texts take minutes to speak and megabytes to hold; nobody reads such a line to a crew.
+constexpr std::size_t kMaxTextLength = 1000;
+
+// Counted in code points, not in characters: a letter under thousands of combining marks is one
+// character but no less work to speak. `text` is valid UTF-8 (the OSC reader repairs it), so every
+// byte but a continuation byte begins a code point.
+std::size_t codePoints(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+  }));
+}
+
+}  // namespace
 
 std::shared_ptr<Announcements> Announcements::create(const Show& show, platform::EventLoop& loop,
                                                      platform::Network& network,
@@ -28,38 +46,52 @@ Announcements::Announcements(const Show& show, platform::EventLoop& loop,
       oscListener_(network, console) {}
 
 void Announcements::start() {
-  oscListener_.start(oscPort_, [weak = weak_from_this()](const wire::OSCMessage& message) {
+  oscListener_.start(oscPort_, [weak = weak_from_this()](const std::string& address,
+                                                         const std::optional<std::string>& text) {
     if (auto self = weak.lock()) {
-      self->handleOSC(message);
+      self->handleOSC(address, text);
     }
   });
   console_.print(fmt::format("✅ Listening for OSC announcements on UDP port {}", oscPort_));
 }
 
-void Announcements::handleOSC(const wire::OSCMessage& message) {
-  const AnnouncementTarget target = resolveAnnouncement(message.address, channels_);
+void Announcements::handleOSC(const std::string& address, const std::optional<std::string>& text) {
+  const AnnouncementTarget target = resolveAnnouncement(address, channels_);
+  if (target.kind == AnnouncementTarget::Kind::stop) {
+    speaker_.stop();
+    console_.print("📣 Announcements stopped");
+    return;
+  }
+  if (!text) {
+    return;  // only the stop cue goes without a text
+  }
   switch (target.kind) {
     case AnnouncementTarget::Kind::ignore:
+    case AnnouncementTarget::Kind::stop:
       return;
     case AnnouncementTarget::Kind::unknownChannel:
-      console_.print(fmt::format("⚠️  OSC: unknown channel \"{}\"", target.channel));
+      console_.print(fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
       return;
     case AnnouncementTarget::Kind::announce:
       break;
   }
-  console_.print(fmt::format("📣 Announcing: \"{}\"", message.text));
+  if (const std::size_t length = codePoints(*text); length > kMaxTextLength) {
+    console_.print(fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",
+                               length, kMaxTextLength));
+    return;
+  }
+  console_.print(fmt::format("📣 Announcing: \"{}\"", printable(*text)));
   // Runs on the speaker's thread: it touches nothing here, only hands the frame to the loop.
-  speaker_.speak(
-      message.text, [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
-        if (weak.expired()) {
-          return;
-        }
-        loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
-          if (auto self = weak.lock()) {
-            self->broadcastAnnouncement(copy, mask);
-          }
-        });
-      });
+  speaker_.speak(*text, [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
+    if (weak.expired()) {
+      return;
+    }
+    loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+      if (auto self = weak.lock()) {
+        self->broadcastAnnouncement(copy, mask);
+      }
+    });
+  });
 }
 
 void Announcements::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,8 @@ namespace parlavox {
 
 // Show control speaking to the crew: OSC messages on the show's OSC port are spoken by the
 // speaker, and each frame goes to the crew that listens on the addressed channels, numbered and
-// sent under the announcer's id. State lives on the server loop; the speaker's thread only hands
-// frames over to it.
+// sent under the announcer's id; "/parlavox/stop" silences the speaker. State lives on the server
+// loop; the speaker's thread only hands frames over to it.
 class Announcements : public std::enable_shared_from_this<Announcements> {
  public:
   // How frames reach the crew: `head` and `body` as one datagram to every joined peer that listens
@@ -39,7 +40,7 @@ class Announcements : public std::enable_shared_from_this<Announcements> {
   Announcements(const Show& show, platform::EventLoop& loop, platform::Network& network,
                 platform::Console& console, Speaker& speaker, FanOut fanOut);
 
-  void handleOSC(const wire::OSCMessage& message);
+  void handleOSC(const std::string& address, const std::optional<std::string>& text);
   void broadcastAnnouncement(Bytes frame, std::uint32_t mask);
 
   const std::vector<std::string> channels_;

@@ -2,13 +2,18 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "announce/FramePacing.h"
+#include "config/Printable.h"
 #include "platform/AudioFile.h"
 #include "platform/Process.h"
+#include "platform/ProcessInterrupt.h"
 #include "platform/Resampler.h"
 #include "platform/SerialQueue.h"
 #include "platform/TempFile.h"
@@ -20,28 +25,80 @@ namespace {
 // The kernel's usual slack, stated so that a larger one inherited from a service manager cannot
 // make frames leave late.
 constexpr std::chrono::microseconds kTimerSlack{50};
+// Enough of the command's last words to tell why it failed, however much it writes.
+constexpr std::size_t kOutputKept = 2048;
+
+// The command's last words as one console line: its lines joined by " | ", control characters
+// replaced. A tail cut inside a character starts at the next one.
+std::string lastWords(std::string_view output) {
+  while (!output.empty() && (static_cast<unsigned char>(output.front()) & 0xC0U) == 0x80U) {
+    output.remove_prefix(1);
+  }
+  std::string joined;
+  for (std::size_t from = 0; from < output.size();) {
+    const std::size_t end = std::min(output.find('\n', from), output.size());
+    std::string_view line = output.substr(from, end - from);
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) {
+      line.remove_suffix(1);
+    }
+    if (!line.empty()) {
+      joined.append(joined.empty() ? "" : " | ").append(line);
+    }
+    from = end + 1;
+  }
+  return joined.empty() ? joined : ": " + printable(joined);
+}
 }  // namespace
 
 struct Announcer::Impl {
-  Impl(std::string command, platform::Console& out, platform::Clock& time, std::string directory)
+  Impl(std::string command, platform::Console& out, platform::Clock& time, std::string directory,
+       std::chrono::milliseconds limit)
       : sayCommand(std::move(command)),
+        sayTimeLimit(limit),
         console(out),
         clock(time),
         tempDirectory(std::move(directory)),
         queue("intercom.announcer", kTimerSlack) {}
 
-  // Announcer thread. One announcement, start to end; every way out removes the speech file.
-  void announce(const std::string& text, const FrameHandler& onFrame) const {
+  // Any thread.
+  void stop() {
+    stops.fetch_add(1);
+    interrupt.raise();
+  }
+
+  // Announcer thread. One announcement, start to end, unless a stop came after `ticket` was
+  // taken; every way out removes the speech file.
+  void announce(std::uint64_t ticket, const std::string& text, const FrameHandler& onFrame) {
+    // In this order: a raise left over from an earlier stop is forgotten, and one for a later stop
+    // is either seen below or still raised when the command runs.
+    interrupt.clear();
+    const auto cutShort = [this, ticket] { return stops.load() != ticket; };
+    if (cutShort()) {
+      return;
+    }
     const platform::TempFile speech(
         tempDirectory, "parlavox-announce-" + platform::TempFile::randomUuid() + ".aiff");
 
-    const auto status = platform::runProcess({sayCommand, "-o", speech.path(), text});
-    if (!status) {
-      console.print(fmt::format("⚠️  Couldn't run `say`: {}", status.error()));
+    const auto run = platform::runProcess({sayCommand, "-o", speech.path(), text},
+                                          {sayTimeLimit, kOutputKept, &interrupt});
+    if (!run) {
+      console.print(fmt::format("⚠️  Couldn't run `say`: {}", run.error()));
       return;
     }
-    if (*status != 0) {
-      console.print(fmt::format("⚠️  `say` failed (status {})", *status));
+    switch (run->kind) {
+      case platform::ProcessEnd::Kind::interrupted:
+        return;  // the stop has been reported where it was asked for
+      case platform::ProcessEnd::Kind::timedOut:
+        console.print(fmt::format("⏱️  `say` took longer than {:g}s and was killed{}",
+                                  std::chrono::duration<double>(sayTimeLimit).count(),
+                                  lastWords(run->output)));
+        return;
+      case platform::ProcessEnd::Kind::exited:
+        break;
+    }
+    if (run->status != 0) {
+      console.print(
+          fmt::format("⚠️  `say` failed (status {}){}", run->status, lastWords(run->output)));
       return;
     }
 
@@ -66,30 +123,42 @@ struct Announcer::Impl {
       return;
     }
 
-    const auto elapsed = streamFrames(*converted, clock, onFrame);
-    console.print(fmt::format("📣 Announcement finished ({:.1f}s)",
-                              std::chrono::duration<double>(elapsed).count()));
+    const auto elapsed = streamFrames(*converted, clock, onFrame, cutShort);
+    if (elapsed) {
+      console.print(fmt::format("📣 Announcement finished ({:.1f}s)",
+                                std::chrono::duration<double>(*elapsed).count()));
+    }
   }
 
   const std::string sayCommand;
+  const std::chrono::milliseconds sayTimeLimit;
   platform::Console& console;
   platform::Clock& clock;
   const std::string tempDirectory;
-  platform::SerialQueue queue;  // last: its thread stops, draining, before the rest goes
+  // How many stops have been asked for. An announcement runs only while this still reads what it
+  // read when the announcement was asked for.
+  std::atomic<std::uint64_t> stops{0};
+  const platform::ProcessInterrupt interrupt;  // kills the speech command of a stopped announcement
+  platform::SerialQueue queue;                 // last: its thread ends before the rest goes
 };
 
 Announcer::Announcer(std::string sayCommand, platform::Console& console, platform::Clock& clock,
-                     std::string tempDirectory)
-    : impl_(std::make_unique<Impl>(std::move(sayCommand), console, clock,
-                                   std::move(tempDirectory))) {}
+                     std::string tempDirectory, std::chrono::milliseconds sayTimeLimit)
+    : impl_(std::make_unique<Impl>(std::move(sayCommand), console, clock, std::move(tempDirectory),
+                                   sayTimeLimit)) {}
 
 Announcer::~Announcer() = default;
 
 void Announcer::speak(std::string text, FrameHandler onFrame) {
   Impl* impl = impl_.get();
-  impl->queue.submit([impl, text = std::move(text), onFrame = std::move(onFrame)] {
-    impl->announce(text, onFrame);
+  const std::uint64_t ticket = impl->stops.load();
+  impl->queue.submit([impl, ticket, text = std::move(text), onFrame = std::move(onFrame)] {
+    impl->announce(ticket, text, onFrame);
   });
+}
+
+void Announcer::stop() {
+  impl_->stop();
 }
 
 std::string defaultSayCommand() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -13,16 +14,20 @@ namespace parlavox {
 // format and hands it over in paced 20 ms frames, on the announcer's own thread.
 class Announcer final : public Speaker {
  public:
-  // `sayCommand` is run as `sayCommand -o FILE.aiff TEXT` and must write FILE.aiff and exit 0.
-  // FILE.aiff lies in `tempDirectory`, or in $TMPDIR (else /tmp) when that is empty.
+  // `sayCommand` is run as `sayCommand -o FILE.aiff TEXT` and must write FILE.aiff and exit 0
+  // within `sayTimeLimit`. FILE.aiff lies in `tempDirectory`, or in $TMPDIR (else /tmp) when that
+  // is empty.
   Announcer(std::string sayCommand, platform::Console& console, platform::Clock& clock,
-            std::string tempDirectory = {});
-  // Finishes the announcements already queued, then stops the thread.
+            std::string tempDirectory = {},
+            std::chrono::milliseconds sayTimeLimit = std::chrono::seconds(20));
+  // Any thread but the announcer's. Finishes the announcements still queued (none after stop()),
+  // then ends the thread: no speech command or speech file outlives this object.
   ~Announcer() override;
   Announcer(const Announcer&) = delete;
   Announcer& operator=(const Announcer&) = delete;
 
   void speak(std::string text, FrameHandler onFrame) override;
+  void stop() override;
 
  private:
   struct Impl;

@@ -19,13 +19,17 @@ std::optional<std::uint32_t> convertedCapacity(double sourceRate, std::uint64_t 
   return static_cast<std::uint32_t>(capacity);
 }
 
-platform::MonoClock::duration streamFrames(std::span<const std::int16_t> samples,
-                                           platform::Clock& clock,
-                                           const Speaker::FrameHandler& onFrame) {
+std::optional<platform::MonoClock::duration> streamFrames(std::span<const std::int16_t> samples,
+                                                          platform::Clock& clock,
+                                                          const Speaker::FrameHandler& onFrame,
+                                                          const std::function<bool()>& cutShort) {
   const platform::MonoTime start = clock.now();
   std::array<std::uint8_t, wire::frameBytes> frame{};
   const std::size_t count = samples.size() / wire::frameSamples;
   for (std::size_t i = 0; i < count; ++i) {
+    if (cutShort && cutShort()) {
+      return std::nullopt;
+    }
     wire::writeSamples(samples.subspan(i * wire::frameSamples, wire::frameSamples), frame);
     onFrame(Bytes(frame));
     // Deadlines count from the fixed start, so a late wake-up is made up by the following frames

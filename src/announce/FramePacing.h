@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 
@@ -17,9 +18,10 @@ std::optional<std::uint32_t> convertedCapacity(double sourceRate, std::uint64_t 
 // Hands `samples` to `onFrame` in whole frames of network audio (320 samples, 640 bytes), one every
 // 20 ms measured from one start time on `clock`; a remainder shorter than a frame is dropped. A
 // loop running late sends on without sleeping until it is back on schedule, and never skips a
-// frame. Returns the time from start to the end of the last wait.
-platform::MonoClock::duration streamFrames(std::span<const std::int16_t> samples,
-                                           platform::Clock& clock,
-                                           const Speaker::FrameHandler& onFrame);
+// frame. `cutShort`, when given, is asked before each frame; once it says yes, no frame follows.
+// Returns the time from start to the end of the last wait, or nothing when cut short.
+std::optional<platform::MonoClock::duration> streamFrames(
+    std::span<const std::int16_t> samples, platform::Clock& clock,
+    const Speaker::FrameHandler& onFrame, const std::function<bool()>& cutShort = {});
 
 }  // namespace parlavox

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/Console.h"
@@ -14,13 +15,16 @@ namespace parlavox {
 // OSC input for announcements: every sender on one UDP port, no replies, no per-sender state.
 class OSCListener {
  public:
-  using MessageHandler = std::function<void(const wire::OSCMessage& message)>;
+  // `text` is the message's first argument when that is a string; a cue such as "stop" may have
+  // no arguments, or others.
+  using MessageHandler =
+      std::function<void(const std::string& address, const std::optional<std::string>& text)>;
 
   OSCListener(platform::Network& network, platform::Console& console);
 
-  // Main thread, once. Binds `port`; throws std::system_error when it cannot. Each message with a
-  // string first argument goes to `onMessage` on the server loop; the rest are dropped silently.
-  // A later failure prints "⚠️  OSC listener failed: {error}".
+  // Main thread, once. Binds `port`; throws std::system_error when it cannot. Each OSC message
+  // goes to `onMessage` on the server loop; datagrams that are none are dropped silently. A later
+  // failure prints "⚠️  OSC listener failed: {error}".
   void start(std::uint16_t port, MessageHandler onMessage);
 
  private:

@@ -16,6 +16,9 @@ class Speaker {
   // Any thread. Queues one announcement and returns at once; `onFrame` is called with each frame
   // on the speaker's own thread, never on the caller's.
   virtual void speak(std::string text, FrameHandler onFrame) = 0;
+  // Any thread. Ends the announcement being spoken before its next frame (a speech command still
+  // running is killed) and drops the ones queued; those asked for later are spoken as usual.
+  virtual void stop() = 0;
 };
 
 }  // namespace parlavox

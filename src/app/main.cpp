@@ -79,7 +79,13 @@ int run(int argc, char** argv, platform::Console& console) {
     return 1;
   }
   printReport(show.config(), console);
-  loop.run();  // for good: the process ends when it is killed or the listener fails
+  // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
+  // announcer kills a speech command still running and deletes its speech file.
+  loop.onStopSignals([&loop, &announcer] {
+    announcer.stop();
+    loop.stop();
+  });
+  loop.run();
   return 0;
 }
 

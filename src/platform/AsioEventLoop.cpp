@@ -1,6 +1,7 @@
 #include "platform/AsioEventLoop.h"
 
 #include <asio/post.hpp>
+#include <csignal>
 #include <memory>
 
 namespace parlavox::platform {
@@ -34,6 +35,22 @@ void AsioEventLoop::arm(Repeating& repeating) {
     repeating.timer.expires_at(repeating.timer.expiry() + repeating.period);
     repeating.tick();
     arm(repeating);
+  });
+}
+
+void AsioEventLoop::onStopSignals(Task onSignal) {
+  onSignal_ = std::move(onSignal);
+  signals_.emplace(context_, SIGINT, SIGTERM);
+  awaitSignal();
+}
+
+void AsioEventLoop::awaitSignal() {
+  signals_->async_wait([this](const std::error_code& error, int /*signal*/) {
+    if (error) {
+      return;  // cancelled: the loop is going away
+    }
+    onSignal_();
+    awaitSignal();
   });
 }
 

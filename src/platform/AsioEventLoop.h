@@ -1,8 +1,10 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 #include <list>
+#include <optional>
 
 #include "platform/EventLoop.h"
 
@@ -19,7 +21,10 @@ class AsioEventLoop final : public EventLoop {
   void every(std::chrono::milliseconds period, Task tick) override;
   // Loop thread.
   void after(std::chrono::milliseconds delay, Task task) override;
-  // Main thread. Runs the loop until stop(); the process normally never gets past it.
+  // Main thread, before run(). From now on SIGINT and SIGTERM do not end the process by
+  // themselves: each runs `onSignal` on the loop thread, which decides how to end.
+  void onStopSignals(Task onSignal);
+  // Main thread. Runs the loop until stop().
   void run();
   // Any thread.
   void stop();
@@ -33,9 +38,12 @@ class AsioEventLoop final : public EventLoop {
     Task tick;
   };
   void arm(Repeating& repeating);
+  void awaitSignal();
 
   asio::io_context context_{1};  // run by one thread; other threads only post
   std::list<Repeating> timers_;  // stable addresses for the pending waits
+  std::optional<asio::signal_set> signals_;
+  Task onSignal_;
 };
 
 }  // namespace parlavox::platform

@@ -60,6 +60,7 @@ class FakeSpeaker final : public Speaker {
     spoken.push_back(std::move(text));
     handlers.push_back(std::move(onFrame));
   }
+  void stop() override {}
   std::vector<std::string> spoken;
   std::vector<FrameHandler> handlers;
 };
@@ -95,11 +96,16 @@ TEST_F(AnnouncementsTest, SpeaksWhatShowControlSaysAndReportsTheRest) {
   osc("/parlavox/sayx", "hello");
   network.datagrams->deliver(Datagram{'#', 'b', 'u', 'n', 'd', 'l', 'e', 0});
   osc("/parlavox/say/Tech", "Standby lights");
+  const std::string longest(1000, 'a');
+  osc("/parlavox/say", longest);
+  osc("/parlavox/say", longest + "a");
   network.datagrams->fail("Network is down");
   EXPECT_EQ(console.take(),
             (Lines{"⚠️  OSC: unknown channel \"tech\"", "📣 Announcing: \"Standby lights\"",
+                   "📣 Announcing: \"" + longest + "\"",
+                   "⚠️  OSC: announcement of 1001 characters refused (at most 1000)",
                    "⚠️  OSC listener failed: Network is down"}));
-  EXPECT_EQ(speaker.spoken, Lines{"Standby lights"});
+  EXPECT_EQ(speaker.spoken, (Lines{"Standby lights", longest}));
 }
 
 TEST_F(AnnouncementsTest, FramesReachTheLoopNumberedUnderTheAnnouncersId) {

@@ -1,6 +1,5 @@
 // Spoken announcements, from a real OSC sender (liblo's oscsend) to crew clients on loopback.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +7,7 @@
 
 #include "e2e/ServerFixture.h"
 #include "platform/AudioFile.h"
-#include "support/Samples.h"
+#include "wire/Audio.h"
 
 namespace parlavox::test {
 namespace {
@@ -36,8 +35,8 @@ std::size_t expectedFrames(const std::string& text, const TempDir& dir) {
                : 0;
 }
 
-// One channel first: only its listeners hear it. Then all channels, in real time, and as speech in
-// the WAV that parlavox-client records of it.
+// One channel first: only its listeners hear it. Then all channels, in real time, and as speech.
+// (That parlavox-client records what it hears unchanged is the client's own test.)
 TEST_F(Announcements, ReachTheListenersOfTheirChannelsAsSpeech) {
   auto tech = member("Tech", "Lighting");             // Main + Tech
   auto green = member("Green", "Green Room Parent");  // Main + Green Room
@@ -49,11 +48,6 @@ TEST_F(Announcements, ReachTheListenersOfTheirChannelsAsSpeech) {
   const auto stray = green->nextAudio(0ms);
   EXPECT_FALSE(stray) << "the Green Room does not listen on Tech: got mask " << stray->mask;
 
-  ChildProcess recorder(
-      parlavoxClientBinary(),
-      {"127.0.0.1", "listen", "--role", "Green Room Parent", "--name", "Rec", "--out", "heard.wav"},
-      dir.path());
-  ASSERT_TRUE(recorder.waitForLine("🎧 Listening as Green Room Parent", 5s));
   const std::string text = "Places please, this is your five minute call";
   const auto began = std::chrono::steady_clock::now();
   ASSERT_EQ(oscsend("/parlavox/say", text), 0);
@@ -82,46 +76,24 @@ TEST_F(Announcements, ReachTheListenersOfTheirChannelsAsSpeech) {
   EXPECT_GT(std::chrono::duration<double>(took).count(), seconds * 0.75);
   EXPECT_LT(std::chrono::duration<double>(took).count(), seconds * 1.5 + 5.0);
 
-  // What the recorder heard, as a WAV file a person could play.
-  recorder.signal(SIGINT);
-  ASSERT_EQ(recorder.waitForExit(), 0) << testing::PrintToString(recorder.lines());
-  const auto file = platform::readAudioFile(dir / "heard.wav");
-  ASSERT_TRUE(file) << file.error();
-  EXPECT_EQ(file->sampleRate, 16000);
-  // Silence until the announcement, then the frames the Green Room heard, sample for sample.
   std::vector<std::int16_t> said;
   for (const auto& frame : heard) {
     const auto samples = wire::samplesOf(frame.samples);
     said.insert(said.end(), samples.begin(), samples.end());
   }
-  const auto recorded = toInt16(file->samples);
-  // Found by its first frame that is not silence: speech may begin with some.
-  auto sound = said.begin();
-  while (sound != said.end() && std::all_of(sound, sound + 320, [](auto v) { return v == 0; })) {
-    sound += 320;
-  }
-  ASSERT_NE(sound, said.end()) << "the announcement is silent";
-  const auto found = std::search(recorded.begin(), recorded.end(), sound, sound + 320);
-  ASSERT_GE(found - recorded.begin(), sound - said.begin());
-  const auto at = found - (sound - said.begin());
-  ASSERT_GE(recorded.end() - at, static_cast<std::ptrdiff_t>(said.size())) << "not all recorded";
-  EXPECT_TRUE(std::equal(said.begin(), said.end(), at)) << "the announcement, unchanged";
-  EXPECT_TRUE(std::all_of(recorded.begin(), at, [](auto v) { return v == 0; }));
-  const auto first = file->samples.begin() + (at - recorded.begin());
-  const auto last = first + static_cast<std::ptrdiff_t>(said.size());
 
   // Loud enough, and not noise (which byte-swapped samples would be): white noise crosses zero
   // about every other sample, speech far less often.
   double energy = 0;
   std::size_t crossings = 0;
   double previous = 0;
-  for (auto it = first; it != last; ++it) {
-    const float s = *it;
-    energy += static_cast<double>(s) * s;
+  for (const std::int16_t sample : said) {
+    const double s = sample / 32768.0;
+    energy += s * s;
     crossings += (previous < 0) != (s < 0) ? 1U : 0U;
     previous = s;
   }
-  const auto samples = static_cast<double>(last - first);
+  const auto samples = static_cast<double>(said.size());
   EXPECT_GT(std::sqrt(energy / samples), 0.01) << "not silence";
   EXPECT_LT(static_cast<double>(crossings) / samples, 0.25) << "not noise";
 }

@@ -6,9 +6,10 @@ namespace parlavox::test {
 
 using namespace std::chrono_literals;
 
-void ServerFixture::startWith(const Config& config) {
+void ServerFixture::startWith(const Config& config, const std::string& program,
+                              const std::vector<std::string>& env) {
   writeFile(dir / "roles.json", encodeConfig(config));
-  server = std::make_unique<ChildProcess>(parlavoxBinary(), std::vector<std::string>{}, dir.path());
+  server = std::make_unique<ChildProcess>(program, std::vector<std::string>{}, dir.path(), env);
   ASSERT_TRUE(server->waitForLine("✅ Listening on UDP port 50505"));
 }
 

@@ -18,8 +18,10 @@ namespace parlavox::test {
 // join it over loopback. For the test's thread only.
 class ServerFixture : public testing::Test {
  protected:
-  // Writes `config` as the roles file and starts the server; returns once it listens.
-  void startWith(const Config& config);
+  // Writes `config` as the roles file and starts the server (or `program`, a copy of it) with
+  // `env` ("NAME=value") added to its environment; returns once it listens.
+  void startWith(const Config& config, const std::string& program = parlavoxBinary(),
+                 const std::vector<std::string>& env = {});
   // A crew client that has joined as `role`, with its welcome and the rosters so far read.
   std::unique_ptr<client::IntercomClient> member(const std::string& name, const std::string& role);
   // Every audio datagram that reaches `client`, waiting `first` for the first and then until

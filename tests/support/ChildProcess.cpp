@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "support/TempDir.h"
+
 extern char** environ;
 
 namespace parlavox::test {
@@ -196,6 +198,21 @@ int runProgram(const std::vector<std::string>& argv) {
   const std::vector<std::string> args(argv.begin() + 1, argv.end());
   const auto status = runToEnd(argv.at(0), args, std::filesystem::current_path()).status;
   return status && *status >= 0 ? *status : -1;
+}
+
+bool processEnds(pid_t pid, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    // The state follows the command name, which ends with the last ")".
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    if (pid > 0 && (stat.empty() || stat.find(") Z ", stat.rfind(')')) != std::string::npos)) {
+      return true;
+    }
+    if (pid <= 0 || std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 std::string parlavoxBinary() {

@@ -83,6 +83,10 @@ ChildRun runToEnd(const std::string& program, const std::vector<std::string>& ar
 // or -1 if it did not end by itself within 15 s. Throws std::runtime_error if it cannot start.
 int runProgram(const std::vector<std::string>& argv);
 
+// Any thread. Waits up to `timeout` for the process `pid` to be gone, or dead and only waiting to
+// be reaped by whoever inherited it; true if it is.
+bool processEnds(pid_t pid, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
 // The programs under test, from the build tree.
 std::string parlavoxBinary();
 std::string parlavoxClientBinary();

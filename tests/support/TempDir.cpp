@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
 
 namespace parlavox::test {
 
@@ -41,6 +42,20 @@ void writeFile(const std::string& path, std::string_view content) {
   out << content;
   if (!out) {
     throw std::runtime_error("cannot write " + path);
+  }
+}
+
+std::string waitForLineIn(const std::string& path, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    const std::string content = readFile(path);
+    if (content.ends_with('\n')) {
+      return content;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return {};
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 

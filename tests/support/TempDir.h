@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,10 @@ class TempDir {
 // Whole-file helpers; writeFile throws std::runtime_error when the file cannot be written.
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, std::string_view content);
+// Any thread. What `path` holds once it holds a whole line, waiting up to `timeout`; "" if none
+// came.
+std::string waitForLineIn(const std::string& path,
+                          std::chrono::milliseconds timeout = std::chrono::seconds(10));
 // An executable /bin/sh script with `body` after the interpreter line; returns `path`.
 std::string writeScript(const std::string& path, std::string_view body);
 
