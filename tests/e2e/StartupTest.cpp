@@ -119,6 +119,8 @@ TEST(Startup, ARolesFileThatCannotBeUsedIsLeftAsItWasAndTheWarningSaysWhy) {
       {"roles.json", "echo {} >roles.json && chmod 0 roles.json", unread + "Permission denied"},
       {"gone/roles.json", "", unwritten + "No such file or directory"},
       {"shut/roles.json", "mkdir -m 500 shut", unwritten + "Permission denied"},
+      {"roles.json", R"(echo '{"channels":[],"roles":[],"oscPort":70000}' >roles.json)",
+       unread + "oscPort: expected an integer from 0 to 65535"},
       {"roles.json", R"(echo '{"channels":[],"roles":[],"oscPort":0}' >roles.json)",
        "⚠️  oscPort 0 in @ would listen on a random port; using 47000"},
   };

@@ -11,31 +11,7 @@ ParseResult parse(std::vector<std::string_view> args) {
   return parseArguments(args);
 }
 
-TEST(Arguments, AcceptsEachCommandWithItsOptionsInAnyOrderAndBothSpellings) {
-  Arguments listen;
-  listen.host = "10.0.0.2";
-  listen.command = Arguments::Command::listen;
-  listen.role = "Sound";
-  listen.name = "";  // "=" splits at the first one only; an empty value is a value
-  listen.seconds = 2.5;
-  listen.out = "a=b.wav";
-  EXPECT_EQ(parse({"10.0.0.2", "listen", "--role=Sound", "--name=", "--seconds", "2.5", "--out",
-                   "a=b.wav"}),
-            ParseResult(listen));
-  Arguments talk;
-  talk.command = Arguments::Command::talk;
-  talk.role = "Stage Manager";
-  talk.in = "cue.flac";
-  talk.mask = "Main, Green Room";
-  EXPECT_EQ(
-      parse({"talk", "--in", "cue.flac", "--mask=Main, Green Room", "--role", "Stage Manager"}),
-      ParseResult(talk));
-  Arguments info;
-  info.host = "::1";
-  EXPECT_EQ(parse({"::1", "info"}), ParseResult(info));
-  EXPECT_EQ(parse({"dance", "--help"}), ParseResult(HelpRequest{})) << "help wins wherever";
-}
-
+// What it accepts is seen end to end (tests/e2e/ClientToolTest.cpp); here, what it refuses.
 TEST(Arguments, RefusesWhatMakesNoSenseWithAMessageThatSaysWhy) {
   const std::vector<std::pair<std::vector<std::string_view>, std::string>> table{
       {{}, "no command given (info, listen or talk)"},
