@@ -179,7 +179,7 @@ void AvahiAdvertiser::onEstablished() {
   }
   recovering_ = false;
   // The same words as when the listener came up: the operator sees the warning undone.
-  console_.print(fmt::format("✅ Listening on UDP port {} and advertising on Bonjour", port_));
+  console_.print(advertisedLine(port_));
 }
 
 void AvahiAdvertiser::onDisconnected(AvahiClient* client, int error) {

@@ -29,19 +29,16 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
 void IntercomServer::start(std::uint16_t port) {
   listener_ = platform_.network.listenPeers(port);
   platform_.advertiser.advertise(show_.name(), wire::serviceType, port);
-  listener_->start(*this,
-                   {
-                       .onReady =
-                           [this, port] {
-                             platform_.console.print(fmt::format(
-                                 "✅ Listening on UDP port {} and advertising on Bonjour", port));
-                           },
-                       .onFailed =
-                           [this](std::string_view error) {
-                             platform_.console.print(fmt::format("❌ Listener failed: {}", error));
-                             exit_(1);
-                           },
-                   });
+  listener_->start(
+      *this,
+      {
+          .onReady = [this, port] { platform_.console.print(platform::advertisedLine(port)); },
+          .onFailed =
+              [this](std::string_view error) {
+                platform_.console.print(fmt::format("❌ Listener failed: {}", error));
+                exit_(1);
+              },
+      });
   platform_.loop.every(sweepPeriod, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->sweep();
