@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <iostream>
 #include <thread>
 
@@ -44,17 +43,6 @@ void sendOnce(const std::string& from, const std::string& datagram) {
 
 std::string control(const nlohmann::json& message) {
   return wire::controlDatagram(message.dump());
-}
-
-long residentKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.starts_with("VmRSS:")) {
-      return std::stol(line.substr(6));
-    }
-  }
-  return -1;
 }
 
 struct Heard {
@@ -121,12 +109,12 @@ TEST_F(Hardening, FloodsOfSourcesAndJoinsNeitherSilenceTheCrewNorCostMemory) {
     startWith(defaultConfig());
     auto talker = member("Talker", "Stage Manager");
     auto listener = member("Listener", "Sound");
-    const long before = residentKiB(server->pid());
+    const long before = server->residentKiB();
     const Heard heard = talkThrough(*talker, *listener, flood.count, flood.perSecond, [&](auto i) {
       sendOnce(loopbackAddress(flood.net + static_cast<int>(i / 62'500), i % 62'500),
                flood.datagram);
     });
-    const long growth = residentKiB(server->pid()) - before;
+    const long growth = server->residentKiB() - before;
     std::cout << flood.count << " " << flood.what << " at " << flood.perSecond
               << "/s: resident memory grew " << growth << " KiB; " << heard.received << " of "
               << heard.sent << " frames heard; " << heard.rosters << " rosters\n";

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fstream>
 #include <stdexcept>
 
 #include "support/TempDir.h"
@@ -213,6 +214,17 @@ bool processEnds(pid_t pid, std::chrono::milliseconds timeout) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+}
+
+long ChildProcess::residentKiB() const {
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmRSS:")) {
+      return std::stol(line.substr(6));
+    }
+  }
+  return -1;
 }
 
 std::string parlavoxBinary() {

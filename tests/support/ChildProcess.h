@@ -51,6 +51,8 @@ class ChildProcess {
   // Any thread. For reading /proc while the program runs; once it has been waited for, the id
   // may belong to another process.
   pid_t pid() const { return pid_; }
+  // Any thread. The program's resident memory now, in KiB, as /proc tells; -1 once it is gone.
+  long residentKiB() const;
 
  private:
   void readOutput(int out, int err);
