@@ -51,6 +51,17 @@ class AnnouncementControl : public ServerFixture {
     fs::remove(dir / "sleeper");
     return pid;
   }
+  // Whether `crew` hears a frame within as long as a loaded machine may need to start speaking,
+  // kept alive meanwhile (a client silent for 8 s is dropped).
+  static bool hears(client::IntercomClient& crew) {
+    for (int i = 0; i < 15; ++i) {
+      crew.sendControl({{"t", "ping"}});
+      if (crew.nextAudio(2s)) {
+        return true;
+      }
+    }
+    return false;
+  }
   long speechFiles() const { return std::distance(fs::directory_iterator(dir / "tmp"), {}); }
 
   std::string program_ = dir / "bin/parlavox";
@@ -66,7 +77,7 @@ TEST_F(AnnouncementControl, TextsAndTheSpeechCommandsWordsReachTheConsoleAsOneCl
   }
   say(marked);
   say("fail please");
-  ASSERT_TRUE(server->waitForLine("⚠️  `say` failed", 20s));
+  ASSERT_TRUE(server->waitForLine("⚠️  `say` failed", 30s));
   const auto lines = server->lines();
   for (const std::string expected :
        {"📣 Announcing: \"Go\uFFFD[2J\uFFFDforged\"", "⚠️  OSC: unknown channel \"\uFFFD[2J\"",
@@ -88,10 +99,10 @@ TEST_F(AnnouncementControl, TheStopCueSilencesEverythingAskedForBeforeIt) {
   auto tech = member("Tech", "Lighting");
   say(std::string(kLongText));
   say("Never spoken");
-  ASSERT_TRUE(tech->nextAudio(10s));
+  ASSERT_TRUE(hears(*tech));
   osc({"/parlavox/stop"});
   ASSERT_TRUE(server->waitForLine("📣 Announcements stopped"));
-  EXPECT_LT(audioUntilQuiet(*tech, 2s, 1s).size(), 100U) << "some 470 if not stopped";
+  EXPECT_LT(audioUntilQuiet(*tech, 2s, 1s).size(), 250U) << "some 470 if not stopped";
 
   say("hang on");
   const pid_t sleeping = sleeper();
@@ -126,7 +137,7 @@ TEST_F(AnnouncementControl, ASignalEndsTheServerCleanlyMidAnnouncement) {
   start();
   auto tech = member("Tech", "Lighting");
   say(std::string(kLongText));
-  ASSERT_TRUE(tech->nextAudio(10s));
+  ASSERT_TRUE(hears(*tech));
   EXPECT_EQ(speechFiles(), 1);
   server->signal(SIGTERM);
   EXPECT_EQ(server->waitForExit(), 0);

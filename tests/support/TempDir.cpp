@@ -48,7 +48,7 @@ void writeFile(const std::string& path, std::string_view content) {
 std::string waitForLineIn(const std::string& path, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    const std::string content = readFile(path);
+    std::string content = readFile(path);
     if (content.ends_with('\n')) {
       return content;
     }
