@@ -45,6 +45,12 @@ std::string control(const nlohmann::json& message) {
   return wire::controlDatagram(message.dump());
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 struct Heard {
   std::size_t sent = 0;
   std::size_t received = 0;
@@ -118,7 +124,9 @@ TEST_F(Hardening, FloodsOfSourcesAndJoinsNeitherSilenceTheCrewNorCostMemory) {
     std::cout << flood.count << " " << flood.what << " at " << flood.perSecond
               << "/s: resident memory grew " << growth << " KiB; " << heard.received << " of "
               << heard.sent << " frames heard; " << heard.rosters << " rosters\n";
-    EXPECT_LT(growth, 16 * 1024) << flood.what;
+    if (!kSanitized) {  // ASan's quarantine keeps what is freed, TSan shadows all it touches
+      EXPECT_LT(growth, 16 * 1024) << flood.what;
+    }
     EXPECT_GE(heard.received * 100, heard.sent * flood.heardPercent) << flood.what;
     EXPECT_LE(heard.rosters, 5U * 5 + 5) << "about five rosters a second at most";
     // Once the server has worked through what the flood left queued (a pong says so):
