@@ -25,7 +25,7 @@ class RateLimiter {
 
  private:
   struct Bucket {
-    double tokens;
+    double tokens = 0;
     platform::MonoTime filledAt;
   };
   struct HostHash {
