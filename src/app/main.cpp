@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "announce/Announcements.h"
@@ -19,6 +20,7 @@
 #include "platform/Clock.h"
 #include "platform/Console.h"
 #include "platform/Interfaces.h"
+#include "platform/SystemdNotifier.h"
 #include "platform/UdpNetwork.h"
 #include "relay/IntercomServer.h"
 #include "wire/Protocol.h"
@@ -45,6 +47,37 @@ void printReport(const Config& config, platform::Console& console) {
   console.print("   Press Ctrl-C to stop.\n");
 }
 
+std::string crewStatus(CrewCount crew) {
+  return fmt::format("{} crew joined, {} talking", crew.joined, crew.talking);
+}
+
+// Loop thread, once the intercom port answers. Under systemd: ready, the crew in `systemctl
+// status`, and the watchdog fed from the loop itself, so that a wedged loop gets the process
+// restarted.
+void reportToSystemd(const platform::SystemdNotifier& systemd, platform::EventLoop& loop,
+                     const IntercomServer& relay) {
+  if (!systemd.active()) {
+    return;
+  }
+  auto shown = std::make_shared<std::string>(crewStatus(relay.crew()));
+  systemd.notify("READY=1\nSTATUS=" + *shown);
+  loop.every(std::chrono::seconds(1), [&systemd, &relay, shown] {
+    if (std::string status = crewStatus(relay.crew()); status != *shown) {
+      *shown = std::move(status);
+      systemd.notify("STATUS=" + *shown);
+    }
+  });
+  if (const auto interval = systemd.watchdogInterval()) {
+    loop.every(*interval, [&systemd] { systemd.notify("WATCHDOG=1"); });
+  }
+}
+
+// Where the service manager gave the server a state directory, which is all it may write to.
+std::string stateDirectory() {
+  const char* directory = std::getenv("STATE_DIRECTORY");
+  return directory != nullptr ? directory : "";
+}
+
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
   std::fflush(stdout);
@@ -53,7 +86,7 @@ void printReport(const Config& config, platform::Console& console) {
 
 int run(int argc, char** argv, platform::Console& console) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
-  const Show show(loadConfig(configPath, console));
+  const Show show(loadConfig(configPath, console, stateDirectory()));
   if (show.channels().size() > 32) {
     console.print("❌ Max 32 channels.");
     return 1;
@@ -63,6 +96,7 @@ int run(int argc, char** argv, platform::Console& console) {
   platform::UdpNetwork network(loop.context());
   platform::AvahiAdvertiser advertiser(console);
   platform::SteadyClock clock;
+  const platform::SystemdNotifier systemd;
   Announcer announcer(defaultSayCommand(), console, clock);
   const auto relay = IntercomServer::create(
       show, ServerPlatform{loop, network, advertiser, clock, console}, endProcess);
@@ -72,7 +106,8 @@ int run(int argc, char** argv, platform::Console& console) {
                               relay.sendToListeners(mask, head, body);
                             });
   try {
-    relay->start(wire::intercomPort);
+    relay->start(wire::intercomPort,
+                 [&systemd, &loop, &relay = *relay] { reportToSystemd(systemd, loop, relay); });
     announcements->start();
   } catch (const std::exception& error) {
     console.print(fmt::format("❌ Couldn't start: {}", error.what()));
@@ -81,7 +116,8 @@ int run(int argc, char** argv, platform::Console& console) {
   printReport(show.config(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
-  loop.onStopSignals([&loop, &announcer] {
+  loop.onStopSignals([&loop, &announcer, &systemd] {
+    systemd.notify("STOPPING=1");
     announcer.stop();
     loop.stop();
   });

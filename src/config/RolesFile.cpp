@@ -252,7 +252,8 @@ std::string encodeConfig(const Config& config) {
   }
 }
 
-Config loadConfig(const std::string& path, platform::Console& console) {
+Config loadConfig(const std::string& path, platform::Console& console,
+                  const std::string& spareDirectory) {
   // The path comes from the command line: it is printed, but must not forge console lines.
   const std::string location = absolutePath(path);
   const std::string shown = printable(location);
@@ -265,6 +266,9 @@ Config loadConfig(const std::string& path, platform::Console& console) {
   if (!read) {
     // Something is there that cannot be read; it stays as it is.
     return fallBack("read", read.error());
+  }
+  if (!*read && !spareDirectory.empty()) {
+    return loadConfig(spareDirectory + "/roles.json", console, {});
   }
   if (!*read) {
     // The built-in show is plain ASCII: its encoding cannot fail.

@@ -29,7 +29,9 @@ std::string encodeConfig(const Config& config);
 // whatever else is there and cannot be read or decoded (a directory, a FIFO, a device, a link to
 // nothing, a file without permission or of bad content) is left alone. Either way the built-in
 // show is returned with one notice that says what happened. An `oscPort` of 0 becomes 47000, with
-// a warning.
-Config loadConfig(const std::string& path, platform::Console& console);
+// a warning. With a `spareDirectory` (a service's own, where /etc is read-only to it), nothing at
+// `path` means the roles.json there is used instead, by the same rules.
+Config loadConfig(const std::string& path, platform::Console& console,
+                  const std::string& spareDirectory = {});
 
 }  // namespace parlavox

@@ -26,19 +26,24 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
       exit_(std::move(exit)),
       configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})) {}
 
-void IntercomServer::start(std::uint16_t port) {
+void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
   listener_ = platform_.network.listenPeers(port);
   platform_.advertiser.advertise(show_.name(), wire::serviceType, port);
-  listener_->start(
-      *this,
-      {
-          .onReady = [this, port] { platform_.console.print(platform::advertisedLine(port)); },
-          .onFailed =
-              [this](std::string_view error) {
-                platform_.console.print(fmt::format("❌ Listener failed: {}", error));
-                exit_(1);
-              },
-      });
+  listener_->start(*this,
+                   {
+                       .onReady =
+                           [this, port, onReady = std::move(onReady)] {
+                             platform_.console.print(platform::advertisedLine(port));
+                             if (onReady) {
+                               onReady();
+                             }
+                           },
+                       .onFailed =
+                           [this](std::string_view error) {
+                             platform_.console.print(fmt::format("❌ Listener failed: {}", error));
+                             exit_(1);
+                           },
+                   });
   platform_.loop.every(sweepPeriod, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->sweep();
@@ -48,8 +53,12 @@ void IntercomServer::start(std::uint16_t port) {
 
 void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) {
   // A new address is a new peer, even for a datagram that says nothing.
-  const Peer& peer = peers_.heardFrom(from, platform_.clock.now(), !datagram.empty());
-  if (datagram.empty()) {
+  using Said = PeerTable::Said;
+  const Said said = datagram.empty()                 ? Said::nothing
+                    : datagram[0] == wire::kindAudio ? Said::audio
+                                                     : Said::control;
+  const Peer& peer = peers_.heardFrom(from, platform_.clock.now(), said);
+  if (said == Said::nothing) {
     return;
   }
   switch (datagram[0]) {
@@ -89,6 +98,10 @@ void IntercomServer::sweep() {
     }
     remove(address);
   }
+}
+
+CrewCount IntercomServer::crew() const {
+  return {peers_.listeners().size(), peers_.talkingSince(platform_.clock.now() - talkingWindow)};
 }
 
 void IntercomServer::handleControl(Bytes payload, const Peer& peer) {

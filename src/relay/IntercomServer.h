@@ -28,6 +28,11 @@ struct ServerPlatform {
   platform::Console& console;
 };
 
+struct CrewCount {
+  std::size_t joined = 0;
+  std::size_t talking = 0;  // of the joined, those who sent audio within talkingWindow
+};
+
 // The intercom relay: serves the peers of its transports (joining, control messages, the audio
 // fan-out, rosters, liveness). All of its state lives on the server loop; nothing here takes a
 // lock. Announcements reach it only through sendToListeners().
@@ -42,14 +47,19 @@ class IntercomServer final : public platform::Transport::Peers,
   // Rosters go out at most once per this period, the last one always the current crew: a burst
   // of joins or departures costs each peer a few rosters, not one per event.
   static constexpr auto rosterPeriod = std::chrono::milliseconds(200);
+  static constexpr auto talkingWindow = std::chrono::seconds(1);
 
   // Any thread. Starts nothing and prints nothing.
   static std::shared_ptr<IntercomServer> create(Show show, ServerPlatform platform,
                                                 ExitPolicy exit);
 
   // Main thread, once, before the loop runs. Opens the intercom port on `port`, advertises it by
-  // DNS-SD and starts the liveness sweep. Throws std::system_error when the port cannot be had.
-  void start(std::uint16_t port);
+  // DNS-SD and starts the liveness sweep; `onReady` runs on the loop thread once the port answers.
+  // Throws std::system_error when the port cannot be had.
+  void start(std::uint16_t port, std::function<void()> onReady = {});
+
+  // Loop thread.
+  CrewCount crew() const;
 
   // Loop thread. `head` and `body` as one datagram to every joined peer that listens on a
   // channel of `mask`: how announcement frames reach the crew.

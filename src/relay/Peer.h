@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/Bytes.h"
@@ -20,6 +21,7 @@ struct Peer {
   std::uint32_t listenMask = 0;
   bool joined = false;
   platform::MonoTime lastSeen;
+  std::optional<platform::MonoTime> lastAudio;  // for the count of who is talking
 };
 
 // A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small

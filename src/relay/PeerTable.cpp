@@ -30,7 +30,7 @@ std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const L
 }
 
 const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::MonoTime now,
-                                 bool keepsAlive) {
+                                 Said said) {
   auto [it, isNew] = peers_.try_emplace(from);
   Peer& peer = it->second.peer;
   if (isNew) {
@@ -42,10 +42,21 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
       erase(peers_.find(oldest));
       oldest.transport->end(oldest);
     }
-  } else if (keepsAlive) {
+  } else if (said != Said::nothing) {
     peer.lastSeen = now;
   }
+  if (said == Said::audio) {
+    peer.lastAudio = now;
+  }
   return peer;
+}
+
+std::size_t PeerTable::talkingSince(platform::MonoTime cutoff) const {
+  return static_cast<std::size_t>(
+      std::count_if(peers_.begin(), peers_.end(), [cutoff](const auto& item) {
+        const Peer& peer = item.second.peer;
+        return peer.joined && peer.lastAudio && *peer.lastAudio >= cutoff;
+      }));
 }
 
 const Peer* PeerTable::find(const platform::PeerAddress& address) const {

@@ -26,10 +26,14 @@ class PeerTable {
   static constexpr std::size_t kUnjoinedLimit = 4096;
   static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
 
-  // The peer at `from`, a new unjoined one if there is none. A datagram that says anything
-  // (`keepsAlive`) refreshes its lastSeen. A new peer beyond kUnjoinedLimit evicts the oldest
-  // unjoined one, whose transport is told with end(); joined peers are never evicted.
-  const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, bool keepsAlive);
+  // What a datagram said, as far as liveness goes: anything at all refreshes a peer's lastSeen,
+  // audio its lastAudio too.
+  enum class Said { nothing, control, audio };
+
+  // The peer at `from`, a new unjoined one if there is none, updated for a datagram that `said`.
+  // A new peer beyond kUnjoinedLimit evicts the oldest unjoined one, whose transport is told with
+  // end(); joined peers are never evicted.
+  const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, Said said);
 
   // The peer at `address`, or nothing.
   const Peer* find(const platform::PeerAddress& address) const;
@@ -44,6 +48,9 @@ class PeerTable {
 
   // The peers silent since before `cutoff`, in the table's own order.
   std::vector<platform::PeerAddress> silentSince(platform::MonoTime cutoff) const;
+
+  // How many joined peers have sent audio since `cutoff`.
+  std::size_t talkingSince(platform::MonoTime cutoff) const;
 
   // Every joined peer, in ascending order of id.
   std::span<const Listener> listeners() const { return listeners_; }
