@@ -1,16 +1,25 @@
 // parlavox-say -o FILE.aiff TEXT
 //
-// Speaks TEXT with espeak-ng's default voice and writes it to FILE.aiff as 16-bit PCM at the
-// engine's own rate. Exits 0 on success; otherwise prints one line on standard error and exits
-// non-zero (2 for a wrong command line). TEXT is always the third argument and is never read as
-// an option, whatever it looks like.
+// Speaks TEXT with an espeak-ng voice and writes it to FILE.aiff as 16-bit PCM at the engine's
+// own rate. Exits 0 on success; otherwise prints one line on standard error and exits non-zero (2
+// for a wrong command line). TEXT is always the third argument and is never read as an option,
+// whatever it looks like.
+//
+// The voice comes from the environment, since the server that runs this passes on its own and
+// never changes the command line: PARLAVOX_VOICE (an espeak-ng voice or language, "fr", "de",
+// "en-us"), else the language of the locale (LC_ALL, then LC_MESSAGES, then LANG, the first one
+// set: "de_DE.UTF-8" speaks German), else English. A voice espeak-ng does not have is spoken in
+// English, with one line on standard error.
 
 #include <espeak-ng/espeak_ng.h>
 #include <espeak-ng/speak_lib.h>
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -42,6 +51,46 @@ std::string describe(espeak_ng_STATUS status) {
   return text.data();
 }
 
+// The voice the environment asks for, as espeak-ng names languages ("de_DE.UTF-8@euro" is
+// "de-de"); empty for English, espeak-ng's own default.
+std::string wantedVoice() {
+  if (const char* voice = std::getenv("PARLAVOX_VOICE"); voice != nullptr && *voice != '\0') {
+    return voice;
+  }
+  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    const char* locale = std::getenv(variable);
+    if (locale == nullptr || *locale == '\0') {
+      continue;
+    }
+    std::string language(locale, std::strcspn(locale, ".@"));
+    if (language == "C" || language == "POSIX") {
+      return {};
+    }
+    std::replace(language.begin(), language.end(), '_', '-');
+    std::transform(language.begin(), language.end(), language.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return language;
+  }
+  return {};
+}
+
+// The wanted voice if espeak-ng has it (a language it knows by another region counts), else
+// English, said once on standard error.
+espeak_ng_STATUS chooseVoice() {
+  const std::string wanted = wantedVoice();
+  if (!wanted.empty()) {
+    espeak_VOICE language{};
+    language.languages = wanted.c_str();
+    if (espeak_ng_SetVoiceByName(wanted.c_str()) == ENS_OK ||
+        espeak_ng_SetVoiceByProperties(&language) == ENS_OK) {
+      return ENS_OK;
+    }
+    std::fprintf(stderr, "parlavox-say: espeak-ng has no voice \"%s\"; speaking English\n",
+                 wanted.c_str());
+  }
+  return espeak_ng_SetVoiceByName(ESPEAKNG_DEFAULT_VOICE);
+}
+
 // Renders `text`; on failure returns false with `error` set.
 bool speak(const char* text, std::vector<short>& samples, int& rate, std::string& error) {
   espeak_ng_InitializePath(nullptr);
@@ -54,7 +103,7 @@ bool speak(const char* text, std::vector<short>& samples, int& rate, std::string
   }
   status = espeak_ng_InitializeOutput(ENOUTPUT_MODE_SYNCHRONOUS, 0, nullptr);
   if (status == ENS_OK) {
-    status = espeak_ng_SetVoiceByName(ESPEAKNG_DEFAULT_VOICE);
+    status = chooseVoice();
   }
   if (status == ENS_OK) {
     collected = &samples;
