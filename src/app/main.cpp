@@ -29,7 +29,7 @@ namespace {
 
 using namespace parlavox;
 
-void printReport(const Config& config, platform::Console& console) {
+void printReport(const Config& config, bool service, platform::Console& console) {
   std::vector<std::string> roles;
   roles.reserve(config.roles.size());
   for (const Role& role : config.roles) {
@@ -44,7 +44,9 @@ void printReport(const Config& config, platform::Console& console) {
   console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this computer, port {},",
                             config.oscPort));
   console.print("               address /parlavox/say with a string argument to announce.");
-  console.print("   Press Ctrl-C to stop.\n");
+  // In a terminal a blank line sets the report apart; in the journal it would be an empty entry.
+  console.print(service ? "   Stop it with: systemctl stop parlavox"
+                        : "   Press Ctrl-C to stop.\n");
 }
 
 std::string crewStatus(CrewCount crew) {
@@ -113,7 +115,7 @@ int run(int argc, char** argv, platform::Console& console) {
     console.print(fmt::format("❌ Couldn't start: {}", error.what()));
     return 1;
   }
-  printReport(show.config(), console);
+  printReport(show.config(), systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {

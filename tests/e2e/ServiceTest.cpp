@@ -108,10 +108,31 @@ TEST(Service, TellsSystemdWhenItServesWhoIsOnAndThatItsLoopIsAlive) {
   EXPECT_GT(mean, 400ms);
   EXPECT_LT(mean, 700ms);
 
+  EXPECT_EQ(server.count("   Stop it with: systemctl stop parlavox"), 1U);
+  EXPECT_EQ(server.count("Press Ctrl-C"), 0U);
+
   server.signal(SIGTERM);
   EXPECT_EQ(systemd.nextState(5s), "STOPPING=1");
   EXPECT_EQ(server.waitForExit(), 0);
   EXPECT_EQ(server.standardError(), "");
+}
+
+TEST(Service, WarningsAndErrorsReachTheJournalAsSuch) {
+  TempDir dir;
+  std::string channels = R"("ch")";
+  for (int i = 1; i < 33; ++i) {
+    channels += R"(,"ch)" + std::to_string(i) + '"';
+  }
+  writeFile(dir / "roles.json", R"({"channels":[)" + channels + R"(],"roles":[],"oscPort":0})");
+  // Standard output is a stream that JOURNAL_STREAM names, as when systemd connects the journal.
+  const ChildRun run = runToEnd(
+      "sh", {"-c", R"(: >out && JOURNAL_STREAM=$(stat -c %d:%i out) exec "$0" roles.json >out)",
+             parlavoxBinary()},
+      dir.path());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(readFile(dir / "out"), "<4>⚠️  oscPort 0 in " + (dir / "roles.json") +
+                                       " would listen on a random port; using 47000\n"
+                                       "<3>❌ Max 32 channels.\n");
 }
 
 }  // namespace
