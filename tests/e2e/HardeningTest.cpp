@@ -1,7 +1,8 @@
 // The real server on a hostile show network: floods of sources, "hi"s and joins from forged
 // addresses (any of 127.0.0.0/8 is loopback, so each can be a machine of its own), and names made
-// to forge the console. The rules themselves are checked in the relay's unit tests; here the
-// crew's audio and the server's memory are measured while it happens.
+// to forge the console. The rules themselves (bounds, rate limits per host, coalesced rosters) are
+// checked in the relay's unit tests; here the crew's audio and the server's memory are measured
+// while it happens.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -137,37 +138,6 @@ TEST_F(Hardening, FloodsOfSourcesAndJoinsNeitherSilenceTheCrewNorCostMemory) {
     const Heard after = talkThrough(*talker, *listener, 25, 25, [](std::size_t) {});
     EXPECT_EQ(after.received, after.sent) << "once it is over, every frame";
     server->stop();
-  }
-}
-
-TEST_F(Hardening, ConfigsAndJoinsAreRateLimitedPerAddressButNeverForTheCrew) {
-  startWith(defaultConfig());
-  struct Case {
-    nlohmann::json message;
-    std::string reply;
-    std::size_t burst;
-  };
-  for (const Case& c : {Case{{{"t", "hi"}}, "config", 20},
-                        Case{{{"t", "join"}, {"role", "Sound"}}, "welcome", 32}}) {
-    client::IntercomClient forged("127.0.0.1", wire::intercomPort, "127.4.0.1");
-    for (int i = 0; i < 200; ++i) {
-      forged.sendControl(c.message);
-    }
-    std::size_t replies = 0;
-    while (auto message = forged.nextControl(500ms)) {
-      replies += (*message)["t"] == c.reply ? 1U : 0U;
-    }
-    std::cout << "200 " << c.message.dump() << " from one address: " << replies << " answered\n";
-    // Two hundred asked in a moment: the burst, and what refilled meanwhile (5 or 8 a second).
-    EXPECT_GE(replies, c.burst) << c.message;
-    EXPECT_LE(replies, c.burst + 2) << c.message;
-  }
-  // A laptop running a handful of crew clients, each saying "hi" and joining, is never refused.
-  for (int i = 0; i < 5; ++i) {
-    client::IntercomClient crew("127.0.0.1", wire::intercomPort, "127.4.0.1");
-    ASSERT_TRUE(crew.hi()) << "the forged address's own bucket has refilled by now: " << i;
-    EXPECT_EQ((*crew.join("Crew", "Sound"))["t"], "welcome");
-    std::this_thread::sleep_for(200ms);
   }
 }
 

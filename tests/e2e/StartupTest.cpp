@@ -96,6 +96,18 @@ TEST(Startup, ThirtyTwoChannelsStartAndThirtyThreeDoNot) {
   EXPECT_EQ(server.waitForExit(), 1);
   EXPECT_EQ(server.lines(), (std::vector<std::string>{"❌ Max 32 channels."}));
   EXPECT_EQ(server.standardError(), "");
+
+  // Under systemd, standard output is the journal (JOURNAL_STREAM names the stream): errors and
+  // warnings go in at their own priority.
+  writeFile(dir / "roles.json", R"({"oscPort":0,)" + channelsFile(33).substr(1));
+  const ChildRun journal = runToEnd(
+      "sh",
+      {"-c", R"(: >out && JOURNAL_STREAM=$(stat -c %d:%i out) exec "$0" >out)", parlavoxBinary()},
+      dir.path());
+  EXPECT_EQ(journal.status, 1);
+  EXPECT_EQ(readFile(dir / "out"), "<4>⚠️  oscPort 0 in " + (dir / "roles.json") +
+                                       " would listen on a random port; using 47000\n"
+                                       "<3>❌ Max 32 channels.\n");
 }
 
 // What is under `dir`: each path with its type, size, mode and link target.

@@ -16,7 +16,8 @@ fail() {
 echo "== $(basename "$deb")"
 dpkg-deb --contents "$deb" | awk '{ print substr($6, 2) }' | tee "$scratch/contents"
 for path in /usr/bin/parlavox /usr/bin/parlavox-say /usr/bin/parlavox-client \
-  /lib/systemd/system/parlavox.service /etc/parlavox/roles.json /etc/default/parlavox \
+  /lib/systemd/system/parlavox.service /usr/lib/sysusers.d/parlavox.conf \
+  /etc/parlavox/roles.json /etc/default/parlavox \
   /usr/share/man/man1/parlavox.1.gz /usr/share/man/man1/parlavox-say.1.gz \
   /usr/share/man/man1/parlavox-client.1.gz /usr/share/doc/parlavox/copyright \
   /usr/share/doc/parlavox/changelog.gz; do
