@@ -76,6 +76,7 @@ void reportToSystemd(const platform::SystemdNotifier& systemd, platform::EventLo
 
 // Where the service manager gave the server a state directory, which is all it may write to.
 std::string stateDirectory() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here sets the environment
   const char* directory = std::getenv("STATE_DIRECTORY");
   return directory != nullptr ? directory : "";
 }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -13,15 +14,21 @@ namespace {
 // Whether standard output is the journal's stream: systemd says which in JOURNAL_STREAM
 // ("device:inode"), and a child that inherited the variable but not the stream does not match.
 bool stdoutIsJournal() {
-  const char* stream = std::getenv("JOURNAL_STREAM");  // NOLINT(concurrency-mt-unsafe)
+  const char* stream = std::getenv("JOURNAL_STREAM");  // NOLINT(concurrency-mt-unsafe): read-only
   struct stat out {};
   if (stream == nullptr || ::fstat(STDOUT_FILENO, &out) != 0) {
     return false;
   }
-  unsigned long long device = 0;
-  unsigned long long inode = 0;
-  return std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 && device == out.st_dev &&
-         inode == out.st_ino;
+  const std::string_view text(stream);
+  const char* end = text.data() + text.size();
+  dev_t device = 0;
+  ino_t inode = 0;
+  const auto [colon, deviceError] = std::from_chars(text.data(), end, device);
+  if (deviceError != std::errc{} || colon == end || *colon != ':') {
+    return false;
+  }
+  const auto [rest, inodeError] = std::from_chars(colon + 1, end, inode);
+  return inodeError == std::errc{} && rest == end && device == out.st_dev && inode == out.st_ino;
 }
 
 // The journal's syslog-style priority prefix for `message`, or nothing for plain information.

@@ -8,7 +8,9 @@
 
 namespace parlavox::platform {
 
-SystemdNotifier::SystemdNotifier() : active_(std::getenv("NOTIFY_SOCKET") != nullptr) {
+SystemdNotifier::SystemdNotifier() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here sets the environment
+  active_ = std::getenv("NOTIFY_SOCKET") != nullptr;
   std::uint64_t timeout = 0;
   // Also checks WATCHDOG_PID, so a child that inherited the variables does not feed our watchdog.
   if (active_ && sd_watchdog_enabled(0, &timeout) > 0) {

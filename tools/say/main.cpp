@@ -54,11 +54,12 @@ std::string describe(espeak_ng_STATUS status) {
 // The voice the environment asks for, as espeak-ng names languages ("de_DE.UTF-8@euro" is
 // "de-de"); empty for English, espeak-ng's own default.
 std::string wantedVoice() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
   if (const char* voice = std::getenv("PARLAVOX_VOICE"); voice != nullptr && *voice != '\0') {
     return voice;
   }
   for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* locale = std::getenv(variable);
+    const char* locale = std::getenv(variable);  // NOLINT(concurrency-mt-unsafe): one thread
     if (locale == nullptr || *locale == '\0') {
       continue;
     }
