@@ -1,25 +1,25 @@
 #include "platform/AsioEventLoop.h"
 
-#include <asio/post.hpp>
+#include <boost/asio/post.hpp>
 #include <csignal>
 #include <memory>
 
 namespace parlavox::platform {
 
 void AsioEventLoop::post(Task task) {
-  asio::post(context_, std::move(task));
+  boost::asio::post(context_, std::move(task));
 }
 
 void AsioEventLoop::every(std::chrono::milliseconds period, Task tick) {
   auto& repeating =
-      timers_.emplace_back(Repeating{asio::steady_timer(context_), period, std::move(tick)});
+      timers_.emplace_back(Repeating{boost::asio::steady_timer(context_), period, std::move(tick)});
   repeating.timer.expires_after(period);
   arm(repeating);
 }
 
 void AsioEventLoop::after(std::chrono::milliseconds delay, Task task) {
-  auto timer = std::make_shared<asio::steady_timer>(context_, delay);
-  timer->async_wait([timer, task = std::move(task)](const std::error_code& error) {
+  auto timer = std::make_shared<boost::asio::steady_timer>(context_, delay);
+  timer->async_wait([timer, task = std::move(task)](const boost::system::error_code& error) {
     if (!error) {
       task();
     }
@@ -27,7 +27,7 @@ void AsioEventLoop::after(std::chrono::milliseconds delay, Task task) {
 }
 
 void AsioEventLoop::arm(Repeating& repeating) {
-  repeating.timer.async_wait([this, &repeating](const std::error_code& error) {
+  repeating.timer.async_wait([this, &repeating](const boost::system::error_code& error) {
     if (error) {
       return;  // cancelled: the loop is going away
     }
@@ -45,7 +45,7 @@ void AsioEventLoop::onStopSignals(Task onSignal) {
 }
 
 void AsioEventLoop::awaitSignal() {
-  signals_->async_wait([this](const std::error_code& error, int /*signal*/) {
+  signals_->async_wait([this](const boost::system::error_code& error, int /*signal*/) {
     if (error) {
       return;  // cancelled: the loop is going away
     }
@@ -55,7 +55,7 @@ void AsioEventLoop::awaitSignal() {
 }
 
 void AsioEventLoop::run() {
-  auto guard = asio::make_work_guard(context_);
+  auto guard = boost::asio::make_work_guard(context_);
   context_.run();
 }
 

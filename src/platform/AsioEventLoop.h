@@ -1,8 +1,8 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
-#include <asio/steady_timer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <list>
 #include <optional>
 
@@ -29,20 +29,20 @@ class AsioEventLoop final : public EventLoop {
   // Any thread.
   void stop();
 
-  asio::io_context& context() { return context_; }
+  boost::asio::io_context& context() { return context_; }
 
  private:
   struct Repeating {
-    asio::steady_timer timer;
+    boost::asio::steady_timer timer;
     std::chrono::milliseconds period;
     Task tick;
   };
   void arm(Repeating& repeating);
   void awaitSignal();
 
-  asio::io_context context_{1};  // run by one thread; other threads only post
-  std::list<Repeating> timers_;  // stable addresses for the pending waits
-  std::optional<asio::signal_set> signals_;
+  boost::asio::io_context context_{1};  // run by one thread; other threads only post
+  std::list<Repeating> timers_;         // stable addresses for the pending waits
+  std::optional<boost::asio::signal_set> signals_;
   Task onSignal_;
 };
 

@@ -9,7 +9,7 @@ namespace {
 // Every sender's datagrams, one at a time; the sender itself is of no interest.
 class UdpReceiver final : public DatagramReceiver {
  public:
-  UdpReceiver(asio::io_context& context, std::uint16_t port) : socket_(context, port) {}
+  UdpReceiver(boost::asio::io_context& context, std::uint16_t port) : socket_(context, port) {}
 
   void start(Handlers handlers) override {
     handlers_ = std::move(handlers);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <asio/io_context.hpp>
+#include <boost/asio/io_context.hpp>
 
 #include "platform/Network.h"
 
@@ -9,13 +9,13 @@ namespace parlavox::platform {
 // Opens UDP ports on the server loop's io_context.
 class UdpNetwork final : public Network {
  public:
-  explicit UdpNetwork(asio::io_context& context) : context_(context) {}
+  explicit UdpNetwork(boost::asio::io_context& context) : context_(context) {}
 
   std::unique_ptr<PeerListener> listenPeers(std::uint16_t port) override;
   std::unique_ptr<DatagramReceiver> listenDatagrams(std::uint16_t port) override;
 
  private:
-  asio::io_context& context_;
+  boost::asio::io_context& context_;
 };
 
 }  // namespace parlavox::platform

@@ -1,11 +1,12 @@
 #include "platform/UdpPeerListener.h"
 
-#include <asio/post.hpp>
+#include <boost/asio/post.hpp>
 #include <cstring>
 
 namespace parlavox::platform {
 
-UdpPeerListener::UdpPeerListener(asio::io_context& context, std::uint16_t port, SocketCalls& calls)
+UdpPeerListener::UdpPeerListener(boost::asio::io_context& context, std::uint16_t port,
+                                 SocketCalls& calls)
     : context_(context), socket_(context, port, calls) {}
 
 PeerAddress UdpPeerListener::addressOf(const sockaddr_in6& endpoint) {
@@ -37,7 +38,7 @@ void UdpPeerListener::start(Peers& peers, Handlers handlers) {
         }
       });
   // The socket is bound and receiving: report ready from the loop, as a listener would.
-  asio::post(context_, [this, alive = std::weak_ptr<bool>(alive_)] {
+  boost::asio::post(context_, [this, alive = std::weak_ptr<bool>(alive_)] {
     if (alive.lock() && handlers_.onReady) {
       handlers_.onReady();
     }

@@ -15,7 +15,7 @@ namespace parlavox::platform {
 class UdpPeerListener final : public PeerListener {
  public:
   // Binds at once; throws std::system_error when the port cannot be had.
-  UdpPeerListener(asio::io_context& context, std::uint16_t port,
+  UdpPeerListener(boost::asio::io_context& context, std::uint16_t port,
                   SocketCalls& calls = SocketCalls::system());
 
   void start(Peers& peers, Handlers handlers) override;
@@ -27,7 +27,7 @@ class UdpPeerListener final : public PeerListener {
   static sockaddr_in6 endpointOf(const PeerAddress& address);
 
  private:
-  asio::io_context& context_;
+  boost::asio::io_context& context_;
   UdpSocket socket_;
   Handlers handlers_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

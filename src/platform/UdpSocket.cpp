@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include <asio/ip/v6_only.hpp>
-#include <asio/post.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -27,22 +27,22 @@ constexpr std::size_t kDatagramsPerTurn = 64;
 // process allowed to administer the network gets it; others get that maximum.
 constexpr int kReceiveBuffer = 4 << 20;
 
-void enlargeReceiveBuffer(asio::ip::udp::socket& socket) {
+void enlargeReceiveBuffer(boost::asio::ip::udp::socket& socket) {
   const int size = kReceiveBuffer;
   if (::setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
     (void)::setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
   }
 }
 
-asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) {
-  asio::ip::udp::socket socket(context);
-  std::error_code error;
-  socket.open(asio::ip::udp::v6(), error);
+boost::asio::ip::udp::socket bindSocket(boost::asio::io_context& context, std::uint16_t port) {
+  boost::asio::ip::udp::socket socket(context);
+  boost::system::error_code error;
+  socket.open(boost::asio::ip::udp::v6(), error);
   if (!error) {
-    socket.set_option(asio::ip::v6_only(false), error);
+    socket.set_option(boost::asio::ip::v6_only(false), error);
   }
   if (!error) {
-    socket.bind({asio::ip::address_v6::any(), port}, error);
+    socket.bind({boost::asio::ip::address_v6::any(), port}, error);
     if (!error) {
       socket.non_blocking(true);
       enlargeReceiveBuffer(socket);
@@ -54,10 +54,10 @@ asio::ip::udp::socket bindSocket(asio::io_context& context, std::uint16_t port) 
     }
   }
   // A host without IPv6.
-  std::error_code ignored;
+  boost::system::error_code ignored;
   socket.close(ignored);
-  socket.open(asio::ip::udp::v4());
-  socket.bind({asio::ip::address_v4::any(), port});
+  socket.open(boost::asio::ip::udp::v4());
+  socket.bind({boost::asio::ip::address_v4::any(), port});
   socket.non_blocking(true);
   enlargeReceiveBuffer(socket);
   return socket;
@@ -97,10 +97,10 @@ int SocketCalls::send(int fd, mmsghdr* messages, unsigned count) {
   return n >= 0 ? n : -errno;
 }
 
-UdpSocket::UdpSocket(asio::io_context& context, std::uint16_t port, SocketCalls& calls)
+UdpSocket::UdpSocket(boost::asio::io_context& context, std::uint16_t port, SocketCalls& calls)
     : socket_(bindSocket(context, port)),
       calls_(calls),
-      v4_(socket_.local_endpoint().protocol() == asio::ip::udp::v4()),
+      v4_(socket_.local_endpoint().protocol() == boost::asio::ip::udp::v4()),
       buffers_(kBatch * kMaxDatagram),
       messages_(kBatch),
       iovecs_(kBatch),
@@ -113,7 +113,7 @@ UdpSocket::UdpSocket(asio::io_context& context, std::uint16_t port, SocketCalls&
 
 UdpSocket::~UdpSocket() {
   alive_.reset();
-  std::error_code ignored;
+  boost::system::error_code ignored;
   socket_.close(ignored);
 }
 
@@ -128,16 +128,17 @@ void UdpSocket::start(DatagramHandler onDatagram, FailureHandler onFailed) {
 }
 
 void UdpSocket::waitReadable() {
-  socket_.async_wait(asio::ip::udp::socket::wait_read, [this](const std::error_code& error) {
-    if (error == asio::error::operation_aborted) {
-      return;  // the socket is closing
-    }
-    if (error) {
-      onFailed_(error.message());
-      return;
-    }
-    receive();
-  });
+  socket_.async_wait(boost::asio::ip::udp::socket::wait_read,
+                     [this](const boost::system::error_code& error) {
+                       if (error == boost::asio::error::operation_aborted) {
+                         return;  // the socket is closing
+                       }
+                       if (error) {
+                         onFailed_(error.message());
+                         return;
+                       }
+                       receive();
+                     });
 }
 
 // Hands on what is waiting, until the socket is empty, but only a few fan-outs' worth per turn of
@@ -160,7 +161,7 @@ void UdpSocket::receive() {
     }
     sent += deliver(next_++);
   }
-  asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
+  boost::asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
     if (alive.lock()) {
       receive();
     }
@@ -217,7 +218,7 @@ void UdpSocket::sendTo(const sockaddr_in6& to, Bytes head, Bytes body) {
     // Sent from a timer or a posted task: whatever that task sends leaves together, right after
     // it returns.
     flushQueued_ = true;
-    asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
+    boost::asio::post(socket_.get_executor(), [this, alive = std::weak_ptr<bool>(alive_)] {
       if (alive.lock()) {
         flushQueued_ = false;
         flush();

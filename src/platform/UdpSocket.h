@@ -3,8 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/udp.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -37,7 +37,7 @@ class UdpSocket {
   using FailureHandler = std::function<void(std::string_view error)>;
 
   // Binds at once; throws std::system_error when the port cannot be had. Port 0: any free port.
-  UdpSocket(asio::io_context& context, std::uint16_t port,
+  UdpSocket(boost::asio::io_context& context, std::uint16_t port,
             SocketCalls& calls = SocketCalls::system());
   ~UdpSocket();
   UdpSocket(const UdpSocket&) = delete;
@@ -71,7 +71,7 @@ class UdpSocket {
   void hold(const sockaddr_in6& to, Bytes head, Bytes body);
   void flush();
 
-  asio::ip::udp::socket socket_;
+  boost::asio::ip::udp::socket socket_;
   SocketCalls& calls_;
   bool v4_;  // bound to IPv4 alone: no IPv6 on this host
   DatagramHandler onDatagram_;

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <asio/post.hpp>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -82,7 +82,7 @@ class UdpSocketTest : public testing::Test {
     socket.start(onDatagram, [this](std::string_view error) { failures.emplace_back(error); });
   }
 
-  asio::io_context context;
+  boost::asio::io_context context;
   ScriptedCalls calls;
   UdpSocket socket{context, 0, calls};
   Client a{socket.port()};
@@ -101,7 +101,7 @@ TEST_F(UdpSocketTest, TheSendsOfOneTaskLeaveTogetherInOneCallInOrder) {
   EXPECT_EQ(a.received(), (Texts{"1x", "3yy"}));
   EXPECT_EQ(b.received(), (Texts{"2yy"}));
   // Sent from a posted task (a timer tick, an announcement frame): together, right after it.
-  asio::post(context, [&] {
+  boost::asio::post(context, [&] {
     socket.sendTo(b.address, asBytes("4"), {});
     socket.sendTo(b.address, asBytes("5"), {});
   });
