@@ -75,8 +75,13 @@ TEST(Service, TellsSystemdWhenItServesWhoIsOnAndThatItsLoopIsAlive) {
 
   ASSERT_EQ(crew.join("Ada", "Sound").value_or(nlohmann::json::object()).value("t", ""), "welcome");
   EXPECT_EQ(systemd.next(3s), "STATUS=1 crew joined, 0 talking");
-  crew.sendAudio(0, 1, 1, std::vector<std::uint8_t>(640));
-  EXPECT_EQ(systemd.next(3s), "STATUS=1 crew joined, 1 talking");
+  // Talking while its frames come (the status is sampled each second), and not once they stop.
+  std::optional<std::string> talking;
+  for (std::uint16_t seq = 0; seq < 150 && !talking; ++seq) {
+    crew.sendAudio(0, 1, seq, std::vector<std::uint8_t>(640));
+    talking = systemd.next(20ms);
+  }
+  EXPECT_EQ(talking, "STATUS=1 crew joined, 1 talking");
   EXPECT_EQ(systemd.next(3s), "STATUS=1 crew joined, 0 talking");
 
   // Fed at half the watchdog's timeout: on average that often, and each time before systemd would
