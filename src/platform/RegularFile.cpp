@@ -110,9 +110,9 @@ Result<std::optional<std::string>> readRegularFile(const std::string& path, std:
   }
 }
 
-Result<void> createRegularFile(const std::string& path, std::string_view bytes) {
+Result<void> createRegularFile(const std::string& path, std::string_view bytes, unsigned mode) {
   // O_EXCL also refuses a link, dangling or not: nothing is written through one.
-  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
   if (file.get() < 0) {
     return systemFailure(errno);
   }

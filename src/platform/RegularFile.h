@@ -18,9 +18,9 @@ namespace parlavox::platform {
 // none of these is ever opened for a read that could block.
 Result<std::optional<std::string>> readRegularFile(const std::string& path, std::size_t maxSize);
 
-// Any thread. Creates the file `path` holding `bytes` (mode 0644 less the umask) only where
-// nothing is at `path`, not even a dangling link; a file it could not write whole is removed
-// again.
-Result<void> createRegularFile(const std::string& path, std::string_view bytes);
+// Any thread. Creates the file `path` holding `bytes` (`mode` less the umask) only where nothing
+// is at `path`, not even a dangling link; a file it could not write whole is removed again.
+Result<void> createRegularFile(const std::string& path, std::string_view bytes,
+                               unsigned mode = 0644);
 
 }  // namespace parlavox::platform
