@@ -8,8 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <unistd.h>
 
 #include "announce/Announcements.h"
 #include "announce/Announcer.h"
@@ -20,16 +22,26 @@
 #include "platform/Clock.h"
 #include "platform/Console.h"
 #include "platform/Interfaces.h"
+#include "platform/QrCode.h"
 #include "platform/SystemdNotifier.h"
+#include "platform/TlsIdentity.h"
 #include "platform/UdpNetwork.h"
+#include "platform/WebPeerListener.h"
 #include "relay/IntercomServer.h"
+#include "station/StationFiles.h"
 #include "wire/Protocol.h"
 
 namespace {
 
 using namespace parlavox;
 
-void printReport(const Config& config, bool service, platform::Console& console) {
+// The crew station's address for a host, as a browser wants it.
+std::string stationAddress(std::string_view host) {
+  return fmt::format("https://{}:{}/", host, wire::intercomPort);
+}
+
+void printReport(const Config& config, const platform::TlsIdentity* station, bool service,
+                 platform::Console& console) {
   std::vector<std::string> roles;
   roles.reserve(config.roles.size());
   for (const Role& role : config.roles) {
@@ -38,8 +50,25 @@ void printReport(const Config& config, bool service, platform::Console& console)
   console.print("🎭 " + config.show);
   console.print(fmt::format("   Channels: {}", fmt::join(config.channels, ", ")));
   console.print(fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
-  for (const std::string& entry : platform::localIPv4Addresses()) {
-    console.print("   Manual connect address: " + entry);
+  const std::vector<platform::LocalAddress> addresses = platform::localIPv4Addresses();
+  for (const platform::LocalAddress& entry : addresses) {
+    console.print(fmt::format("   Manual connect address: {}  ({})", entry.address, entry.interface));
+  }
+  if (station != nullptr) {
+    for (const platform::LocalAddress& entry : addresses) {
+      console.print(fmt::format("   Crew station: {}  ({})", stationAddress(entry.address),
+                                entry.interface));
+    }
+    if (addresses.empty()) {
+      console.print("   Crew station: " + stationAddress(platform::hostName() + ".local"));
+    }
+    console.print("   Certificate SHA-256: " + station->fingerprint);
+    // A phone's camera is the quickest way to the first address; the journal has no use for it.
+    if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
+      for (const std::string& line : platform::terminalQrCode(stationAddress(addresses[0].address))) {
+        console.print("   " + line);
+      }
+    }
   }
   console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this computer, port {},",
                             config.oscPort));
@@ -81,6 +110,37 @@ std::string stateDirectory() {
   return directory != nullptr ? directory : "";
 }
 
+// The crew station on the TCP port of the intercom's number: its certificate (made on the first
+// start, kept beside the roles file, or in the state directory under systemd) and its listener.
+// Nothing when it cannot be had: the intercom itself never depends on it.
+std::optional<platform::TlsIdentity> startStation(IntercomServer& relay, boost::asio::io_context& context,
+                                                  const std::string& directory,
+                                                  platform::Console& console) {
+  platform::TlsNames names{.dns = {"localhost"}, .ipv4 = {"127.0.0.1"}};
+  if (const std::string host = platform::hostName(); !host.empty()) {
+    names.dns.push_back(host);
+    names.dns.push_back(host + ".local");
+  }
+  for (const platform::LocalAddress& entry : platform::localIPv4Addresses()) {
+    names.ipv4.push_back(entry.address);
+  }
+  auto identity = platform::loadOrCreateTlsIdentity(directory, names);
+  if (!identity) {
+    console.print(fmt::format("⚠️  Crew station unavailable: certificate in {}: {}", directory,
+                              identity.error()));
+    return std::nullopt;
+  }
+  try {
+    relay.serve(std::make_unique<platform::WebPeerListener>(context, wire::intercomPort, *identity,
+                                                            station::stationFile));
+  } catch (const std::exception& error) {
+    console.print(fmt::format("⚠️  Crew station unavailable: TCP port {}: {}", wire::intercomPort,
+                              error.what()));
+    return std::nullopt;
+  }
+  return *identity;
+}
+
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
   std::fflush(stdout);
@@ -89,7 +149,8 @@ std::string stateDirectory() {
 
 int run(int argc, char** argv, platform::Console& console) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
-  const Show show(loadConfig(configPath, console, stateDirectory()));
+  const std::string state = stateDirectory();
+  const Show show(loadConfig(configPath, console, state));
   if (show.channels().size() > 32) {
     console.print("❌ Max 32 channels.");
     return 1;
@@ -116,7 +177,11 @@ int run(int argc, char** argv, platform::Console& console) {
     console.print(fmt::format("❌ Couldn't start: {}", error.what()));
     return 1;
   }
-  printReport(show.config(), systemd.active(), console);
+  const std::string certificates =
+      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
+  const auto station =
+      startStation(*relay, loop.context(), certificates.empty() ? "." : certificates, console);
+  printReport(show.config(), station ? &*station : nullptr, systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {

@@ -4,13 +4,14 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <array>
 
 namespace parlavox::platform {
 
-std::vector<std::string> localIPv4Addresses() {
-  std::vector<std::string> entries;
+std::vector<LocalAddress> localIPv4Addresses() {
+  std::vector<LocalAddress> entries;
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) {
     return entries;
@@ -27,10 +28,18 @@ std::vector<std::string> localIPv4Addresses() {
                     NI_NUMERICHOST) != 0) {
       continue;
     }
-    entries.push_back(std::string(host.data()) + "  (" + entry->ifa_name + ")");
+    entries.push_back({host.data(), entry->ifa_name});
   }
   freeifaddrs(list);
   return entries;
+}
+
+std::string hostName() {
+  std::array<char, 256> name{};
+  if (gethostname(name.data(), name.size() - 1) != 0) {
+    return {};
+  }
+  return name.data();
 }
 
 }  // namespace parlavox::platform

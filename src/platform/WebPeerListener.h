@@ -13,14 +13,9 @@
 
 #include "platform/Network.h"
 #include "platform/TlsIdentity.h"
+#include "platform/WebFile.h"
 
 namespace parlavox::platform {
-
-// A file the web side serves as it is: the crew station's page and scripts, compiled in.
-struct WebFile {
-  std::string_view contentType;
-  std::string_view bytes;
-};
 
 // The crew station's TCP port: HTTPS for the page, and WebSocket sessions at /intercom, each a
 // peer whose binary messages are the intercom's datagrams, byte for byte. Plain HTTP on the same

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "config/Show.h"
 #include "platform/Advertiser.h"
@@ -58,6 +59,11 @@ class IntercomServer final : public platform::Transport::Peers,
   // Throws std::system_error when the port cannot be had.
   void start(std::uint16_t port, std::function<void()> onReady = {});
 
+  // Main thread, after start() and before the loop runs. Serves the peers of one more transport
+  // beside the intercom port, such as the crew station's WebSocket sessions. The intercom never
+  // depends on it: should it fail, that is a warning and the intercom carries on.
+  void serve(std::unique_ptr<platform::PeerListener> transport);
+
   // Loop thread.
   CrewCount crew() const;
 
@@ -94,6 +100,7 @@ class IntercomServer final : public platform::Transport::Peers,
   std::optional<platform::MonoTime> lastRoster_;
   bool rosterScheduled_ = false;
   std::unique_ptr<platform::PeerListener> listener_;
+  std::vector<std::unique_ptr<platform::PeerListener>> transports_;
 };
 
 }  // namespace parlavox

@@ -1,0 +1,128 @@
+// The station's sound: a 16 kHz context plays the mix, and the microphone is cut into
+// 20 ms frames for the wire while the user talks.
+import { FRAME_SAMPLES, SAMPLE_RATE } from "./protocol.js";
+
+const MIC = { channelCount: 1, echoCancellation: true, noiseSuppression: true, autoGainControl: true };
+
+export class StationAudio {
+  constructor() {
+    this.ctx = null;
+    this.captureCtx = null; // only when the mic cannot join the 16 kHz context (Firefox)
+    this.volume = null;
+    this.player = null;
+    this.hasMic = false;
+    this.capturing = false;
+    this.onFrame = null; // (Float32Array) => void; the array is reused, use it right away
+    this.frame = new Float32Array(FRAME_SAMPLES);
+    this.fill = 0;
+    this.down = null; // decimation state when capturing at the device's own rate
+  }
+
+  // Call straight from the user's gesture: the context and the mic request are both started
+  // before the first await, or Safari keeps them locked. Resolves to whether a mic is live.
+  async start(volume) {
+    if (this.ctx) {
+      this.resume();
+      return this.hasMic;
+    }
+    const ctx = new AudioContext({ sampleRate: SAMPLE_RATE, latencyHint: "interactive" });
+    ctx.resume().catch(() => {});
+    const micRequest = navigator.mediaDevices?.getUserMedia
+      ? navigator.mediaDevices.getUserMedia({ audio: MIC }).catch(() => null)
+      : Promise.resolve(null);
+    try {
+      await Promise.all([
+        ctx.audioWorklet.addModule("/capture-worklet.js"),
+        ctx.audioWorklet.addModule("/playback-worklet.js"),
+      ]);
+    } catch (err) {
+      micRequest.then((stream) => stream?.getTracks().forEach((t) => t.stop()));
+      ctx.close().catch(() => {});
+      throw err;
+    }
+    this.ctx = ctx;
+    this.volume = new GainNode(ctx, { gain: volume });
+    this.player = new AudioWorkletNode(ctx, "parlavox-playback", {
+      numberOfInputs: 0, numberOfOutputs: 1, outputChannelCount: [1],
+    });
+    this.player.connect(this.volume).connect(ctx.destination);
+    const stream = await micRequest;
+    this.hasMic = stream ? await this.attachMic(stream) : false;
+    return this.hasMic;
+  }
+
+  async attachMic(stream) {
+    let ctx = this.ctx;
+    let source;
+    try {
+      source = ctx.createMediaStreamSource(stream);
+    } catch {
+      // Firefox will not feed a mic into a context at another rate: capture at the device's
+      // rate in a second context and bring it down to 16 kHz here.
+      try {
+        ctx = this.captureCtx = new AudioContext({ latencyHint: "interactive" });
+        ctx.resume().catch(() => {});
+        await ctx.audioWorklet.addModule("/capture-worklet.js");
+        source = ctx.createMediaStreamSource(stream);
+        this.down = { step: ctx.sampleRate / SAMPLE_RATE, t: 0, sum: 0, n: 0 };
+      } catch {
+        stream.getTracks().forEach((t) => t.stop());
+        return false;
+      }
+    }
+    const node = new AudioWorkletNode(ctx, "parlavox-capture", {
+      numberOfInputs: 1, numberOfOutputs: 1, outputChannelCount: [1],
+      channelCount: 1, channelCountMode: "explicit",
+    });
+    node.port.onmessage = (e) => this.takeBlock(e.data);
+    // Chrome only runs a worklet something pulls on: give it a silent path to the speakers.
+    source.connect(node).connect(new GainNode(ctx, { gain: 0 })).connect(ctx.destination);
+    return true;
+  }
+
+  setCapturing(on) {
+    this.capturing = on;
+    // A new talk starts with fresh audio, never the tail of the last one.
+    this.fill = 0;
+    if (this.down) Object.assign(this.down, { t: 0, sum: 0, n: 0 });
+  }
+
+  takeBlock(block) {
+    if (!this.capturing) return;
+    const down = this.down;
+    for (let i = 0; i < block.length; i++) {
+      let x = block[i];
+      if (down) {
+        // Average over each output period: a crude low-pass, plenty for speech.
+        down.sum += x;
+        down.n++;
+        if (++down.t < down.step) continue;
+        down.t -= down.step;
+        x = down.sum / down.n;
+        down.sum = 0;
+        down.n = 0;
+      }
+      this.frame[this.fill++] = x;
+      if (this.fill === FRAME_SAMPLES) {
+        this.fill = 0;
+        this.onFrame?.(this.frame);
+      }
+    }
+  }
+
+  // Takes ownership of `samples` (its buffer moves to the audio thread).
+  play(sender, samples) {
+    this.player?.port.postMessage({ sender, samples }, [samples.buffer]);
+  }
+
+  setVolume(gain) {
+    if (this.volume) this.volume.gain.setTargetAtTime(gain, this.ctx.currentTime, 0.02);
+  }
+
+  // iOS suspends (or "interrupts") contexts on its own; any later gesture may wake them.
+  resume() {
+    for (const ctx of [this.ctx, this.captureCtx]) {
+      if (ctx && ctx.state !== "running" && ctx.state !== "closed") ctx.resume().catch(() => {});
+    }
+  }
+}
