@@ -1,0 +1,141 @@
+// The crew station in a real browser: Debian's Chromium, its fake microphone playing a tone,
+// against the real server and a real UDP crew member (parlavox-client) on loopback.
+//
+//   node station-test.mjs PARLAVOX PARLAVOX_CLIENT WORKDIR [SCREENSHOT.png]
+//
+// The page talks: what parlavox-client records must be the microphone's tone. The client talks:
+// what the page received (its test hook, window.parlavoxStation) must be the client's tone.
+import assert from "node:assert/strict";
+import { execFileSync, spawn } from "node:child_process";
+import { mkdirSync, readFileSync, rmSync } from "node:fs";
+import { join } from "node:path";
+import { chromium } from "playwright-core";
+
+const [parlavox, client, workdir, screenshot] = process.argv.slice(2);
+const sleep = (ms) => new Promise((done) => setTimeout(done, ms));
+
+rmSync(workdir, { recursive: true, force: true });
+mkdirSync(workdir, { recursive: true });
+const file = (name) => join(workdir, name);
+const sox = (...args) => execFileSync("sox", args);
+sox("-n", "-r", "48000", "-c", "1", "-b", "16", file("mic-700.wav"), "synth", "30", "sine", "700", "gain", "-6");
+sox("-n", "-r", "16000", "-c", "1", "-b", "16", file("crew-440.wav"), "synth", "4", "sine", "440", "gain", "-6");
+
+// Mono 16-bit PCM samples of a WAV file, as floats.
+function wavSamples(path) {
+  const bytes = readFileSync(path);
+  let at = 12;
+  while (bytes.toString("ascii", at, at + 4) !== "data") at += 8 + bytes.readUInt32LE(at + 4);
+  const data = bytes.subarray(at + 8, at + 8 + bytes.readUInt32LE(at + 4));
+  return Float32Array.from({ length: data.length / 2 }, (_, i) => data.readInt16LE(2 * i) / 32768);
+}
+
+// The tone in `samples` at 16 kHz, over its sounding 20 ms frames only (the browser's noise
+// suppression fades a steady tone, and silence surrounds it): how long it sounds, its RMS there,
+// and its frequency by zero crossings.
+function tone(samples) {
+  const frame = 320;
+  let frames = 0, sum = 0, crossings = 0;
+  for (let start = 0; start + frame <= samples.length; start += frame) {
+    const block = samples.subarray(start, start + frame);
+    const energy = block.reduce((total, x) => total + x * x, 0);
+    if (Math.sqrt(energy / frame) < 0.005) continue;
+    frames++;
+    sum += energy;
+    for (let i = 1; i < frame; i++) if ((block[i - 1] < 0) !== (block[i] < 0)) crossings++;
+  }
+  const seconds = (frames * frame) / 16000;
+  return { seconds, rms: Math.sqrt(sum / (frames * frame || 1)), hz: Math.round(crossings / 2 / (seconds * (frame - 1) / frame)) };
+}
+
+function start(program, args, name) {
+  const child = spawn(program, args, { cwd: workdir, stdio: ["ignore", "pipe", "pipe"] });
+  child.lines = [];
+  child.errors = "";
+  child.stdout.setEncoding("utf8").on("data", (text) => child.lines.push(...text.split("\n")));
+  child.stderr.setEncoding("utf8").on("data", (text) => (child.errors += text));
+  child.ended = new Promise((done) => child.on("exit", (code) => done(code)));
+  child.name = name;
+  return child;
+}
+
+async function until(what, check, ms = 15000) {
+  for (const end = Date.now() + ms; Date.now() < end; await sleep(50)) {
+    if (await check()) return;
+  }
+  assert.fail(`timed out waiting for ${what}`);
+}
+
+const server = start(parlavox, [], "parlavox");
+let browser;
+try {
+  await until("the server", () => server.lines.some((l) => l.startsWith("✅ Listening on UDP port 50505")));
+  browser = await chromium.launch({
+    executablePath: "/usr/bin/chromium",
+    args: [
+      "--no-sandbox",
+      "--use-fake-ui-for-media-stream",
+      "--use-fake-device-for-media-stream",
+      `--use-file-for-fake-audio-capture=${file("mic-700.wav")}`,
+      "--autoplay-policy=no-user-gesture-required",
+    ],
+  });
+  const context = await browser.newContext({
+    ignoreHTTPSErrors: true, // the server's certificate is its own, as a crew's phone first sees it
+    viewport: { width: 400, height: 860 },
+    deviceScaleFactor: 2,
+  });
+  const page = await context.newPage();
+  const pageErrors = [];
+  page.on("pageerror", (error) => pageErrors.push(String(error)));
+  await page.goto("https://127.0.0.1:50505/");
+  const station = (call) => page.evaluate(call);
+
+  await page.fill("#name", "Follow Spot");
+  await until("the roles", () => page.locator("#role option").count());
+  await page.selectOption("#role", "Stage Manager");
+  await page.click("#join");
+  await until("the welcome", () => station(() => parlavoxStation.state().joined));
+  assert.ok(server.lines.includes("🎧 Follow Spot joined as Stage Manager"));
+
+  // The page talks; a Lighting crew member records what it hears.
+  const listener = start(client, ["127.0.0.1", "listen", "--role", "Lighting", "--name", "Lights",
+                                  "--seconds", "5", "--out", file("heard-by-udp.wav")], "listen");
+  await until("the listener", () => station(() => parlavoxStation.state().roster.length === 2));
+  const ptt = await page.locator("#ptt").boundingBox();
+  await page.mouse.move(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  await page.mouse.down();
+  await sleep(2500);
+  await page.mouse.up();
+  assert.equal(await listener.ended, 0, listener.errors);
+  const sent = await station(() => parlavoxStation.sent());
+  assert.ok(sent >= 100, `the page sent ${sent} frames in 2.5 s of talking`);
+  const heardByUdp = tone(wavSamples(file("heard-by-udp.wav")));
+  console.log(`UDP crew heard the page: ${heardByUdp.seconds} s of ${heardByUdp.hz} Hz, RMS ${heardByUdp.rms.toFixed(3)}`);
+  assert.ok(heardByUdp.seconds > 1.5, `heard ${heardByUdp.seconds} s of 2.5 s of talking`);
+  assert.ok(Math.abs(heardByUdp.hz - 700) < 21, `heard ${heardByUdp.hz} Hz, played 700 Hz`);
+  assert.ok(heardByUdp.rms > 0.02, `heard RMS ${heardByUdp.rms}`);
+
+  // A UDP crew member talks; the page hears it.
+  const talker = start(client, ["127.0.0.1", "talk", "--role", "Lighting", "--name", "Lights",
+                                "--in", file("crew-440.wav")], "talk");
+  await until("the talker on the roster", () =>
+    station(() => parlavoxStation.state().roster.some((u) => u.name === "Lights" && u.talking)));
+  if (screenshot) await page.screenshot({ path: screenshot, fullPage: true });
+  assert.equal(await talker.ended, 0, talker.errors);
+  const heardByPage = tone(Float32Array.from(await station(() => Array.from(parlavoxStation.heard()))));
+  console.log(`The page heard UDP crew: ${heardByPage.seconds} s of ${heardByPage.hz} Hz, RMS ${heardByPage.rms.toFixed(3)}`);
+  assert.ok(heardByPage.seconds > 0.9, `the page's last second held ${heardByPage.seconds} s of tone`);
+  assert.ok(Math.abs(heardByPage.hz - 440) < 13, `heard ${heardByPage.hz} Hz, played 440 Hz`);
+  assert.ok(heardByPage.rms > 0.2, `heard RMS ${heardByPage.rms}`);
+
+  await page.close();
+  await until("the departure", () => server.lines.includes("👋 Follow Spot (Stage Manager) left"));
+  assert.deepEqual(pageErrors, []);
+  assert.equal(server.errors, "");
+  console.log("browser station: OK");
+} finally {
+  await browser?.close();
+  server.kill("SIGTERM");
+  await server.ended;
+}
