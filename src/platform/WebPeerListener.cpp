@@ -328,12 +328,22 @@ asio::ssl::context tlsContext(const TlsIdentity& identity) {
 
 tcp::acceptor bindAcceptor(asio::io_context& context, std::uint16_t port) {
   tcp::acceptor acceptor(context);
+  ErrorCode error;
   // Both IPv6 and IPv4 on one socket, as the intercom's UDP port.
-  acceptor.open(tcp::v6());
-  acceptor.set_option(asio::ip::v6_only(false));
-  acceptor.set_option(tcp::acceptor::reuse_address(true));
-  acceptor.bind({asio::ip::address_v6::any(), port});
-  acceptor.listen();
+  const auto check = [&error](const char* what) {
+    if (error) {
+      throw std::system_error(error.value(), std::generic_category(), what);
+    }
+  };
+  acceptor.open(tcp::v6(), error);
+  check("socket");
+  acceptor.set_option(asio::ip::v6_only(false), error);
+  acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+  check("setsockopt");
+  acceptor.bind({asio::ip::address_v6::any(), port}, error);
+  check("bind");
+  acceptor.listen(asio::socket_base::max_listen_connections, error);
+  check("listen");
   return acceptor;
 }
 

@@ -151,5 +151,19 @@ TEST_F(Station, ServesThePageOverHttpsAndKeepsItsCertificate) {
   EXPECT_EQ(readAll(dir / "parlavox-cert.pem"), certificate);
 }
 
+// Someone else holds the TCP port: the intercom runs on without the station, and says so once.
+TEST(StationPortTaken, TheIntercomRunsOnWithoutIt) {
+  boost::asio::io_context context;
+  boost::asio::ip::tcp::acceptor squatter(context, {boost::asio::ip::tcp::v6(), 50505});
+  TempDir dir;
+  ChildProcess server(parlavoxBinary(), {}, dir.path());
+  EXPECT_TRUE(server.waitForLine(
+      "⚠️  Crew station unavailable: TCP port 50505: bind: Address already in use"));
+  ASSERT_TRUE(server.waitForLine("✅ Listening on UDP port 50505"));
+  client::IntercomClient crew("127.0.0.1");
+  EXPECT_EQ((*crew.join("Lights", "Lighting"))["t"], "welcome");
+  EXPECT_EQ(server.count("Crew station: "), 0U);
+}
+
 }  // namespace
 }  // namespace parlavox::test
