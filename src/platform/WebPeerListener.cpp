@@ -29,8 +29,8 @@ using Request = http::request<http::string_body>;
 constexpr auto kRequestTimeout = std::chrono::seconds(30);
 // A session that cannot take a message for this long is gone, whatever TCP thinks.
 constexpr auto kStuckLimit = std::chrono::seconds(2);
-// About 200 ms of one talker's audio: past this many queued audio messages the oldest goes.
-constexpr std::size_t kAudioBacklog = 10;
+// Audio that has waited this long to be written is worth less than the audio behind it.
+constexpr auto kAudioBacklog = std::chrono::milliseconds(200);
 constexpr std::size_t kMaxMessage = 65536;
 constexpr std::uint8_t kAudioKind = 0x02;  // the first byte of an audio datagram
 
@@ -88,20 +88,16 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
       return;
     }
     const bool audio = !head.empty() && head[0] == kAudioKind;
-    if (audio && audio_ >= kAudioBacklog) {
-      // The oldest audio not already being written makes room: late audio is worth nothing.
-      const auto first = queue_.begin() + (writing_ ? 1 : 0);
-      const auto oldest =
-          std::find_if(first, queue_.end(), [](const Message& message) { return message.audio; });
-      if (oldest != queue_.end()) {
-        queue_.erase(oldest);
-        --audio_;
-      }
+    const auto now = std::chrono::steady_clock::now();
+    if (audio) {
+      // The oldest audio not already being written goes first; control messages always stay.
+      std::erase_if(queue_, [&, first = writing_ ? &queue_.front() : nullptr](const Message& m) {
+        return m.audio && &m != first && now - m.queued > kAudioBacklog;
+      });
     }
-    Message message{std::vector<std::uint8_t>(head.begin(), head.end()), audio};
+    Message message{std::vector<std::uint8_t>(head.begin(), head.end()), audio, now};
     message.bytes.insert(message.bytes.end(), body.begin(), body.end());
     queue_.push_back(std::move(message));
-    audio_ += audio ? 1U : 0U;
     write();
   }
 
@@ -118,6 +114,7 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
   struct Message {
     std::vector<std::uint8_t> bytes;
     bool audio = false;
+    std::chrono::steady_clock::time_point queued;
   };
 
   void read() {
@@ -169,7 +166,6 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
     if (ended_ || !alive_.lock()) {
       return;
     }
-    audio_ -= queue_.front().audio ? 1U : 0U;
     queue_.pop_front();
     if (error) {
       fail();
@@ -195,7 +191,6 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
   PeerAddress address_;
   beast::flat_buffer in_;
   std::deque<Message> queue_;
-  std::size_t audio_ = 0;  // audio messages in queue_
   bool writing_ = false;
   bool ended_ = false;
 };
