@@ -4,6 +4,7 @@
 // announcements are made here and wired to each other, and nowhere else.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +12,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "announce/Announcements.h"
 #include "announce/Announcer.h"
@@ -52,12 +52,13 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
   console.print(fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
   const std::vector<platform::LocalAddress> addresses = platform::localIPv4Addresses();
   for (const platform::LocalAddress& entry : addresses) {
-    console.print(fmt::format("   Manual connect address: {}  ({})", entry.address, entry.interface));
+    console.print(
+        fmt::format("   Manual connect address: {}  ({})", entry.address, entry.interface));
   }
   if (station != nullptr) {
     for (const platform::LocalAddress& entry : addresses) {
-      console.print(fmt::format("   Crew station: {}  ({})", stationAddress(entry.address),
-                                entry.interface));
+      console.print(
+          fmt::format("   Crew station: {}  ({})", stationAddress(entry.address), entry.interface));
     }
     if (addresses.empty()) {
       console.print("   Crew station: " + stationAddress(platform::hostName() + ".local"));
@@ -65,7 +66,8 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
     console.print("   Certificate SHA-256: " + station->fingerprint);
     // A phone's camera is the quickest way to the first address; the journal has no use for it.
     if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
-      for (const std::string& line : platform::terminalQrCode(stationAddress(addresses[0].address))) {
+      for (const std::string& line :
+           platform::terminalQrCode(stationAddress(addresses[0].address))) {
         console.print("   " + line);
       }
     }
@@ -113,7 +115,8 @@ std::string stateDirectory() {
 // The crew station on the TCP port of the intercom's number: its certificate (made on the first
 // start, kept beside the roles file, or in the state directory under systemd) and its listener.
 // Nothing when it cannot be had: the intercom itself never depends on it.
-std::optional<platform::TlsIdentity> startStation(IntercomServer& relay, boost::asio::io_context& context,
+std::optional<platform::TlsIdentity> startStation(IntercomServer& relay,
+                                                  boost::asio::io_context& context,
                                                   const std::string& directory,
                                                   platform::Console& console) {
   platform::TlsNames names{.dns = {"localhost"}, .ipv4 = {"127.0.0.1"}};
@@ -134,8 +137,8 @@ std::optional<platform::TlsIdentity> startStation(IntercomServer& relay, boost::
     relay.serve(std::make_unique<platform::WebPeerListener>(context, wire::intercomPort, *identity,
                                                             station::stationFile));
   } catch (const std::exception& error) {
-    console.print(fmt::format("⚠️  Crew station unavailable: TCP port {}: {}", wire::intercomPort,
-                              error.what()));
+    console.print(fmt::format("⚠️  Crew station unavailable: TCP port {}: {}",
+                              wire::intercomPort, error.what()));
     return std::nullopt;
   }
   return *identity;

@@ -53,8 +53,8 @@ void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
 
 void IntercomServer::serve(std::unique_ptr<platform::PeerListener> transport) {
   transport->start(*this, {.onReady = {}, .onFailed = [this](std::string_view error) {
-                     platform_.console.print(fmt::format("⚠️  {}", error));
-                   }});
+                             platform_.console.print(fmt::format("⚠️  {}", error));
+                           }});
   transports_.push_back(std::move(transport));
 }
 

@@ -165,7 +165,9 @@ TEST(Startup, ARolesFileThatCannotBeUsedIsLeftAsItWasAndTheWarningSaysWhy) {
     EXPECT_EQ(server.count("📝"), 0U) << c.make;
     // The crew station's certificate may be made beside it; nothing else is.
     auto after = listing(dir.path());
-    std::erase_if(after, [](const std::string& entry) { return entry.find("/parlavox-") != std::string::npos; });
+    std::erase_if(after, [](const std::string& entry) {
+      return entry.find("/parlavox-") != std::string::npos;
+    });
     EXPECT_EQ(after, before) << c.make;
     EXPECT_EQ(server.standardError(), "");
   }

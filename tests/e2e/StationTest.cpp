@@ -101,8 +101,8 @@ TEST_F(Station, BrowserAndUdpCrewHearEachOther) {
   EXPECT_EQ(fromStation->mask, 0x1U);
   EXPECT_EQ(fromStation->samples, samples);
 
-  ASSERT_EQ(runProgram({"oscsend", "127.0.0.1", "47000", "/parlavox/say/Backstage", "s", "Fly cue"}),
-            0);
+  ASSERT_EQ(
+      runProgram({"oscsend", "127.0.0.1", "47000", "/parlavox/say/Backstage", "s", "Fly cue"}), 0);
   const auto announcement = nextAudio(station);
   ASSERT_TRUE(announcement);
   EXPECT_EQ(announcement->senderID, wire::announcerID);
@@ -132,7 +132,8 @@ std::string readAll(const std::filesystem::path& path) {
 TEST_F(Station, ServesThePageOverHttpsAndKeepsItsCertificate) {
   const auto fetch = [&](const std::string& url) {
     const ChildRun run = runToEnd(
-        "curl", {"-sk", "-o", "/dev/null", "-w", "%{http_code} %{content_type} %{redirect_url}\n", url},
+        "curl",
+        {"-sk", "-o", "/dev/null", "-w", "%{http_code} %{content_type} %{redirect_url}\n", url},
         dir.path());
     return run.lines.empty() ? std::string() : run.lines.front();
   };
