@@ -16,7 +16,7 @@
 namespace parlavox::platform {
 namespace {
 
-constexpr std::size_t kMaxPemSize = 64 * 1024;
+constexpr std::size_t kMaxPemSize = std::size_t{64} * 1024;
 constexpr long kValidSeconds = 10L * 365 * 24 * 60 * 60;  // a venue's computer outlives a season
 
 template <auto Free>
@@ -91,7 +91,7 @@ Result<TlsIdentity> create(const TlsNames& names) {
       // A random serial, so that a browser never meets two certificates with the same one.
       BN_rand(serial.get(), 127, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) == 1 &&
       BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate.get())) != nullptr &&
-      X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -60 * 60) != nullptr &&
+      X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -60L * 60) != nullptr &&
       X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kValidSeconds) != nullptr &&
       X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
                                  reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1,

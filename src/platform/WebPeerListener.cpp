@@ -69,7 +69,7 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
 
   const PeerAddress& address() const { return address_; }
 
-  void start(Request request) {
+  void start(const Request& request) {
     beast::get_lowest_layer(socket_).expires_never();
     socket_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
     socket_.read_message_max(kMaxMessage);
@@ -200,7 +200,7 @@ namespace {
 // A connection until it asks for the WebSocket: TLS or plain HTTP, told apart by its first bytes.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  using Upgrade = std::function<void(TlsStream, Request)>;
+  using Upgrade = std::function<void(TlsStream, const Request&)>;
 
   Connection(tcp::socket socket, asio::ssl::context& tls, WebPeerListener::Files files,
              Upgrade upgrade)
@@ -277,7 +277,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void serve() {
     if (websocket::is_upgrade(request_)) {
       if (request_.target() == "/intercom") {
-        upgrade_(std::move(*secure_), std::move(request_));
+        upgrade_(std::move(*secure_), request_);
       }
       return;  // anything else asking for a WebSocket is dropped
     }
@@ -351,6 +351,9 @@ WebPeerListener::WebPeerListener(asio::io_context& context, std::uint16_t port,
       acceptor_(bindAcceptor(context, port)),
       files_(std::move(files)) {}
 
+// Closing a socket and cancelling a timer throw only if the system refuses to, and then there is
+// nothing better to do at shutdown than to end anyway.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 WebPeerListener::~WebPeerListener() {
   *alive_ = false;
   alive_.reset();
@@ -382,15 +385,15 @@ void WebPeerListener::accept() {
         if (!error) {
           const tcp::endpoint remote = socket.remote_endpoint(error);
           if (!error) {
-            std::make_shared<Connection>(std::move(socket), tls_, files_,
-                                         [this, alive, remote](TlsStream stream, Request request) {
-                                           if (alive.lock()) {
-                                             std::make_shared<Session>(
-                                                 *this, std::move(stream),
-                                                 addressOf(this, remote, nextSlot_++))
-                                                 ->start(std::move(request));
-                                           }
-                                         })
+            std::make_shared<Connection>(
+                std::move(socket), tls_, files_,
+                [this, alive, remote](TlsStream stream, const Request& request) {
+                  if (alive.lock()) {
+                    std::make_shared<Session>(*this, std::move(stream),
+                                              addressOf(this, remote, nextSlot_++))
+                        ->start(request);
+                  }
+                })
                 ->start();
           }
         }

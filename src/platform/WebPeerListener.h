@@ -29,7 +29,7 @@ class WebPeerListener final : public PeerListener {
   // Binds at once; throws std::system_error when the port cannot be had.
   WebPeerListener(boost::asio::io_context& context, std::uint16_t port, const TlsIdentity& identity,
                   Files files);
-  ~WebPeerListener() override;
+  ~WebPeerListener() override;  // NOLINT(bugprone-exception-escape): see its definition
 
   // Loop thread (or the main thread before the loop runs).
   void start(Peers& peers, Handlers handlers) override;
