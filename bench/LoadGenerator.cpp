@@ -21,7 +21,6 @@ namespace parlavox::bench {
 namespace {
 
 constexpr int kClientBuffer = 4 << 20;  // so that losses are the target's, not the generator's
-constexpr std::uint32_t kMainChannel = 0x1;
 constexpr std::int64_t kPingPeriodNs = 2'000'000'000;
 
 sockaddr_in loopback(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK) {
@@ -43,14 +42,6 @@ std::chrono::nanoseconds threadCpu() {
   timespec now{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
-
-bool isWelcome(std::span<const std::uint8_t> datagram) {
-  if (datagram.empty() || datagram[0] != wire::kindControl) {
-    return false;
-  }
-  const auto message = wire::decodeServerMessage(datagram.subspan(1));
-  return message && std::holds_alternative<wire::WelcomeMsg>(*message);
 }
 
 std::uint64_t dropsAt(const std::map<std::uint16_t, std::uint64_t>& drops, std::uint16_t port) {
@@ -378,6 +369,9 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
   for (const std::uint16_t port : ports_) {
     result.generatorDrops += dropsAt(dropsAfter, port) - dropsAt(dropsBefore, port);
   }
+  result.run = runId;
+  result.windowStartNs = windowStart;
+  result.windowEndNs = windowEnd;
   result.seconds = static_cast<double>(windowEnd - windowStart) / 1e9;
   result.wallSeconds = static_cast<double>(realtimeNs() - start) / 1e9;
   result.expected = result.sent * (clients - 1);

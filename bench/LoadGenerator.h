@@ -36,6 +36,9 @@ struct Frame {
 };
 
 struct RunResult {
+  std::uint32_t run = 0;           // the run id in the probes
+  std::int64_t windowStartNs = 0;  // the measure window, by intended send time (CLOCK_REALTIME)
+  std::int64_t windowEndNs = 0;
   double seconds = 0;              // length of the measure window
   double wallSeconds = 0;          // the whole run: warm-up, window and tail
   std::uint64_t sent = 0;          // audio datagrams sent with an intended time in the window
@@ -81,6 +84,8 @@ class LoadGenerator {
 
   RunResult run(const RunPlan& plan);
 
+  // The run id that the next run() writes into its probes, for talkers outside the generator.
+  std::uint32_t nextRun() const { return nextRun_; }
   std::size_t clients() const { return fds_.size(); }
   std::uint16_t port(std::size_t client) const { return ports_[client]; }
 

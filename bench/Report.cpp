@@ -177,6 +177,34 @@ std::string formatReport(const Settings& settings, const Results& results) {
                        fmt::format("{:.2f} MiB", static_cast<double>(worst) / kMiB),
                        verdict(static_cast<double>(worst) <= 16 * kMiB)});
   }
+  if (results.browser) {
+    const BrowserPeers& b = *results.browser;
+    out += fmt::format(
+        "\nBrowser peers: {} UDP and {} WebSocket peers joined on one channel; {} UDP talkers and\n"
+        "one WebSocket talker, 50 frames per second each, open loop, {:.1f} s window. Latency =\n"
+        "arrival minus send time (UDP: kernel timestamp; WebSocket: the client's read done, after\n"
+        "TLS). Lost = not arrived 1 s after the last send.\n"
+        "  {:<16} {:>9} {:>9} {:>8} {:>8} {:>8} {:>9} {:>9}\n",
+        b.udpPeers, b.webPeers, b.udpTalkers, b.udp.seconds, "copies to", "expected", "received",
+        "loss", "p50 µs", "p99 µs", "p99.9 µs", "max µs");
+    for (const auto& [who, run] :
+         {std::pair{"UDP peers", &b.udp}, std::pair{"WebSocket peers", &b.web}}) {
+      out += fmt::format("  {:<16} {:>9} {:>9} {:>7.3f}% {:>8.1f} {:>8.1f} {:>9.1f} {:>9.1f}\n",
+                         who, run->expected, run->received, 100 * run->loss(),
+                         us(run->latency.percentile(50)), us(run->latency.percentile(99)),
+                         us(run->latency.percentile(99.9)), us(run->latency.max()));
+    }
+    out += fmt::format("  server CPU {:.1f}%; WebSocket sessions the server ended meanwhile: {}\n",
+                       cpuShare(b.serverCpu, b.udp), b.sessionsClosed);
+    const double udpP99 = us(b.udp.latency.percentile(99)) / 1e3;
+    const double webP99 = us(b.web.latency.percentile(99)) / 1e3;
+    targets.push_back({"WebSocket peers: loss ≤ 1%",
+                       fmt::format("{:.3f}% (UDP {:.3f}%)", 100 * b.web.loss(), 100 * b.udp.loss()),
+                       verdict(b.web.loss() <= 0.01)});
+    targets.push_back({"WebSocket peers: p99 latency ≤ UDP p99 + 20 ms",
+                       fmt::format("{:.2f} ms (UDP {:.2f})", webP99, udpP99),
+                       verdict(webP99 <= udpP99 + 20)});
+  }
   targets.push_back(
       {"no heap allocation per relayed datagram once warm", "parlavox_relay_alloc_tests", "n/a"});
 

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ProcessUsage.h"
+#include "StationPeers.h"
 #include "Wire.h"
 #include "support/ChildProcess.h"
 #include "wire/OSCMessage.h"
@@ -364,6 +365,51 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
   generator.leave(kServerPort);
 }
 
+// UDP crew and browser crew on one channel in the same run: what each kind of peer received.
+void browserPeers(const Settings& settings, Results& results) {
+  BrowserPeers browser;
+  browser.udpPeers = settings.browserUdpPeers;
+  browser.webPeers = settings.browserWebPeers;
+  browser.udpTalkers = settings.browserTalkers;
+  progress(fmt::format("browser peers: {} UDP, {} WebSocket", browser.udpPeers, browser.webPeers));
+  auto server = startServer(settings);
+  // Printed once the station's TCP port listens.
+  if (!server->waitForLine("Certificate SHA-256", 10s)) {
+    throw std::runtime_error("the crew station did not start: " +
+                             server->waitForLine("Crew station unavailable", 0s).value_or(""));
+  }
+  LoadGenerator generator(browser.udpPeers);
+  StationPeers stations(browser.webPeers, kServerPort);
+  if (!generator.join(kServerPort, "Crew", 30s) || !stations.join("Crew", 30s)) {
+    results.problems.emplace_back("the UDP and WebSocket peers could not all join");
+    return;
+  }
+  generator.drain();
+  RunPlan plan = showLoad(kServerPort, browser.udpTalkers, settings.browserMeasure);
+  plan.tail = 1s;  // a copy is lost only if it never comes: TCP may bring it late
+  const std::uint32_t run = generator.nextRun();
+  plan.atStart = [&] { stations.talk(run, realtimeNs() + (plan.warmup + plan.measure) / 1ns); };
+  browser.udp = measured(generator, plan, *server, browser.serverCpu);
+  browser.web =
+      stations.collect(run, browser.udp.windowStartNs, browser.udp.windowEndNs, browser.udp.sent);
+  // The station's datagrams are owed to every UDP peer as well; the generator counted those copies.
+  browser.udp.expected += browser.web.sent * browser.udpPeers;
+  browser.sessionsClosed = stations.closed();
+  progress(fmt::format("{} | {} (station talker sent {}, sessions closed {}, server CPU {:.2f} s)",
+                       describeRun("UDP", browser.udp), describeRun("WS", browser.web),
+                       browser.web.sent, browser.sessionsClosed,
+                       static_cast<double>(browser.serverCpu.count()) / 1e9));
+  checkDelivered(browser.udp, "browser peers, UDP", results);
+  checkDelivered(browser.web, "browser peers, WebSocket", results);
+  if (browser.web.sent == 0) {
+    results.problems.emplace_back("browser peers: the WebSocket talker sent nothing");
+  }
+  if (const std::size_t gone = server->count("timed out"); gone > 0) {
+    results.problems.push_back(fmt::format("browser peers: {} peers timed out", gone));
+  }
+  results.browser = std::move(browser);
+}
+
 }  // namespace
 
 Results runAll(const Settings& settings) {
@@ -376,6 +422,9 @@ Results runAll(const Settings& settings) {
       for (const std::size_t clients : settings.clientCounts) {
         relayGroup(settings, clients, results);
       }
+    }
+    if (settings.websocket) {
+      browserPeers(settings, results);
     }
   } catch (const std::exception& error) {
     results.problems.emplace_back(error.what());

@@ -32,6 +32,12 @@ struct Settings {
   bool saturation = true;
   bool announcements = true;
   bool memory = true;
+  bool websocket = true;
+  // Browser peers: UDP and WebSocket crew on one channel, UDP talkers and one station talking.
+  std::size_t browserUdpPeers = 64;
+  std::size_t browserWebPeers = 16;
+  std::size_t browserTalkers = 4;
+  std::chrono::milliseconds browserMeasure{8000};
 };
 
 inline constexpr std::uint16_t kServerPort = wire::intercomPort;
@@ -98,11 +104,24 @@ struct Memory {
   std::uint64_t afterRamps = 0;  // the 256-client grid's server, after its ramps
 };
 
+// One run with UDP and WebSocket peers side by side: the copies each kind of peer received, from
+// every talker (the UDP talkers and station 0).
+struct BrowserPeers {
+  std::size_t udpPeers = 0;
+  std::size_t webPeers = 0;
+  std::size_t udpTalkers = 0;
+  RunResult udp;
+  RunResult web;  // its `sent` is station 0's datagrams
+  std::size_t sessionsClosed = 0;
+  std::chrono::nanoseconds serverCpu{};
+};
+
 struct Results {
   std::vector<RelayRow> relay;
   std::vector<Saturation> saturation;
   std::vector<Announcements> announcements;
   std::optional<Memory> memory;
+  std::optional<BrowserPeers> browser;
   std::vector<std::string> problems;  // the bench itself broke
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <variant>
 
 namespace parlavox::bench {
 namespace {
@@ -65,6 +66,14 @@ std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram) {
 std::vector<std::uint8_t> control(const wire::Incoming& message) {
   const std::string datagram = wire::encodeControl(message);
   return {datagram.begin(), datagram.end()};
+}
+
+bool isWelcome(std::span<const std::uint8_t> datagram) {
+  if (datagram.empty() || datagram[0] != wire::kindControl) {
+    return false;
+  }
+  const auto message = wire::decodeServerMessage(datagram.subspan(1));
+  return message && std::holds_alternative<wire::WelcomeMsg>(*message);
 }
 
 }  // namespace parlavox::bench

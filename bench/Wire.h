@@ -9,6 +9,7 @@
 
 #include "wire/Audio.h"
 #include "wire/ControlMessages.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::bench {
 
@@ -26,6 +27,8 @@ struct Probe {
 
 inline constexpr std::size_t kDatagramSize = wire::AudioHeader::size + wire::frameBytes;
 inline constexpr std::uint32_t kProbeMagic = 0x42585650;  // "PVXB"
+// Main, the channel every bench client talks and listens on.
+inline constexpr std::uint32_t kMainChannel = 0x1;
 
 // Writes a whole audio datagram for `probe` into `datagram` (kDatagramSize bytes): sender id 0,
 // `mask`, the low 16 bits of the sequence number, then the probe and filler samples.
@@ -39,5 +42,7 @@ std::optional<Probe> readProbe(std::span<const std::uint8_t> datagram);
 
 // A control datagram from a client, as bytes to send.
 std::vector<std::uint8_t> control(const wire::Incoming& message);
+// Whether `datagram` is the server's "welcome".
+bool isWelcome(std::span<const std::uint8_t> datagram);
 
 }  // namespace parlavox::bench

@@ -1,7 +1,8 @@
-// parlavox-bench: the relay, the announcements and the server's memory, each measured in one run
-// next to a reference, so that the ratios hold on a busy machine. See bench/README.md.
+// parlavox-bench: the relay, the announcements, the server's memory and browser peers, each
+// measured in one run next to a reference, so that the ratios hold on a busy machine. See
+// bench/README.md.
 //
-//   parlavox-bench [--quick] [--only relay,saturation,announce,memory] [--server PATH]
+//   parlavox-bench [--quick] [--only relay,saturation,announce,memory,websocket] [--server PATH]
 //                  [--clients 16,64,...] [--talkers 4,8,...]
 //
 // Exits 1 when the bench itself breaks (a target process does not start, nothing is delivered),
@@ -45,9 +46,10 @@ std::filesystem::path ownDirectory() {
 }
 
 int usage() {
-  std::fprintf(stderr,
-               "usage: parlavox-bench [--quick] [--only relay,saturation,announce,memory] "
-               "[--server PATH] [--clients 16,64,...] [--talkers 4,8,...]\n");
+  std::fprintf(
+      stderr,
+      "usage: parlavox-bench [--quick] [--only relay,saturation,announce,memory,websocket] "
+      "[--server PATH] [--clients 16,64,...] [--talkers 4,8,...]\n");
   return 2;
 }
 
@@ -93,6 +95,10 @@ Settings quickRun() {
   s.memoryTraffic = 3s;
   s.firstFrameSamples = 3;
   s.longAnnouncement = false;
+  s.browserUdpPeers = 8;
+  s.browserWebPeers = 4;
+  s.browserTalkers = 2;
+  s.browserMeasure = 1200ms;
   return s;
 }
 
@@ -148,6 +154,7 @@ int main(int argc, char** argv) {
     settings.saturation = wanted("saturation");
     settings.announcements = wanted("announce");
     settings.memory = wanted("memory");
+    settings.websocket = wanted("websocket");
   }
   if (!clients.empty()) {
     settings.clientCounts = clients;

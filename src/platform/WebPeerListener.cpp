@@ -383,6 +383,9 @@ void WebPeerListener::accept() {
           return;
         }
         if (!error) {
+          // Each message is written as soon as it comes: Nagle's wait for the previous one's
+          // acknowledgement, which receivers delay by up to 40 ms, is latency a talker hears.
+          socket.set_option(tcp::no_delay(true), error);
           const tcp::endpoint remote = socket.remote_endpoint(error);
           if (!error) {
             std::make_shared<Connection>(
