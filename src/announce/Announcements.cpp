@@ -81,17 +81,29 @@ void Announcements::handleOSC(const std::string& address, const std::optional<st
     return;
   }
   console_.print(fmt::format("📣 Announcing: \"{}\"", printable(*text)));
-  // Runs on the speaker's thread: it touches nothing here, only hands the frame to the loop.
-  speaker_.speak(*text, [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
-    if (weak.expired()) {
-      return;
-    }
-    loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
-      if (auto self = weak.lock()) {
-        self->broadcastAnnouncement(copy, mask);
-      }
-    });
-  });
+  pending_.push_back(*text);
+  ++asked_;
+  // Both run on the speaker's thread: they touch nothing here, only hand over to the loop.
+  speaker_.speak(
+      *text,
+      [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
+        if (weak.expired()) {
+          return;
+        }
+        loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+          if (auto self = weak.lock()) {
+            self->broadcastAnnouncement(copy, mask);
+          }
+        });
+      },
+      [weak = weak_from_this(), loop = &loop_] {
+        // The speaker ends its announcements in the order they were asked for.
+        loop->post([weak] {
+          if (auto self = weak.lock(); self && !self->pending_.empty()) {
+            self->pending_.pop_front();
+          }
+        });
+      });
 }
 
 void Announcements::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {

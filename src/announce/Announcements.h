@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -36,6 +37,11 @@ class Announcements : public std::enable_shared_from_this<Announcements> {
   // cannot be had.
   void start();
 
+  // Loop thread. The announcements asked for and not over yet, the one being spoken first.
+  const std::deque<std::string>& pending() const { return pending_; }
+  // Loop thread. How many announcements have been asked for since the start.
+  std::uint64_t asked() const { return asked_; }
+
  private:
   Announcements(const Show& show, platform::EventLoop& loop, platform::Network& network,
                 platform::Console& console, Speaker& speaker, FanOut fanOut);
@@ -51,6 +57,8 @@ class Announcements : public std::enable_shared_from_this<Announcements> {
   FanOut fanOut_;
   OSCListener oscListener_;
   std::uint16_t announcerSeq_ = 0;
+  std::deque<std::string> pending_;
+  std::uint64_t asked_ = 0;
 };
 
 }  // namespace parlavox

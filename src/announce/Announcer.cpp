@@ -149,11 +149,15 @@ Announcer::Announcer(std::string sayCommand, platform::Console& console, platfor
 
 Announcer::~Announcer() = default;
 
-void Announcer::speak(std::string text, FrameHandler onFrame) {
+void Announcer::speak(std::string text, FrameHandler onFrame, DoneHandler onDone) {
   Impl* impl = impl_.get();
   const std::uint64_t ticket = impl->stops.load();
-  impl->queue.submit([impl, ticket, text = std::move(text), onFrame = std::move(onFrame)] {
+  impl->queue.submit([impl, ticket, text = std::move(text), onFrame = std::move(onFrame),
+                      onDone = std::move(onDone)] {
     impl->announce(ticket, text, onFrame);
+    if (onDone) {
+      onDone();
+    }
   });
 }
 

@@ -26,7 +26,7 @@ class Announcer final : public Speaker {
   Announcer(const Announcer&) = delete;
   Announcer& operator=(const Announcer&) = delete;
 
-  void speak(std::string text, FrameHandler onFrame) override;
+  void speak(std::string text, FrameHandler onFrame, DoneHandler onDone) override;
   void stop() override;
 
  private:

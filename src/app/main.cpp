@@ -17,6 +17,8 @@
 #include "announce/Announcer.h"
 #include "config/RolesFile.h"
 #include "config/Show.h"
+#include "monitor/EventLog.h"
+#include "monitor/Monitor.h"
 #include "platform/AsioEventLoop.h"
 #include "platform/AvahiAdvertiser.h"
 #include "platform/Clock.h"
@@ -112,13 +114,21 @@ std::string stateDirectory() {
   return directory != nullptr ? directory : "";
 }
 
-// The crew station on the TCP port of the intercom's number: its certificate (made on the first
-// start, kept beside the roles file, or in the state directory under systemd) and its listener.
-// Nothing when it cannot be had: the intercom itself never depends on it.
-std::optional<platform::TlsIdentity> startStation(IntercomServer& relay,
-                                                  boost::asio::io_context& context,
-                                                  const std::string& directory,
-                                                  platform::Console& console) {
+constexpr const char* kMonitorFeed = "/monitor/events";
+constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
+
+struct Station {
+  platform::TlsIdentity identity;
+  platform::WebPeerListener* web = nullptr;  // owned by the relay, which serves its peers
+};
+
+// The crew station on the TCP port of the intercom's number, with the monitor and the metrics:
+// its certificate (made on the first start, kept beside the roles file, or in the state directory
+// under systemd) and its listener. Nothing when it cannot be had: the intercom itself never
+// depends on it.
+std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_context& context,
+                                    const std::string& directory, const Monitor& monitor,
+                                    platform::Console& console) {
   platform::TlsNames names{.dns = {"localhost"}, .ipv4 = {"127.0.0.1"}};
   if (const std::string host = platform::hostName(); !host.empty()) {
     names.dns.push_back(host);
@@ -133,15 +143,26 @@ std::optional<platform::TlsIdentity> startStation(IntercomServer& relay,
                               identity.error()));
     return std::nullopt;
   }
+  const auto pages = [&monitor](std::string_view path) -> std::optional<platform::WebDocument> {
+    if (path == "/metrics") {
+      return platform::WebDocument{"text/plain; version=0.0.4; charset=utf-8", monitor.metrics()};
+    }
+    if (const auto file = station::stationFile(path)) {
+      return platform::WebDocument{std::string(file->contentType), std::string(file->bytes)};
+    }
+    return std::nullopt;
+  };
   try {
-    relay.serve(std::make_unique<platform::WebPeerListener>(context, wire::intercomPort, *identity,
-                                                            station::stationFile));
+    auto web = std::make_unique<platform::WebPeerListener>(
+        context, wire::intercomPort, *identity, pages, std::vector<std::string>{kMonitorFeed});
+    Station station{*identity, web.get()};
+    relay.serve(std::move(web));
+    return station;
   } catch (const std::exception& error) {
     console.print(fmt::format("⚠️  Crew station unavailable: TCP port {}: {}",
                               wire::intercomPort, error.what()));
     return std::nullopt;
   }
-  return *identity;
 }
 
 // Ends the process from any thread without running destructors under the announcer's feet.
@@ -150,19 +171,21 @@ std::optional<platform::TlsIdentity> startStation(IntercomServer& relay,
   std::_Exit(status);
 }
 
-int run(int argc, char** argv, platform::Console& console) {
+int run(int argc, char** argv, platform::Console& terminal) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
-  const Show show(loadConfig(configPath, console, state));
+  const Show show(loadConfig(configPath, terminal, state));
   if (show.channels().size() > 32) {
-    console.print("❌ Max 32 channels.");
+    terminal.print("❌ Max 32 channels.");
     return 1;
   }
 
+  platform::SteadyClock clock;
+  // From here on the monitor's log sees what the operator sees.
+  EventLog console(terminal, clock);
   platform::AsioEventLoop loop;
   platform::UdpNetwork network(loop.context());
   platform::AvahiAdvertiser advertiser(console);
-  platform::SteadyClock clock;
   const platform::SystemdNotifier systemd;
   Announcer announcer(defaultSayCommand(), console, clock);
   const auto relay = IntercomServer::create(
@@ -182,9 +205,18 @@ int run(int argc, char** argv, platform::Console& console) {
   }
   const std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  const auto station =
-      startStation(*relay, loop.context(), certificates.empty() ? "." : certificates, console);
-  printReport(show.config(), station ? &*station : nullptr, systemd.active(), console);
+  Monitor monitor(show, *relay, *announcements, console, clock);
+  const auto station = startStation(*relay, loop.context(),
+                                    certificates.empty() ? "." : certificates, monitor, console);
+  if (station) {
+    monitor.showAsBrowsers(station->web);
+    loop.every(kMonitorPeriod, [&monitor, web = station->web] {
+      if (web->hasReaders(kMonitorFeed)) {
+        web->publish(kMonitorFeed, monitor.snapshot());
+      }
+    });
+  }
+  printReport(show.config(), station ? &station->identity : nullptr, systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {

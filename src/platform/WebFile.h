@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace parlavox::platform {
@@ -8,6 +9,12 @@ namespace parlavox::platform {
 struct WebFile {
   std::string_view contentType;
   std::string_view bytes;
+};
+
+// What the web side answers a GET with: a file as it is, or a document made for the request.
+struct WebDocument {
+  std::string contentType;
+  std::string body;
 };
 
 }  // namespace parlavox::platform

@@ -57,23 +57,26 @@ void prepare(http::response<Body>& response, const Request& request) {
 
 }  // namespace
 
-// One WebSocket at /intercom: a peer of the relay.
+// One WebSocket: at /intercom a peer of the relay, at a feed a reader of what is published.
 class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
  public:
-  Session(WebPeerListener& owner, TlsStream stream, PeerAddress address)
+  Session(WebPeerListener& owner, TlsStream stream, PeerAddress address, std::string feed)
       : owner_(&owner),
         alive_(owner.alive_),
         socket_(std::move(stream)),
         stuck_(socket_.get_executor()),
-        address_(address) {}
+        address_(address),
+        feed_(std::move(feed)) {}
 
   const PeerAddress& address() const { return address_; }
+  const std::string& feed() const { return feed_; }
+  bool reader() const { return !feed_.empty(); }
 
   void start(const Request& request) {
     beast::get_lowest_layer(socket_).expires_never();
     socket_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
     socket_.read_message_max(kMaxMessage);
-    socket_.binary(true);
+    reader() ? socket_.text(true) : socket_.binary(true);
     socket_.async_accept(request, [self = shared_from_this()](ErrorCode error) {
       if (error || !self->alive_.lock()) {
         return;  // never a peer: nothing to report
@@ -98,6 +101,16 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
     Message message{std::vector<std::uint8_t>(head.begin(), head.end()), audio, now};
     message.bytes.insert(message.bytes.end(), body.begin(), body.end());
     queue_.push_back(std::move(message));
+    write();
+  }
+
+  // A reader wants the newest text only: what it has not begun to write is outdated.
+  void publish(std::string_view text) {
+    if (ended_) {
+      return;
+    }
+    queue_.erase(queue_.begin() + (writing_ ? 1 : 0), queue_.end());
+    queue_.push_back({std::vector<std::uint8_t>(text.begin(), text.end()), false, {}});
     write();
   }
 
@@ -132,7 +145,7 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
       fail();
       return;
     }
-    if (socket_.got_binary()) {
+    if (!reader() && socket_.got_binary()) {
       const auto data = in_.cdata();
       owner_->peers_->deliver(address_,
                               Bytes(static_cast<const std::uint8_t*>(data.data()), data.size()));
@@ -189,6 +202,7 @@ class WebPeerListener::Session : public std::enable_shared_from_this<Session> {
   websocket::stream<TlsStream> socket_;
   asio::steady_timer stuck_;
   PeerAddress address_;
+  const std::string feed_;  // empty for a peer
   beast::flat_buffer in_;
   std::deque<Message> queue_;
   bool writing_ = false;
@@ -200,13 +214,14 @@ namespace {
 // A connection until it asks for the WebSocket: TLS or plain HTTP, told apart by its first bytes.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  using Upgrade = std::function<void(TlsStream, const Request&)>;
+  // Takes the stream when the request asks for a WebSocket at a path it serves.
+  using Upgrade = std::function<bool(TlsStream&, const Request&)>;
 
-  Connection(tcp::socket socket, asio::ssl::context& tls, WebPeerListener::Files files,
+  Connection(tcp::socket socket, asio::ssl::context& tls, WebPeerListener::Pages pages,
              Upgrade upgrade)
       : plain_(std::move(socket)),
         tls_(tls),
-        files_(std::move(files)),
+        pages_(std::move(pages)),
         upgrade_(std::move(upgrade)) {}
 
   void start() {
@@ -276,22 +291,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   void serve() {
     if (websocket::is_upgrade(request_)) {
-      if (request_.target() == "/intercom") {
-        upgrade_(std::move(*secure_), request_);
-      }
-      return;  // anything else asking for a WebSocket is dropped
+      upgrade_(*secure_, request_);  // a path without a WebSocket is dropped
+      return;
     }
     const std::string_view target = request_.target();
     const std::string_view path = target.substr(0, target.find('?'));
-    const auto file = request_.method() == http::verb::get || request_.method() == http::verb::head
-                          ? files_(path)
-                          : std::nullopt;
+    auto file = request_.method() == http::verb::get || request_.method() == http::verb::head
+                    ? pages_(path)
+                    : std::nullopt;
     auto response = std::make_shared<http::response<http::string_body>>(
         file ? http::status::ok : http::status::not_found, request_.version());
     response->set(http::field::content_type, file ? file->contentType : "text/plain");
     response->set("X-Content-Type-Options", "nosniff");
     if (request_.method() != http::verb::head) {
-      response->body() = file ? std::string(file->bytes) : "Not found\n";
+      response->body() = file ? std::move(file->body) : "Not found\n";
     }
     prepare(*response, request_);
     http::async_write(*secure_, *response,
@@ -304,7 +317,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   beast::tcp_stream plain_;
   asio::ssl::context& tls_;
-  WebPeerListener::Files files_;
+  WebPeerListener::Pages pages_;
   Upgrade upgrade_;
   std::optional<TlsStream> secure_;
   beast::flat_buffer buffer_;
@@ -345,11 +358,13 @@ tcp::acceptor bindAcceptor(asio::io_context& context, std::uint16_t port) {
 }  // namespace
 
 WebPeerListener::WebPeerListener(asio::io_context& context, std::uint16_t port,
-                                 const TlsIdentity& identity, Files files)
+                                 const TlsIdentity& identity, Pages pages,
+                                 std::vector<std::string> feeds)
     : context_(context),
       tls_(tlsContext(identity)),
       acceptor_(bindAcceptor(context, port)),
-      files_(std::move(files)) {}
+      pages_(std::move(pages)),
+      feeds_(std::move(feeds)) {}
 
 // Closing a socket and cancelling a timer throw only if the system refuses to, and then there is
 // nothing better to do at shutdown than to end anyway.
@@ -357,8 +372,10 @@ WebPeerListener::WebPeerListener(asio::io_context& context, std::uint16_t port,
 WebPeerListener::~WebPeerListener() {
   *alive_ = false;
   alive_.reset();
-  for (auto& [slot, session] : sessions_) {
-    session->close();
+  for (auto* sessions : {&sessions_, &readers_}) {
+    for (auto& [slot, session] : *sessions) {
+      session->close();
+    }
   }
 }
 
@@ -389,13 +406,17 @@ void WebPeerListener::accept() {
           const tcp::endpoint remote = socket.remote_endpoint(error);
           if (!error) {
             std::make_shared<Connection>(
-                std::move(socket), tls_, files_,
-                [this, alive, remote](TlsStream stream, const Request& request) {
-                  if (alive.lock()) {
-                    std::make_shared<Session>(*this, std::move(stream),
-                                              addressOf(this, remote, nextSlot_++))
-                        ->start(request);
+                std::move(socket), tls_, pages_,
+                [this, alive, remote](TlsStream& stream, const Request& request) {
+                  const std::string_view path = request.target();
+                  if (!alive.lock() || (path != "/intercom" && !isFeed(path))) {
+                    return false;
                   }
+                  std::make_shared<Session>(*this, std::move(stream),
+                                            addressOf(this, remote, nextSlot_++),
+                                            path == "/intercom" ? "" : std::string(path))
+                      ->start(request);
+                  return true;
                 })
                 ->start();
           }
@@ -404,14 +425,35 @@ void WebPeerListener::accept() {
       });
 }
 
+bool WebPeerListener::isFeed(std::string_view path) const {
+  return std::find(feeds_.begin(), feeds_.end(), path) != feeds_.end();
+}
+
 void WebPeerListener::opened(const std::shared_ptr<Session>& session) {
-  sessions_.emplace(session->address().slot, session);
+  (session->reader() ? readers_ : sessions_).emplace(session->address().slot, session);
 }
 
 void WebPeerListener::closed(Session& session) {
   const PeerAddress address = session.address();
+  if (session.reader()) {
+    readers_.erase(address.slot);  // nobody else knew of it
+    return;
+  }
   sessions_.erase(address.slot);
   peers_->ended(address);
+}
+
+bool WebPeerListener::hasReaders(std::string_view feed) const {
+  return std::any_of(readers_.begin(), readers_.end(),
+                     [feed](const auto& item) { return item.second->feed() == feed; });
+}
+
+void WebPeerListener::publish(std::string_view feed, std::string_view text) {
+  for (auto& [slot, session] : readers_) {
+    if (session->feed() == feed) {
+      session->publish(text);
+    }
+  }
 }
 
 void WebPeerListener::send(const PeerAddress& to, Bytes head, Bytes body) {

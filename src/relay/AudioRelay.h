@@ -9,7 +9,8 @@ namespace parlavox {
 
 // Forwards one audio datagram from `sender` to every other listener that listens on a channel the
 // sender may talk on and asked for, in the listeners' order. Each copy carries the sender's id and
-// the receiver's share of the mask; everything else arrives as sent. Allocates nothing.
-void relayAudio(Bytes datagram, const Peer& sender, std::span<const Listener> listeners);
+// the receiver's share of the mask; everything else arrives as sent. Allocates nothing. Returns how
+// many copies went out.
+std::size_t relayAudio(Bytes datagram, const Peer& sender, std::span<const Listener> listeners);
 
 }  // namespace parlavox

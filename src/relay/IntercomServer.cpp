@@ -49,6 +49,11 @@ void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
       self->sweep();
     }
   });
+  platform_.loop.every(linkCheckPeriod, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) {
+      self->checkLinks();
+    }
+  });
 }
 
 void IntercomServer::serve(std::unique_ptr<platform::PeerListener> transport) {
@@ -60,17 +65,14 @@ void IntercomServer::serve(std::unique_ptr<platform::PeerListener> transport) {
 
 void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) {
   // A new address is a new peer, even for a datagram that says nothing.
-  using Said = PeerTable::Said;
-  const Said said = datagram.empty()                 ? Said::nothing
-                    : datagram[0] == wire::kindAudio ? Said::audio
-                                                     : Said::control;
-  const Peer& peer = peers_.heardFrom(from, platform_.clock.now(), said);
-  if (said == Said::nothing) {
+  const Peer& peer = peers_.heardFrom(from, platform_.clock.now(), datagram);
+  if (datagram.empty()) {
     return;
   }
   switch (datagram[0]) {
     case wire::kindAudio:
-      relayAudio(datagram, peer, peers_.listeners());
+      counts_.audioReceived += peer.joined ? 1U : 0U;
+      counts_.copiesSent += relayAudio(datagram, peer, peers_.listeners());
       break;
     case wire::kindControl:
       handleControl(datagram.subspan(1), peer);
@@ -105,6 +107,19 @@ void IntercomServer::sweep() {
     }
     remove(address);
   }
+}
+
+// The operator hears of a crew member whose audio is breaking up, and of its recovery, at most
+// once in LinkHealth::kWindowSeconds each.
+void IntercomServer::checkLinks() {
+  peers_.checkLinks(platform_.clock.now(), [this](const Peer& peer, const LossAlarm& alarm) {
+    const auto percent = static_cast<int>(alarm.ratio * 100.0 + 0.5);
+    platform_.console.print(
+        alarm.raised ? fmt::format("⚠️  {} ({}): {}% audio lost in the last 10 s",
+                                   printable(peer.name), printable(peer.role), percent)
+                     : fmt::format("✅ {} ({}): audio back to normal, {}% lost in the last 10 s",
+                                   printable(peer.name), printable(peer.role), percent));
+  });
 }
 
 CrewCount IntercomServer::crew() const {

@@ -29,6 +29,12 @@ struct ServerPlatform {
   platform::Console& console;
 };
 
+// What the relay has done since the start, for the metrics.
+struct RelayCounts {
+  std::uint64_t audioReceived = 0;  // audio datagrams from joined talkers
+  std::uint64_t copiesSent = 0;     // copies of them relayed to listeners
+};
+
 struct CrewCount {
   std::size_t joined = 0;
   std::size_t talking = 0;  // of the joined, those who sent audio within talkingWindow
@@ -49,6 +55,7 @@ class IntercomServer final : public platform::Transport::Peers,
   // of joins or departures costs each peer a few rosters, not one per event.
   static constexpr auto rosterPeriod = std::chrono::milliseconds(200);
   static constexpr auto talkingWindow = std::chrono::seconds(1);
+  static constexpr auto linkCheckPeriod = std::chrono::seconds(1);
 
   // Any thread. Starts nothing and prints nothing.
   static std::shared_ptr<IntercomServer> create(Show show, ServerPlatform platform,
@@ -66,6 +73,8 @@ class IntercomServer final : public platform::Transport::Peers,
 
   // Loop thread.
   CrewCount crew() const;
+  const PeerTable& peers() const { return peers_; }
+  RelayCounts counts() const { return counts_; }
 
   // Loop thread. `head` and `body` as one datagram to every joined peer that listens on a
   // channel of `mask`: how announcement frames reach the crew.
@@ -83,6 +92,7 @@ class IntercomServer final : public platform::Transport::Peers,
   // By value: callers may pass the address held by the peer that goes.
   void remove(platform::PeerAddress address);
   void sweep();
+  void checkLinks();
   void rosterChanged();
   void broadcastRoster();
   template <typename Message>
@@ -93,6 +103,7 @@ class IntercomServer final : public platform::Transport::Peers,
   ExitPolicy exit_;
   const std::string configReply_;  // the answer to every "hi", encoded once
   PeerTable peers_;
+  RelayCounts counts_;
   // Per source host, so that a forged source can neither make the server reflect configurations
   // at a victim nor churn the crew with joins; an ordinary client never comes near either.
   RateLimiter configReplies_{20, 5};

@@ -157,4 +157,22 @@ bool LinkHealth::talking(platform::MonoTime now) const {
   return lastAudio_ && now - *lastAudio_ <= kTalkingHold;
 }
 
+std::optional<LossAlarm> LinkHealth::lossAlarm(platform::MonoTime now) {
+  if (lossReportedAt_ && now - *lossReportedAt_ < std::chrono::seconds(kWindowSeconds)) {
+    return std::nullopt;
+  }
+  const Window window = lastSeconds(now);
+  const std::uint64_t total = window.received + window.lost;
+  if (total < kLossSample) {
+    return std::nullopt;  // too little to tell, either way
+  }
+  const double ratio = static_cast<double>(window.lost) / static_cast<double>(total);
+  if ((ratio > kLossWarning) == lossRaised_) {
+    return std::nullopt;
+  }
+  lossRaised_ = !lossRaised_;
+  lossReportedAt_ = now;
+  return LossAlarm{lossRaised_, ratio};
+}
+
 }  // namespace parlavox

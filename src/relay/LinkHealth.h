@@ -14,6 +14,12 @@ namespace parlavox {
 // loss from their sequence numbers, jitter from their arrival times, level from their samples. It
 // sits on the relay's path, so its state is fixed in size (nothing allocated after construction)
 // and a datagram costs a few steps plus one pass over its samples.
+// A peer's audio loss crossing the line at which the operator is warned, one way or the other.
+struct LossAlarm {
+  bool raised = false;  // false: back under the line
+  double ratio = 0;     // lost / (received + lost) over the last kWindowSeconds
+};
+
 class LinkHealth {
  public:
   // A seq further ahead than kMaxGap, or further behind than kReorderWindow, is neither loss nor
@@ -55,6 +61,14 @@ class LinkHealth {
   // Loop thread. Whether audio arrived in the last 300 ms.
   bool talking(platform::MonoTime now) const;
 
+  // More than this share of the last kWindowSeconds' audio lost is worth a warning, judged over
+  // at least kLossSample datagrams (a second of talking): two of three is no pattern.
+  static constexpr double kLossWarning = 0.05;
+  static constexpr std::uint64_t kLossSample = 50;
+  // Loop thread. The crossing to report now, if any: up when the loss goes over the line, down
+  // when it is back under it, never two within kWindowSeconds.
+  std::optional<LossAlarm> lossAlarm(platform::MonoTime now);
+
  private:
   static constexpr int kLevelSteps = 5;  // of 20 ms
   static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::min();
@@ -87,6 +101,9 @@ class LinkHealth {
 
   std::array<Peak, kLevelSteps> peaks_{};  // a ring
   std::optional<platform::MonoTime> lastAudio_;
+
+  bool lossRaised_ = false;
+  std::optional<platform::MonoTime> lossReportedAt_;
 };
 
 }  // namespace parlavox

@@ -7,6 +7,7 @@
 #include "platform/Bytes.h"
 #include "platform/Clock.h"
 #include "platform/Transport.h"
+#include "relay/LinkHealth.h"
 
 namespace parlavox {
 
@@ -22,6 +23,7 @@ struct Peer {
   bool joined = false;
   platform::MonoTime lastSeen;
   std::optional<platform::MonoTime> lastAudio;  // for the count of who is talking
+  LinkHealth health;                            // of its audio, once joined
 };
 
 // A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small

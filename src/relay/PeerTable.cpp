@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "config/Names.h"
+#include "wire/Audio.h"
 #include "wire/ControlMessages.h"
 #include "wire/Protocol.h"
 
@@ -30,7 +31,7 @@ std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const L
 }
 
 const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::MonoTime now,
-                                 Said said) {
+                                 Bytes datagram) {
   auto [it, isNew] = peers_.try_emplace(from);
   Peer& peer = it->second.peer;
   if (isNew) {
@@ -42,11 +43,14 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
       erase(peers_.find(oldest));
       oldest.transport->end(oldest);
     }
-  } else if (said != Said::nothing) {
+  } else if (!datagram.empty()) {
     peer.lastSeen = now;
   }
-  if (said == Said::audio) {
+  if (!datagram.empty() && datagram[0] == wire::kindAudio) {
     peer.lastAudio = now;
+    if (peer.joined && datagram.size() > wire::AudioHeader::size) {
+      peer.health.audio(datagram, now);
+    }
   }
   return peer;
 }

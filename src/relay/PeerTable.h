@@ -26,14 +26,23 @@ class PeerTable {
   static constexpr std::size_t kUnjoinedLimit = 4096;
   static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
 
-  // What a datagram said, as far as liveness goes: anything at all refreshes a peer's lastSeen,
-  // audio its lastAudio too.
-  enum class Said { nothing, control, audio };
-
-  // The peer at `from`, a new unjoined one if there is none, updated for a datagram that `said`.
+  // The peer at `from`, a new unjoined one if there is none, updated for `datagram`: anything at
+  // all refreshes its lastSeen; audio of a joined peer its lastAudio and link health too.
   // A new peer beyond kUnjoinedLimit evicts the oldest unjoined one, whose transport is told with
   // end(); joined peers are never evicted.
-  const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, Said said);
+  const Peer& heardFrom(const platform::PeerAddress& from, platform::MonoTime now, Bytes datagram);
+
+  // Calls `report` for each joined peer whose audio loss has crossed the warning line, either way,
+  // since it was last reported (see LinkHealth::lossAlarm).
+  template <typename Report>
+  void checkLinks(platform::MonoTime now, Report report) {
+    for (const Listener& listener : listeners_) {
+      Peer& peer = peers_.find(*listener.address)->second.peer;
+      if (const auto alarm = peer.health.lossAlarm(now)) {
+        report(static_cast<const Peer&>(peer), *alarm);
+      }
+    }
+  }
 
   // The peer at `address`, or nothing.
   const Peer* find(const platform::PeerAddress& address) const;

@@ -44,6 +44,8 @@ ${entries}}};
 std::optional<platform::WebFile> stationFile(std::string_view path) {
   if (path == \"/\") {
     path = \"/index.html\";
+  } else if (path == \"/monitor\") {
+    path = \"/monitor.html\";
   }
   for (const auto& [name, file] : files) {
     if (name == path) {

@@ -56,13 +56,15 @@ TEST(ResolveAnnouncement, MapsAddressesOntoTheChannels) {
 // thread would.
 class FakeSpeaker final : public Speaker {
  public:
-  void speak(std::string text, FrameHandler onFrame) override {
+  void speak(std::string text, FrameHandler onFrame, DoneHandler onDone) override {
     spoken.push_back(std::move(text));
     handlers.push_back(std::move(onFrame));
+    done.push_back(std::move(onDone));
   }
   void stop() override {}
   std::vector<std::string> spoken;
   std::vector<FrameHandler> handlers;
+  std::vector<DoneHandler> done;
 };
 
 class AnnouncementsTest : public testing::Test {
@@ -125,6 +127,15 @@ TEST_F(AnnouncementsTest, FramesReachTheLoopNumberedUnderTheAnnouncersId) {
   EXPECT_EQ(sent[2].first, 0xFU);
   EXPECT_EQ(wire::AudioHeader::read(sent[2].second)->seq, 3) << "seq counts every frame";
   EXPECT_EQ(sent[2].second.size(), 649U);
+
+  // What the monitor shows: the one being spoken first, gone once the loop hears it is over.
+  EXPECT_EQ(announcements->pending(),
+            (std::deque<std::string>{"Beginners please", "Places please"}));
+  speaker.done[0]();
+  EXPECT_EQ(announcements->pending().size(), 2U);
+  loop.runPosted();
+  EXPECT_EQ(announcements->pending(), std::deque<std::string>{"Places please"});
+  EXPECT_EQ(announcements->asked(), 2U);
 }
 
 }  // namespace

@@ -55,7 +55,8 @@ class AnnouncerTest : public ::testing::Test {
     std::vector<Frame> frames;
     {
       Announcer announcer(command, console_, clock_, tmp_.path());
-      announcer.speak(text, [&](Bytes frame) { frames.emplace_back(frame.begin(), frame.end()); });
+      announcer.speak(text, [&](Bytes frame) { frames.emplace_back(frame.begin(), frame.end()); },
+                      {});
     }  // the destructor finishes the queued announcement
     return frames;
   }
@@ -152,15 +153,21 @@ TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
   {
     Announcer announcer(command, console_, clock_, tmp_.path());
     for (const std::string text : {"first", "second"}) {
-      announcer.speak(text, [&events, &mutex, &log, text](Bytes frame) {
-        const std::lock_guard lock(mutex);
-        events.push_back(text + " " + std::to_string(frame.size()) + " " + test::readFile(log));
-      });
+      announcer.speak(
+          text,
+          [&events, &mutex, &log, text](Bytes frame) {
+            const std::lock_guard lock(mutex);
+            events.push_back(text + " " + std::to_string(frame.size()) + " " + test::readFile(log));
+          },
+          [&events, &mutex, text] {
+            const std::lock_guard lock(mutex);
+            events.push_back(text + " done");
+          });
     }
   }
-  EXPECT_EQ(events, (Lines{"first 640 first;", "first 640 first;", "first 640 first;",
+  EXPECT_EQ(events, (Lines{"first 640 first;", "first 640 first;", "first 640 first;", "first done",
                            "second 640 first;second;", "second 640 first;second;",
-                           "second 640 first;second;"}));
+                           "second 640 first;second;", "second done"}));
   EXPECT_EQ(console_.take(), Lines(2, "📣 Announcement finished (0.1s)"));
 }
 

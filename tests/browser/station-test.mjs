@@ -1,17 +1,19 @@
-// The crew station in a real browser: Debian's Chromium, its fake microphone playing a tone,
-// against the real server and a real UDP crew member (parlavox-client) on loopback.
+// The crew station and the operator's monitor in a real browser: Debian's Chromium, its fake
+// microphone playing a tone, against the real server and a real UDP crew member (parlavox-client)
+// on loopback.
 //
-//   node station-test.mjs PARLAVOX PARLAVOX_CLIENT WORKDIR [SCREENSHOT.png]
+//   node station-test.mjs PARLAVOX PARLAVOX_CLIENT WORKDIR [SCREENSHOT_DIR]
 //
 // The page talks: what parlavox-client records must be the microphone's tone. The client talks:
-// what the page received (its test hook, window.parlavoxStation) must be the client's tone.
+// what the page received (its test hook, window.parlavoxStation) must be the client's tone, and
+// the monitor must show both crew members, the client as talking.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 import { chromium } from "playwright-core";
 
-const [parlavox, client, workdir, screenshot] = process.argv.slice(2);
+const [parlavox, client, workdir, screenshots] = process.argv.slice(2);
 const sleep = (ms) => new Promise((done) => setTimeout(done, ms));
 
 rmSync(workdir, { recursive: true, force: true });
@@ -19,7 +21,7 @@ mkdirSync(workdir, { recursive: true });
 const file = (name) => join(workdir, name);
 const sox = (...args) => execFileSync("sox", args);
 sox("-n", "-r", "48000", "-c", "1", "-b", "16", file("mic-700.wav"), "synth", "30", "sine", "700", "gain", "-6");
-sox("-n", "-r", "16000", "-c", "1", "-b", "16", file("crew-440.wav"), "synth", "4", "sine", "440", "gain", "-6");
+sox("-n", "-r", "16000", "-c", "1", "-b", "16", file("crew-440.wav"), "synth", "6", "sine", "440", "gain", "-6");
 
 // Mono 16-bit PCM samples of a WAV file, as floats.
 function wavSamples(path) {
@@ -133,7 +135,19 @@ try {
                                 "--in", file("crew-440.wav")], "talk");
   await until("the talker on the roster", () =>
     station(() => parlavoxStation.state().roster.some((u) => u.name === "Lights" && u.talking)));
-  if (screenshot) await page.screenshot({ path: screenshot, fullPage: true });
+  if (screenshots) await page.screenshot({ path: join(screenshots, "station.png"), fullPage: true });
+
+  // The operator's monitor, meanwhile: both crew members, the talker lit.
+  const monitor = await context.newPage();
+  monitor.on("pageerror", (error) => pageErrors.push(String(error)));
+  await monitor.setViewportSize({ width: 1280, height: 720 });
+  await monitor.goto("https://127.0.0.1:50505/monitor");
+  await until("the monitor's crew", () => monitor.locator("#crew tr[data-peer-id]").count().then((n) => n === 2));
+  await until("the talker on the monitor", () =>
+    monitor.locator('#crew tr[data-talking="true"]').count().then((n) => n === 1));
+  const talking = await monitor.locator('#crew tr[data-talking="true"]').textContent();
+  assert.match(talking, /Lights/);
+  if (screenshots) await monitor.screenshot({ path: join(screenshots, "monitor.png") });
   assert.equal(await talker.ended, 0, talker.errors);
   const heardByPage = tone(Float32Array.from(await station(() => Array.from(parlavoxStation.heard()))));
   console.log(`The page heard UDP crew: ${heardByPage.seconds} s of ${heardByPage.hz} Hz, RMS ${heardByPage.rms.toFixed(3)}`);

@@ -120,3 +120,37 @@ TEST(LinkHealthLevel, PeaksOverTheLastHundredMilliseconds) {
 
 }  // namespace
 }  // namespace parlavox
+
+namespace parlavox {
+namespace {
+
+// The operator's warning: up past 5% over a second or more of talking, down again once clean, and
+// at most one crossing per window.
+TEST(LinkHealthLoss, AlarmsCrossTheLineOncePerWindow) {
+  LinkHealth health;
+  std::uint16_t seq = 1;
+  int ms = 0;
+  const auto talk = [&](int frames, int lostEvery) {
+    for (int i = 0; i < frames; ++i, ++seq, ms += 20) {
+      if (lostEvery == 0 || seq % lostEvery != 0) {
+        feed(health, seq, ms);
+      }
+    }
+  };
+  talk(20, 10);
+  EXPECT_FALSE(health.lossAlarm(t0 + 1s)) << "too little to tell";
+  talk(81, 10);
+  const auto raised = health.lossAlarm(t0 + 2s);
+  ASSERT_TRUE(raised);
+  EXPECT_TRUE(raised->raised);
+  EXPECT_NEAR(raised->ratio, 0.099, 0.001);
+  EXPECT_FALSE(health.lossAlarm(t0 + 3s)) << "reported already";
+  talk(600, 0);  // 12 s of clean audio
+  const auto cleared = health.lossAlarm(t0 + std::chrono::milliseconds(ms));
+  ASSERT_TRUE(cleared);
+  EXPECT_FALSE(cleared->raised);
+  EXPECT_FALSE(health.lossAlarm(t0 + std::chrono::milliseconds(ms) + 1s));
+}
+
+}  // namespace
+}  // namespace parlavox

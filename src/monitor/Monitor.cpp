@@ -1,0 +1,141 @@
+#include "monitor/Monitor.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/ProcessStats.h"
+
+namespace parlavox {
+namespace {
+
+using Seconds = std::chrono::duration<double>;
+
+nlohmann::json channelsOf(std::uint32_t mask, const std::vector<std::string>& channels) {
+  auto names = nlohmann::json::array();
+  for (std::size_t i = 0; i < channels.size() && i < 32; ++i) {
+    if ((mask >> i & 1U) != 0) {
+      names.push_back(channels[i]);
+    }
+  }
+  return names;
+}
+
+void metric(std::string& out, std::string_view name, std::string_view type, std::string_view help) {
+  out += fmt::format("# HELP {} {}\n# TYPE {} {}\n", name, help, name, type);
+}
+
+}  // namespace
+
+Monitor::Monitor(const Show& show, const IntercomServer& relay, const Announcements& announcements,
+                 const EventLog& log, platform::Clock& clock)
+    : show_(show),
+      relay_(relay),
+      announcements_(announcements),
+      log_(log),
+      clock_(clock),
+      started_(clock.now()) {}
+
+std::string Monitor::snapshot() const {
+  const platform::MonoTime now = clock_.now();
+  const PeerTable& peers = relay_.peers();
+  auto crew = nlohmann::json::array();
+  for (const Listener& listener : peers.listeners()) {
+    const Peer& peer = *peers.find(*listener.address);
+    const LinkHealth& health = peer.health;
+    const LinkHealth::Window window = health.lastSeconds(now);
+    const auto level = health.levelDbfs(now);
+    crew.push_back({
+        {"id", peer.id},
+        {"name", peer.name},
+        {"role", peer.role},
+        {"transport", peer.address.transport == browsers_ ? "browser" : "udp"},
+        {"talk", channelsOf(peer.talkMask, show_.channels())},
+        {"listen", channelsOf(peer.listenMask, show_.channels())},
+        {"received", health.received()},
+        {"lost", health.lost()},
+        {"loss", window.received + window.lost == 0
+                     ? 0.0
+                     : static_cast<double>(window.lost) /
+                           static_cast<double>(window.received + window.lost)},
+        {"jitterMs", health.jitterMs()},
+        {"lastSeenMs",
+         std::chrono::duration_cast<std::chrono::milliseconds>(now - peer.lastSeen).count()},
+        {"talking", health.talking(now)},
+        {"levelDbfs", level ? nlohmann::json(*level) : nlohmann::json()},
+    });
+  }
+  auto log = nlohmann::json::array();
+  for (const EventLog::Entry& entry : log_.entries()) {
+    log.push_back({{"ago", Seconds(now - entry.at).count()}, {"line", entry.line}});
+  }
+  const auto& pending = announcements_.pending();
+  nlohmann::json snapshot{
+      {"show", show_.name()},
+      {"uptime", Seconds(now - started_).count()},
+      {"unjoined", peers.size() - peers.listeners().size()},
+      {"peers", std::move(crew)},
+      {"speaking", pending.empty() ? nlohmann::json() : nlohmann::json(pending.front())},
+      {"queued", pending.empty() ? nlohmann::json::array()
+                                 : nlohmann::json(std::vector<std::string>(pending.begin() + 1,
+                                                                           pending.end()))},
+      {"log", std::move(log)},
+  };
+  return snapshot.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string Monitor::metrics() const {
+  const platform::MonoTime now = clock_.now();
+  const PeerTable& peers = relay_.peers();
+  const RelayCounts counts = relay_.counts();
+  std::string out;
+  metric(out, "parlavox_peers", "gauge", "Peers the server knows, by state.");
+  out += fmt::format("parlavox_peers{{state=\"joined\"}} {}\n", peers.listeners().size());
+  out += fmt::format("parlavox_peers{{state=\"unjoined\"}} {}\n",
+                     peers.size() - peers.listeners().size());
+  metric(out, "parlavox_audio_datagrams_received_total", "counter",
+         "Audio datagrams received from joined talkers.");
+  out += fmt::format("parlavox_audio_datagrams_received_total {}\n", counts.audioReceived);
+  metric(out, "parlavox_audio_copies_sent_total", "counter",
+         "Copies of audio datagrams relayed to listeners.");
+  out += fmt::format("parlavox_audio_copies_sent_total {}\n", counts.copiesSent);
+  metric(out, "parlavox_announcements_total", "counter", "Announcements asked for over OSC.");
+  out += fmt::format("parlavox_announcements_total {}\n", announcements_.asked());
+  metric(out, "parlavox_uptime_seconds", "gauge", "Seconds since the server started.");
+  out += fmt::format("parlavox_uptime_seconds {:.3f}\n", Seconds(now - started_).count());
+
+  const auto perPeer = [&](std::string_view name, std::string_view type, std::string_view help,
+                           auto value) {
+    metric(out, name, type, help);
+    for (const Listener& listener : peers.listeners()) {
+      out += fmt::format("{}{{id=\"{}\"}} {}\n", name, listener.id,
+                         value(peers.find(*listener.address)->health));
+    }
+  };
+  perPeer("parlavox_peer_audio_received_total", "counter",
+          "Audio datagrams received from a joined peer.",
+          [](const LinkHealth& health) { return health.received(); });
+  perPeer("parlavox_peer_audio_lost_total", "counter",
+          "Audio datagrams a joined peer sent that never arrived, from gaps in their numbers.",
+          [](const LinkHealth& health) { return health.lost(); });
+  perPeer("parlavox_peer_jitter_seconds", "gauge",
+          "Spread of a joined peer's audio arrivals against their 20 ms pace.",
+          [](const LinkHealth& health) { return health.jitterMs() / 1000.0; });
+
+  if (const auto process = platform::processStats()) {
+    metric(out, "process_cpu_seconds_total", "counter", "User and system CPU time spent.");
+    out += fmt::format("process_cpu_seconds_total {:.2f}\n", process->cpuSeconds);
+    metric(out, "process_resident_memory_bytes", "gauge", "Resident memory size in bytes.");
+    out += fmt::format("process_resident_memory_bytes {}\n", process->residentBytes);
+    metric(out, "process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.");
+    out += fmt::format("process_virtual_memory_bytes {}\n", process->virtualBytes);
+    metric(out, "process_open_fds", "gauge", "Open file descriptors.");
+    out += fmt::format("process_open_fds {}\n", process->openFds);
+    metric(out, "process_start_time_seconds", "gauge",
+           "Start time of the process since the Unix epoch, in seconds.");
+    out += fmt::format("process_start_time_seconds {:.2f}\n", process->startTimeSeconds);
+  }
+  return out;
+}
+
+}  // namespace parlavox
