@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "config/Printable.h"
 #include "relay/AudioRelay.h"
 #include "wire/Protocol.h"
@@ -113,7 +115,7 @@ void IntercomServer::sweep() {
 // once in LinkHealth::kWindowSeconds each.
 void IntercomServer::checkLinks() {
   peers_.checkLinks(platform_.clock.now(), [this](const Peer& peer, const LossAlarm& alarm) {
-    const auto percent = static_cast<int>(alarm.ratio * 100.0 + 0.5);
+    const long percent = std::lround(alarm.ratio * 100.0);
     platform_.console.print(
         alarm.raised ? fmt::format("⚠️  {} ({}): {}% audio lost in the last 10 s",
                                    printable(peer.name), printable(peer.role), percent)
