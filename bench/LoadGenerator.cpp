@@ -38,6 +38,13 @@ std::uint32_t clientHost(std::size_t i) {
          static_cast<std::uint32_t>(i % 250 + 1);
 }
 
+// Client i's port, 20000 + i: its own, whatever its address, because the bare forwarder and the
+// drop counts tell clients apart by port alone (ephemeral ports repeat across addresses, and did:
+// two clients sharing one made joins at 200 clients and more fail at random).
+std::uint16_t clientPort(std::size_t i) {
+  return static_cast<std::uint16_t>(20000 + i);
+}
+
 std::chrono::nanoseconds threadCpu() {
   timespec now{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -103,7 +110,7 @@ LoadGenerator::LoadGenerator(std::size_t clients)
     }
     const int on = 1;
     (void)::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-    sockaddr_in local = loopback(0, clientHost(i));
+    sockaddr_in local = loopback(clientPort(i), clientHost(i));
     socklen_t length = sizeof local;
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
