@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -37,7 +39,11 @@ std::optional<ProcessStats> processStats() {
   if (close == std::string::npos) {
     return std::nullopt;
   }
-  std::istringstream fields(line.substr(close + 2));
+  // Parsed without exceptions: this runs on the server loop, which a bad read must not end.
+  std::istringstream fields(line.substr(std::min(close + 2, line.size())));
+  const auto parse = [](const std::string& text, auto& value) {
+    std::from_chars(text.data(), text.data() + text.size(), value);
+  };
   std::string field;
   std::uint64_t utime = 0;
   std::uint64_t stime = 0;
@@ -47,19 +53,19 @@ std::optional<ProcessStats> processStats() {
   for (int number = 3; fields >> field; ++number) {
     switch (number) {
       case 14:
-        utime = std::stoull(field);
+        parse(field, utime);
         break;
       case 15:
-        stime = std::stoull(field);
+        parse(field, stime);
         break;
       case 22:
-        start = std::stoull(field);
+        parse(field, start);
         break;
       case 23:
-        vsize = std::stoull(field);
+        parse(field, vsize);
         break;
       case 24:
-        rss = std::stoll(field);
+        parse(field, rss);
         break;
       default:
         break;
