@@ -110,13 +110,13 @@ std::size_t BareForwarder::serveBatch(int timeoutMs) {
       continue;
     }
     const std::uint16_t index = byPort_[ntohs(sources_[i].sin_port)];
-    if (data[0] == wire::kindControl) {
+    if (data[0] == wire::kControlKind) {
       if (index == 0) {
         registerEndpoint(sources_[i]);
       }
       continue;
     }
-    if (data[0] != wire::kindAudio || index == 0 || count_ < 2) {
+    if (data[0] != wire::kAudioKind || index == 0 || count_ < 2) {
       continue;
     }
     outgoingIov_[i] = {const_cast<std::uint8_t*>(data), length};

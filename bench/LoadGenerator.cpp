@@ -21,7 +21,6 @@ namespace parlavox::bench {
 namespace {
 
 constexpr int kClientBuffer = 4 << 20;  // so that losses are the target's, not the generator's
-constexpr std::int64_t kPingPeriodNs = 2'000'000'000;
 
 sockaddr_in loopback(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK) {
   sockaddr_in address{};
@@ -211,7 +210,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
         askedAt[i] = 0;
       }
       if (askedAt[i] == 0 && waiting < kInFlight) {
-        sendFrom(i, port, control({"join", "crew-" + std::to_string(i), role}));
+        sendFrom(i, port, control({wire::MessageType::join, "crew-" + std::to_string(i), role}));
         askedAt[i] = now;
         ++waiting;
       }
@@ -234,7 +233,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
 
 void LoadGenerator::leave(std::uint16_t port) {
   for (std::size_t i = 0; i < fds_.size(); ++i) {
-    sendFrom(i, port, control({"bye", std::nullopt, std::nullopt}));
+    sendFrom(i, port, control({wire::MessageType::bye, std::nullopt, std::nullopt}));
   }
 }
 
@@ -245,7 +244,8 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
   const std::size_t talkers = std::min(plan.talkers, clients);
   const sockaddr_in target = loopback(plan.targetPort);
   const sockaddr_in pingTarget = loopback(plan.pingPort);
-  const std::vector<std::uint8_t> ping = control({"ping", std::nullopt, std::nullopt});
+  const std::vector<std::uint8_t> ping =
+      control({wire::MessageType::ping, std::nullopt, std::nullopt});
 
   std::vector<std::vector<std::uint8_t>> outgoing(talkers,
                                                   std::vector<std::uint8_t>(kDatagramSize));
@@ -264,7 +264,8 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
   std::int64_t windowStart = start + std::chrono::nanoseconds(plan.warmup).count();
   std::int64_t windowEnd = windowStart + std::chrono::nanoseconds(plan.measure).count();
   std::int64_t runEnd = windowEnd + std::chrono::nanoseconds(plan.tail).count();
-  const std::int64_t pingStep = kPingPeriodNs / static_cast<std::int64_t>(clients);
+  const std::int64_t pingStep = std::chrono::nanoseconds(wire::kKeepaliveInterval).count() /
+                                static_cast<std::int64_t>(clients);
   // After a pause between runs, go on from where the round stopped, without a burst.
   nextPingNs_ = std::max(nextPingNs_, start - pingStep);
   std::int64_t nextStopCheck = windowStart;

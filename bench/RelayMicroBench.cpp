@@ -1,5 +1,5 @@
-// The relay's own work per audio datagram, sockets left out: relayAudio over the listener array of
-// joined peers on a transport that only counts what it is given.
+// The relay's own work per audio datagram, sockets left out: relayAudio over the joined-peer array
+// of joined peers on a transport that only counts what it is given.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -14,6 +14,7 @@ using namespace parlavox;
 
 class CountingTransport final : public platform::Transport {
  public:
+  Kind kind() const override { return Kind::udp; }
   void send(const platform::PeerAddress& /*to*/, Bytes head, Bytes body) override {
     bytes += head.size() + body.size();
     benchmark::DoNotOptimize(head.data());
@@ -29,9 +30,9 @@ void relayToEveryone(benchmark::State& state) {
   for (std::size_t i = 0; i < peers; ++i) {
     addresses.push_back({&transport, {}, i + 1});
   }
-  std::vector<Listener> listeners;
+  std::vector<JoinedPeer> crew;
   for (std::size_t i = 0; i < peers; ++i) {
-    listeners.push_back({static_cast<std::uint16_t>(i + 1), 0x1, &transport, &addresses[i]});
+    crew.push_back({static_cast<std::uint16_t>(i + 1), 0x1, &transport, &addresses[i]});
   }
   Peer sender;
   sender.address = addresses[0];
@@ -39,10 +40,10 @@ void relayToEveryone(benchmark::State& state) {
   sender.joined = true;
   sender.talkMask = 0x1;
   sender.listenMask = 0x1;
-  std::vector<std::uint8_t> samples(wire::frameBytes, 0x55);
+  std::vector<std::uint8_t> samples(wire::kFrameBytes, 0x55);
   const std::vector<std::uint8_t> datagram = wire::encodeAudio({0, 0x1, 0}, samples);
   for (auto _ : state) {
-    relayAudio(datagram, sender, listeners);
+    relayAudio(datagram, sender, crew);
   }
   state.counters["copies/s"] =
       benchmark::Counter(static_cast<double>(state.iterations()) * static_cast<double>(peers - 1),

@@ -40,7 +40,7 @@ struct Settings {
   std::chrono::milliseconds browserMeasure{8000};
 };
 
-inline constexpr std::uint16_t kServerPort = wire::intercomPort;
+inline constexpr std::uint16_t kServerPort = wire::kIntercomPort;
 inline constexpr std::uint16_t kOscPort = 47000;
 inline constexpr std::uint16_t kForwarderPort = 50600;
 inline constexpr std::uint16_t kPacerPort = 50700;

@@ -27,7 +27,6 @@ using tcp = asio::ip::tcp;
 using ErrorCode = beast::error_code;
 
 constexpr std::int64_t kFrameNs = 20'000'000;
-constexpr auto kPingPeriod = std::chrono::seconds(2);
 
 // A copy as a station read it.
 struct Copy {
@@ -125,9 +124,9 @@ struct StationPeers::State {
   // The server forgets a peer silent for 8 s; listening stations say nothing otherwise.
   void ping() {
     for (auto& station : stations) {
-      send(*station, control({"ping", std::nullopt, std::nullopt}));
+      send(*station, control({wire::MessageType::ping, std::nullopt, std::nullopt}));
     }
-    pinger.expires_after(kPingPeriod);
+    pinger.expires_after(wire::kKeepaliveInterval);
     pinger.async_wait([this](ErrorCode error) {
       if (!error) {
         ping();
@@ -196,7 +195,8 @@ bool StationPeers::join(const std::string& role, std::chrono::milliseconds timeo
   State& s = *state_;
   asio::post(s.io, [&s, role] {
     for (auto& station : s.stations) {
-      s.send(*station, control({"join", "station-" + std::to_string(station->index), role}));
+      s.send(*station,
+             control({wire::MessageType::join, "station-" + std::to_string(station->index), role}));
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + timeout;

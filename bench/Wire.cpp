@@ -7,7 +7,7 @@
 namespace parlavox::bench {
 namespace {
 
-constexpr std::size_t kMagicAt = wire::AudioHeader::size;
+constexpr std::size_t kMagicAt = wire::AudioHeader::kSize;
 constexpr std::size_t kRunAt = kMagicAt + 4;
 constexpr std::size_t kTalkerAt = kRunAt + 4;
 constexpr std::size_t kSeqAt = kTalkerAt + 2;
@@ -47,7 +47,7 @@ void writeAudio(std::span<std::uint8_t> datagram, std::uint32_t mask, const Prob
 
 void restamp(std::span<std::uint8_t> datagram, std::uint32_t seq, std::int64_t intendedNs,
              std::int64_t sentNs) {
-  put<std::uint16_t>(datagram, wire::AudioHeader::seqOffset, static_cast<std::uint16_t>(seq));
+  put<std::uint16_t>(datagram, wire::AudioHeader::kSeqOffset, static_cast<std::uint16_t>(seq));
   put<std::uint32_t>(datagram, kSeqAt, seq);
   put<std::int64_t>(datagram, kTimeAt, intendedNs);
   put<std::int64_t>(datagram, kSentAt, sentNs);
@@ -69,7 +69,7 @@ std::vector<std::uint8_t> control(const wire::Incoming& message) {
 }
 
 bool isWelcome(std::span<const std::uint8_t> datagram) {
-  if (datagram.empty() || datagram[0] != wire::kindControl) {
+  if (datagram.empty() || datagram[0] != wire::kControlKind) {
     return false;
   }
   const auto message = wire::decodeServerMessage(datagram.subspan(1));

@@ -25,7 +25,7 @@ struct Probe {
   std::int64_t sentNs = 0;      // when it left: added latency counts from here
 };
 
-inline constexpr std::size_t kDatagramSize = wire::AudioHeader::size + wire::frameBytes;
+inline constexpr std::size_t kDatagramSize = wire::AudioHeader::kSize + wire::kFrameBytes;
 inline constexpr std::uint32_t kProbeMagic = 0x42585650;  // "PVXB"
 // Main, the channel every bench client talks and listens on.
 inline constexpr std::uint32_t kMainChannel = 0x1;

@@ -33,7 +33,6 @@ extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
     const std::uint8_t* data, std::size_t size) {
   const Bytes payload(data, size);
   if (const auto incoming = wire::decodeIncoming(payload)) {
-    require(fuzz::isValidUtf8(incoming->t), "t is UTF-8");
     require(!incoming->name || fuzz::isValidUtf8(*incoming->name), "name is UTF-8");
     require(!incoming->role || fuzz::isValidUtf8(*incoming->role), "role is UTF-8");
     roundTrip(*incoming, "a client's message round trip");

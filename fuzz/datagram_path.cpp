@@ -41,8 +41,8 @@ bool isPrintable(const std::string& line) {
 void checkSent(test::FakePeerListener& port, std::uint64_t from, bool fromAudio) {
   for (auto& [client, datagrams] : port.sent) {
     for (const test::Datagram& datagram : datagrams) {
-      require(!datagram.empty() && datagram.size() <= wire::maxDatagram, "a datagram that fits");
-      if (datagram[0] == wire::kindControl) {
+      require(!datagram.empty() && datagram.size() <= wire::kMaxDatagram, "a datagram that fits");
+      if (datagram[0] == wire::kControlKind) {
         require(wire::decodeServerMessage(Bytes(datagram).subspan(1)).has_value(),
                 "a control message the client can read");
       } else {
@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
   auto server = IntercomServer::create(
       Show(defaultConfig()), ServerPlatform{loop, network, advertiser, clock, console},
       [](int) { require(false, "the intercom port is never lost"); });
-  server->start(wire::intercomPort);
+  server->start(wire::kIntercomPort);
   test::FakePeerListener& port = *network.peers;
 
   Bytes script(data, size);
@@ -88,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
       }
       const test::Datagram datagram(script.begin(), script.begin() + static_cast<long>(length));
       script = script.subspan(length);
-      audio = !datagram.empty() && datagram[0] == wire::kindAudio;
+      audio = !datagram.empty() && datagram[0] == wire::kAudioKind;
       port.deliver(client, datagram);
     } else if (op == 2) {
       port.close(client);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "config/Config.h"
 #include "config/Names.h"
 
 namespace parlavox {
@@ -11,12 +12,11 @@ namespace {
 constexpr std::string_view kSayAll = "/parlavox/say";
 constexpr std::string_view kSayChannel = "/parlavox/say/";
 constexpr std::string_view kStop = "/parlavox/stop";
-constexpr std::size_t kMaskBits = 32;
 
-// Bits 0 to count-1; built from the top so that 32 channels never shift by 32.
+// Bits 0 to count-1; built from the top so that a full mask never shifts by its width.
 std::uint32_t lowBits(std::size_t count) {
-  const std::size_t bits = std::min(count, kMaskBits);
-  return bits == 0 ? 0 : ~std::uint32_t{0} >> (kMaskBits - bits);
+  const std::size_t bits = std::min(count, kChannelLimit);
+  return bits == 0 ? 0 : ~std::uint32_t{0} >> (kChannelLimit - bits);
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ AnnouncementTarget resolveAnnouncement(std::string_view address,
     return target;
   }
   target.kind = AnnouncementTarget::Kind::announce;
-  target.mask = *position < kMaskBits ? std::uint32_t{1} << *position : 0;
+  target.mask = *position < kChannelLimit ? std::uint32_t{1} << *position : 0;
   return target;
 }
 

@@ -52,14 +52,15 @@ void Announcements::start() {
       self->handleOSC(address, text);
     }
   });
-  console_.print(fmt::format("✅ Listening for OSC announcements on UDP port {}", oscPort_));
+  console_.info(platform::EventKind::report,
+                fmt::format("✅ Listening for OSC announcements on UDP port {}", oscPort_));
 }
 
 void Announcements::handleOSC(const std::string& address, const std::optional<std::string>& text) {
   const AnnouncementTarget target = resolveAnnouncement(address, channels_);
   if (target.kind == AnnouncementTarget::Kind::stop) {
     speaker_.stop();
-    console_.print("📣 Announcements stopped");
+    console_.info(platform::EventKind::announcement, "📣 Announcements stopped");
     return;
   }
   if (!text) {
@@ -70,17 +71,21 @@ void Announcements::handleOSC(const std::string& address, const std::optional<st
     case AnnouncementTarget::Kind::stop:
       return;
     case AnnouncementTarget::Kind::unknownChannel:
-      console_.print(fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
+      console_.warning(
+          platform::EventKind::announcement,
+          fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
       return;
     case AnnouncementTarget::Kind::announce:
       break;
   }
   if (const std::size_t length = codePoints(*text); length > kMaxTextLength) {
-    console_.print(fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",
-                               length, kMaxTextLength));
+    console_.warning(platform::EventKind::announcement,
+                     fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",
+                                 length, kMaxTextLength));
     return;
   }
-  console_.print(fmt::format("📣 Announcing: \"{}\"", printable(*text)));
+  console_.info(platform::EventKind::announcement,
+                fmt::format("📣 Announcing: \"{}\"", printable(*text)));
   pending_.push_back(*text);
   ++asked_;
   // Both run on the speaker's thread: they touch nothing here, only hand over to the loop.

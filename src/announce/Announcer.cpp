@@ -82,51 +82,58 @@ struct Announcer::Impl {
     const auto run = platform::runProcess({sayCommand, "-o", speech.path(), text},
                                           {sayTimeLimit, kOutputKept, &interrupt});
     if (!run) {
-      console.print(fmt::format("⚠️  Couldn't run `say`: {}", run.error()));
+      console.warning(platform::EventKind::announcement,
+                      fmt::format("⚠️  Couldn't run `say`: {}", run.error()));
       return;
     }
     switch (run->kind) {
       case platform::ProcessEnd::Kind::interrupted:
         return;  // the stop has been reported where it was asked for
       case platform::ProcessEnd::Kind::timedOut:
-        console.print(fmt::format("⏱️  `say` took longer than {:g}s and was killed{}",
-                                  std::chrono::duration<double>(sayTimeLimit).count(),
-                                  lastWords(run->output)));
+        console.info(platform::EventKind::announcement,
+                     fmt::format("⏱️  `say` took longer than {:g}s and was killed{}",
+                                 std::chrono::duration<double>(sayTimeLimit).count(),
+                                 lastWords(run->output)));
         return;
       case platform::ProcessEnd::Kind::exited:
         break;
     }
     if (run->status != 0) {
-      console.print(
+      console.warning(
+          platform::EventKind::announcement,
           fmt::format("⚠️  `say` failed (status {}){}", run->status, lastWords(run->output)));
       return;
     }
 
     const auto audio = platform::readAudioFile(speech.path());
     if (!audio) {
-      console.print(
+      console.warning(
+          platform::EventKind::announcement,
           fmt::format("⚠️  Announcer couldn't read synthesized audio: {}", audio.error()));
       return;
     }
     const auto capacity = convertedCapacity(audio->sampleRate, audio->frames);
     if (!capacity) {
-      console.print(
+      console.warning(
+          platform::EventKind::announcement,
           fmt::format("⚠️  Announcement dropped: {} frames at {} Hz is too long to send",
                       audio->frames, audio->sampleRate));
       return;
     }
     const auto converted =
         platform::resampleToMono16(audio->samples, audio->channels, audio->frames,
-                                   audio->sampleRate, wire::sampleRate, *capacity);
+                                   audio->sampleRate, wire::kSampleRate, *capacity);
     if (!converted) {
-      console.print(fmt::format("⚠️  Announcer convert failed: {}", converted.error()));
+      console.warning(platform::EventKind::announcement,
+                      fmt::format("⚠️  Announcer convert failed: {}", converted.error()));
       return;
     }
 
     const auto elapsed = streamFrames(*converted, clock, onFrame, cutShort);
     if (elapsed) {
-      console.print(fmt::format("📣 Announcement finished ({:.1f}s)",
-                                std::chrono::duration<double>(*elapsed).count()));
+      console.info(platform::EventKind::announcement,
+                   fmt::format("📣 Announcement finished ({:.1f}s)",
+                               std::chrono::duration<double>(*elapsed).count()));
     }
   }
 

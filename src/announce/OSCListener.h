@@ -30,7 +30,7 @@ class OSCListener {
  private:
   platform::Network& network_;
   platform::Console& console_;
-  std::unique_ptr<platform::DatagramReceiver> receiver_;
+  std::unique_ptr<platform::DatagramListener> socket_;
 };
 
 }  // namespace parlavox

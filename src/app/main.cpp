@@ -39,7 +39,7 @@ using namespace parlavox;
 
 // The crew station's address for a host, as a browser wants it.
 std::string stationAddress(std::string_view host) {
-  return fmt::format("https://{}:{}/", host, wire::intercomPort);
+  return fmt::format("https://{}:{}/", host, wire::kIntercomPort);
 }
 
 void printReport(const Config& config, const platform::TlsIdentity* station, bool service,
@@ -49,37 +49,42 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
   for (const Role& role : config.roles) {
     roles.push_back(role.name);
   }
-  console.print("🎭 " + config.show);
-  console.print(fmt::format("   Channels: {}", fmt::join(config.channels, ", ")));
-  console.print(fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
+  console.info(platform::EventKind::report, "🎭 " + config.show);
+  console.info(platform::EventKind::report,
+               fmt::format("   Channels: {}", fmt::join(config.channels, ", ")));
+  console.info(platform::EventKind::report, fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
   const std::vector<platform::LocalAddress> addresses = platform::localIPv4Addresses();
   for (const platform::LocalAddress& entry : addresses) {
-    console.print(
-        fmt::format("   Manual connect address: {}  ({})", entry.address, entry.interface));
+    console.info(platform::EventKind::report, fmt::format("   Manual connect address: {}  ({})",
+                                                          entry.address, entry.interface));
   }
   if (station != nullptr) {
     for (const platform::LocalAddress& entry : addresses) {
-      console.print(
+      console.info(
+          platform::EventKind::report,
           fmt::format("   Crew station: {}  ({})", stationAddress(entry.address), entry.interface));
     }
     if (addresses.empty()) {
-      console.print("   Crew station: " + stationAddress(platform::hostName() + ".local"));
+      console.info(platform::EventKind::report,
+                   "   Crew station: " + stationAddress(platform::hostName() + ".local"));
     }
-    console.print("   Certificate SHA-256: " + station->fingerprint);
+    console.info(platform::EventKind::report, "   Certificate SHA-256: " + station->fingerprint);
     // A phone's camera is the quickest way to the first address; the journal has no use for it.
     if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
       for (const std::string& line :
            platform::terminalQrCode(stationAddress(addresses[0].address))) {
-        console.print("   " + line);
+        console.info(platform::EventKind::report, "   " + line);
       }
     }
   }
-  console.print(fmt::format("   QLab / OSC: point a Network (OSC) cue at this computer, port {},",
-                            config.oscPort));
-  console.print("               address /parlavox/say with a string argument to announce.");
+  console.info(platform::EventKind::report,
+               fmt::format("   QLab / OSC: point a Network (OSC) cue at this computer, port {},",
+                           config.oscPort));
+  console.info(platform::EventKind::report,
+               "               address /parlavox/say with a string argument to announce.");
   // In a terminal a blank line sets the report apart; in the journal it would be an empty entry.
-  console.print(service ? "   Stop it with: systemctl stop parlavox"
-                        : "   Press Ctrl-C to stop.\n");
+  console.info(platform::EventKind::report,
+               service ? "   Stop it with: systemctl stop parlavox" : "   Press Ctrl-C to stop.\n");
 }
 
 std::string crewStatus(CrewCount crew) {
@@ -139,8 +144,9 @@ std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_conte
   }
   auto identity = platform::loadOrCreateTlsIdentity(directory, names);
   if (!identity) {
-    console.print(fmt::format("⚠️  Crew station unavailable: certificate in {}: {}", directory,
-                              identity.error()));
+    console.warning(platform::EventKind::service,
+                    fmt::format("⚠️  Crew station unavailable: certificate in {}: {}",
+                                directory, identity.error()));
     return std::nullopt;
   }
   const auto pages = [&monitor](std::string_view path) -> std::optional<platform::WebDocument> {
@@ -154,13 +160,14 @@ std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_conte
   };
   try {
     auto web = std::make_unique<platform::WebPeerListener>(
-        context, wire::intercomPort, *identity, pages, std::vector<std::string>{kMonitorFeed});
+        context, wire::kIntercomPort, *identity, pages, std::vector<std::string>{kMonitorFeed});
     Station station{*identity, web.get()};
     relay.serve(std::move(web));
     return station;
   } catch (const std::exception& error) {
-    console.print(fmt::format("⚠️  Crew station unavailable: TCP port {}: {}",
-                              wire::intercomPort, error.what()));
+    console.warning(platform::EventKind::service,
+                    fmt::format("⚠️  Crew station unavailable: TCP port {}: {}",
+                                wire::kIntercomPort, error.what()));
     return std::nullopt;
   }
 }
@@ -175,8 +182,8 @@ int run(int argc, char** argv, platform::Console& terminal) {
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
   const Show show(loadConfig(configPath, terminal, state));
-  if (show.channels().size() > 32) {
-    terminal.print("❌ Max 32 channels.");
+  if (show.channels().size() > kChannelLimit) {
+    terminal.error(platform::EventKind::service, fmt::format("❌ Max {} channels.", kChannelLimit));
     return 1;
   }
 
@@ -193,14 +200,14 @@ int run(int argc, char** argv, platform::Console& terminal) {
   const auto announcements =
       Announcements::create(show, loop, network, console, announcer,
                             [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
-                              relay.sendToListeners(mask, head, body);
+                              relay.sendToChannels(mask, head, body);
                             });
   try {
-    relay->start(wire::intercomPort,
+    relay->start(wire::kIntercomPort,
                  [&systemd, &loop, &relay = *relay] { reportToSystemd(systemd, loop, relay); });
     announcements->start();
   } catch (const std::exception& error) {
-    console.print(fmt::format("❌ Couldn't start: {}", error.what()));
+    console.error(platform::EventKind::service, fmt::format("❌ Couldn't start: {}", error.what()));
     return 1;
   }
   const std::string certificates =
@@ -237,7 +244,7 @@ int main(int argc, char** argv) {
     return run(argc, argv, console);
   } catch (const std::exception& error) {
     // Not expected: every failure the server knows of is handled where it happens.
-    console.print(fmt::format("❌ {}", error.what()));
+    console.error(platform::EventKind::service, fmt::format("❌ {}", error.what()));
     endProcess(1);
   }
 }

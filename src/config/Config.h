@@ -1,10 +1,14 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace parlavox {
+
+// A show has at most this many channels: one bit each in a 32-bit channel mask.
+inline constexpr std::size_t kChannelLimit = 32;
 
 // A role as the roles file and the "config" message write it.
 struct Role {

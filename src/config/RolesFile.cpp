@@ -19,9 +19,9 @@ namespace {
 using Json = nlohmann::json;
 
 // A real roles file nests four levels deep; anything near this bound is not one.
-constexpr std::size_t maxNesting = 64;
+constexpr std::size_t kMaxNesting = 64;
 // A real roles file is a few kilobytes; this only bounds what an absurd one costs.
-constexpr std::size_t maxFileSize = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kMaxFileSize = std::size_t{16} * 1024 * 1024;
 
 // Decoding stops at the first failure; the message names the key or element that failed.
 struct Failure {
@@ -90,9 +90,9 @@ std::optional<Failure> readRole(const Json& value, const std::string& where, Rol
 }
 
 std::optional<Failure> readOscPort(const Json& value, std::uint16_t& port) {
-  constexpr std::uint64_t highest = 65535;
+  constexpr std::uint64_t kHighest = 65535;
   // Integers only: 47000.0 and 4.7e4 are numbers of another type. "-0" parses as a signed zero.
-  if (value.is_number_unsigned() && value.get<std::uint64_t>() <= highest) {
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() <= kHighest) {
     port = static_cast<std::uint16_t>(value.get<std::uint64_t>());
     return std::nullopt;
   }
@@ -204,9 +204,9 @@ std::string absolutePath(const std::string& path) {
 }  // namespace
 
 DecodedConfig decodeConfig(std::string_view bytes) {
-  if (const auto problem = scanJson(bytes, maxNesting)) {
+  if (const auto problem = scanJson(bytes, kMaxNesting)) {
     return {std::nullopt, problem->kind == JsonScanProblem::Kind::tooDeep
-                              ? fmt::format("nested deeper than {} levels at byte {}", maxNesting,
+                              ? fmt::format("nested deeper than {} levels at byte {}", kMaxNesting,
                                             problem->offset + 1)
                               : fmt::format("NUL character at byte {}", problem->offset + 1)};
   }
@@ -258,11 +258,12 @@ Config loadConfig(const std::string& path, platform::Console& console,
   const std::string location = absolutePath(path);
   const std::string shown = printable(location);
   const auto fallBack = [&](std::string_view what, std::string_view error) {
-    console.print(fmt::format("⚠️  Couldn't {} {}: {}\n    Using built-in defaults instead.",
-                              what, shown, printable(error)));
+    console.warning(platform::EventKind::service,
+                    fmt::format("⚠️  Couldn't {} {}: {}\n    Using built-in defaults instead.",
+                                what, shown, printable(error)));
     return defaultConfig();
   };
-  const auto read = platform::readRegularFile(location, maxFileSize);
+  const auto read = platform::readRegularFile(location, kMaxFileSize);
   if (!read) {
     // Something is there that cannot be read; it stays as it is.
     return fallBack("read", read.error());
@@ -276,8 +277,10 @@ Config loadConfig(const std::string& path, platform::Console& console,
     if (!written) {
       return fallBack("write default roles to", written.error());
     }
-    console.print(fmt::format(
-        "📝 Wrote default roles to {}. Edit it and restart the server to customize.", shown));
+    console.info(
+        platform::EventKind::service,
+        fmt::format("📝 Wrote default roles to {}. Edit it and restart the server to customize.",
+                    shown));
     return defaultConfig();
   }
   DecodedConfig decoded = decodeConfig(**read);
@@ -288,8 +291,9 @@ Config loadConfig(const std::string& path, platform::Console& console,
     // The file's rules allow 0, but a listener on 0 gets whatever port the system picks, which
     // no show-control cue could be pointed at.
     decoded.config->oscPort = defaultConfig().oscPort;
-    console.print(fmt::format("⚠️  oscPort 0 in {} would listen on a random port; using {}",
-                              shown, decoded.config->oscPort));
+    console.warning(platform::EventKind::service,
+                    fmt::format("⚠️  oscPort 0 in {} would listen on a random port; using {}",
+                                shown, decoded.config->oscPort));
   }
   return std::move(*decoded.config);
 }

@@ -13,7 +13,7 @@ std::uint32_t maskFor(const std::vector<std::string>& names,
     const auto index = findName(name, channels);
     if (!index) {
       unknown.push_back(name);
-    } else if (*index < 32) {
+    } else if (*index < kChannelLimit) {
       mask |= std::uint32_t{1} << *index;
     }
   }

@@ -40,7 +40,7 @@ class Show {
 };
 
 // Any thread; pure. The channel mask of `names`: bit i for the first channel equal to a name, for
-// i below 32. Each name that is no channel is appended to `unknown`.
+// i below kChannelLimit. Each name that is no channel is appended to `unknown`.
 std::uint32_t maskFor(const std::vector<std::string>& names,
                       const std::vector<std::string>& channels, std::vector<std::string>& unknown);
 

@@ -1,29 +1,22 @@
 #include "monitor/EventLog.h"
 
-#include <array>
-
 namespace parlavox {
 namespace {
 
-// The lines an operator scans a show's log for, by their first character.
-bool worthKeeping(std::string_view line) {
-  static constexpr std::array<std::string_view, 6> kinds{"🎧", "👋", "⏱️", "📣", "⚠️", "❌"};
-  for (const std::string_view kind : kinds) {
-    if (line.starts_with(kind)) {
-      return true;
-    }
-  }
-  return false;
+bool worthKeeping(const platform::ConsoleEvent& event) {
+  return event.kind == platform::EventKind::crew ||
+         event.kind == platform::EventKind::announcement ||
+         event.severity != platform::Severity::info;
 }
 
 }  // namespace
 
-void EventLog::print(std::string_view message) {
-  next_.print(message);
-  if (!worthKeeping(message)) {
+void EventLog::print(const platform::ConsoleEvent& event) {
+  next_.print(event);
+  if (!worthKeeping(event)) {
     return;
   }
-  Entry entry{clock_.now(), std::string(message)};
+  Entry entry{clock_.now(), std::string(event.text)};
   const std::lock_guard lock(mutex_);
   if (entries_.size() == kLimit) {
     entries_.pop_front();

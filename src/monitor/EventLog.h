@@ -12,8 +12,8 @@
 namespace parlavox {
 
 // The console as the operator's monitor sees it: every message goes on to `next`, and the ones
-// about the crew and the announcements (joins, departures, time-outs, announcements, warnings)
-// are kept, the latest kLimit of them, with when they were printed.
+// an operator scans a show's log for (the crew's comings and goings, the announcements, and every
+// warning and error) are kept, the latest kLimit of them, with when they were printed.
 class EventLog final : public platform::Console {
  public:
   static constexpr std::size_t kLimit = 50;
@@ -26,7 +26,7 @@ class EventLog final : public platform::Console {
   EventLog(platform::Console& next, platform::Clock& clock) : next_(next), clock_(clock) {}
 
   // Any thread, as every console.
-  void print(std::string_view message) override;
+  void print(const platform::ConsoleEvent& event) override;
 
   // Any thread. The entries kept, oldest first.
   std::vector<Entry> entries() const;

@@ -13,7 +13,7 @@ using Seconds = std::chrono::duration<double>;
 
 nlohmann::json channelsOf(std::uint32_t mask, const std::vector<std::string>& channels) {
   auto names = nlohmann::json::array();
-  for (std::size_t i = 0; i < channels.size() && i < 32; ++i) {
+  for (std::size_t i = 0; i < channels.size() && i < kChannelLimit; ++i) {
     if ((mask >> i & 1U) != 0) {
       names.push_back(channels[i]);
     }
@@ -40,8 +40,8 @@ std::string Monitor::snapshot() const {
   const platform::MonoTime now = clock_.now();
   const PeerTable& peers = relay_.peers();
   auto crew = nlohmann::json::array();
-  for (const Listener& listener : peers.listeners()) {
-    const Peer& peer = *peers.find(*listener.address);
+  for (const JoinedPeer& member : peers.joined()) {
+    const Peer& peer = *peers.find(*member.address);
     const LinkHealth& health = peer.health;
     const LinkHealth::Window window = health.lastSeconds(now);
     const auto level = health.levelDbfs(now);
@@ -73,7 +73,7 @@ std::string Monitor::snapshot() const {
   nlohmann::json snapshot{
       {"show", show_.name()},
       {"uptime", Seconds(now - started_).count()},
-      {"unjoined", peers.size() - peers.listeners().size()},
+      {"unjoined", peers.size() - peers.joined().size()},
       {"peers", std::move(crew)},
       {"speaking", pending.empty() ? nlohmann::json() : nlohmann::json(pending.front())},
       {"queued", pending.empty() ? nlohmann::json::array()
@@ -90,9 +90,9 @@ std::string Monitor::metrics() const {
   const RelayCounts counts = relay_.counts();
   std::string out;
   metric(out, "parlavox_peers", "gauge", "Peers the server knows, by state.");
-  out += fmt::format("parlavox_peers{{state=\"joined\"}} {}\n", peers.listeners().size());
+  out += fmt::format("parlavox_peers{{state=\"joined\"}} {}\n", peers.joined().size());
   out += fmt::format("parlavox_peers{{state=\"unjoined\"}} {}\n",
-                     peers.size() - peers.listeners().size());
+                     peers.size() - peers.joined().size());
   metric(out, "parlavox_audio_datagrams_received_total", "counter",
          "Audio datagrams received from joined talkers.");
   out += fmt::format("parlavox_audio_datagrams_received_total {}\n", counts.audioReceived);
@@ -107,9 +107,9 @@ std::string Monitor::metrics() const {
   const auto perPeer = [&](std::string_view name, std::string_view type, std::string_view help,
                            auto value) {
     metric(out, name, type, help);
-    for (const Listener& listener : peers.listeners()) {
-      out += fmt::format("{}{{id=\"{}\"}} {}\n", name, listener.id,
-                         value(peers.find(*listener.address)->health));
+    for (const JoinedPeer& member : peers.joined()) {
+      out += fmt::format("{}{{id=\"{}\"}} {}\n", name, member.id,
+                         value(peers.find(*member.address)->health));
     }
   };
   perPeer("parlavox_peer_audio_received_total", "counter",

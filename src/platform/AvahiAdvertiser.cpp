@@ -151,7 +151,8 @@ void AvahiAdvertiser::advertise(const std::string& name, const std::string& type
     const PollLock lock(poll_);
     connect();
   } catch (const std::exception& e) {
-    console_.print(fmt::format("⚠️  Bonjour advertisement failed: {}", e.what()));
+    console_.warning(EventKind::service,
+                     fmt::format("⚠️  Bonjour advertisement failed: {}", e.what()));
   }
 }
 
@@ -179,7 +180,7 @@ void AvahiAdvertiser::onEstablished() {
   }
   recovering_ = false;
   // The same words as when the listener came up: the operator sees the warning undone.
-  console_.print(advertisedLine(port_));
+  console_.info(EventKind::report, advertisedLine(port_));
 }
 
 void AvahiAdvertiser::onDisconnected(AvahiClient* client, int error) {
@@ -237,8 +238,10 @@ void AvahiAdvertiser::renameAfterCollision() {
   }
   std::string next(alternative);
   avahi_free(alternative);
-  console_.print(fmt::format(
-      "⚠️  The name \"{}\" is taken on this network; advertising as \"{}\"", name_, next));
+  console_.warning(
+      EventKind::service,
+      fmt::format("⚠️  The name \"{}\" is taken on this network; advertising as \"{}\"", name_,
+                  next));
   name_ = std::move(next);
 }
 
@@ -260,16 +263,19 @@ void AvahiAdvertiser::reportOutage(int error) {
   outageReported_ = true;
   recovering_ = true;
   if (meansNoDaemon(error)) {
-    console_.print(kUnavailable);
+    console_.warning(EventKind::service, kUnavailable);
   } else {
-    console_.print(fmt::format(
-        "⚠️  Bonjour advertisement unavailable ({}): clients can still connect by address",
-        avahi_strerror(error)));
+    console_.warning(
+        EventKind::service,
+        fmt::format(
+            "⚠️  Bonjour advertisement unavailable ({}): clients can still connect by address",
+            avahi_strerror(error)));
   }
 }
 
 void AvahiAdvertiser::reportFailure(int error) {
-  console_.print(
+  console_.warning(
+      EventKind::service,
       fmt::format("⚠️  Bonjour advertisement failed ({}): clients can still connect by address",
                   avahi_strerror(error)));
 }

@@ -31,13 +31,15 @@ bool stdoutIsJournal() {
   return inodeError == std::errc{} && rest == end && device == out.st_dev && inode == out.st_ino;
 }
 
-// The journal's syslog-style priority prefix for `message`, or nothing for plain information.
-std::string_view priorityOf(std::string_view message) {
-  if (message.starts_with("❌")) {
-    return "<3>";
-  }
-  if (message.starts_with("⚠️")) {
-    return "<4>";
+// The journal's syslog-style priority prefix, or nothing for plain information.
+std::string_view priorityOf(Severity severity) {
+  switch (severity) {
+    case Severity::error:
+      return "<3>";
+    case Severity::warning:
+      return "<4>";
+    case Severity::info:
+      break;
   }
   return {};
 }
@@ -50,9 +52,10 @@ void StdoutConsole::makeLineBuffered() {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
-void StdoutConsole::print(std::string_view message) {
+void StdoutConsole::print(const ConsoleEvent& event) {
   // One fwrite per message: stdio's stream lock keeps concurrent messages whole.
-  const std::string_view priority = journal_ ? priorityOf(message) : std::string_view{};
+  const std::string_view message = event.text;
+  const std::string_view priority = journal_ ? priorityOf(event.severity) : std::string_view{};
   std::string line;
   line.reserve(priority.size() + message.size() + 1);
   line.append(priority);

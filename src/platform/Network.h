@@ -19,17 +19,17 @@ class PeerListener : public Transport {
   };
   // Loop thread (or the main thread before the loop runs). Starts receiving; everything is
   // reported on the loop.
-  virtual void start(Peers& peers, Handlers handlers) = 0;
+  virtual void start(Receiver& receiver, Handlers handlers) = 0;
 };
 
 // A bound UDP port that only receives, whoever the sender is.
-class DatagramReceiver {
+class DatagramListener {
  public:
   struct Handlers {
     std::function<void(Bytes datagram)> onDatagram;
     std::function<void(std::string_view error)> onFailed;
   };
-  virtual ~DatagramReceiver() = default;
+  virtual ~DatagramListener() = default;
   // Loop thread (or the main thread before the loop runs). Handlers run on the loop.
   virtual void start(Handlers handlers) = 0;
 };
@@ -40,7 +40,7 @@ class Network {
  public:
   virtual ~Network() = default;
   virtual std::unique_ptr<PeerListener> listenPeers(std::uint16_t port) = 0;
-  virtual std::unique_ptr<DatagramReceiver> listenDatagrams(std::uint16_t port) = 0;
+  virtual std::unique_ptr<DatagramListener> listenDatagrams(std::uint16_t port) = 0;
 };
 
 }  // namespace parlavox::platform

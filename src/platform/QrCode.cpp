@@ -13,7 +13,7 @@ std::vector<std::string> terminalQrCode(std::string_view text) {
   if (!code) {
     return {};
   }
-  constexpr int quiet = 2;
+  constexpr int kQuiet = 2;
   const int width = code->width;
   const auto dark = [&](int row, int column) {
     if (row < 0 || row >= width || column < 0 || column >= width) {
@@ -22,9 +22,9 @@ std::vector<std::string> terminalQrCode(std::string_view text) {
     return (code->data[row * width + column] & 1U) != 0;
   };
   std::vector<std::string> lines;
-  for (int row = -quiet; row < width + quiet; row += 2) {
+  for (int row = -kQuiet; row < width + kQuiet; row += 2) {
     std::string line = "\x1b[30;107m";  // black on bright white
-    for (int column = -quiet; column < width + quiet; ++column) {
+    for (int column = -kQuiet; column < width + kQuiet; ++column) {
       const bool top = dark(row, column);
       const bool bottom = dark(row + 1, column);
       line += top && bottom ? "█" : top ? "▀" : bottom ? "▄" : " ";

@@ -1,21 +1,21 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
 #include "platform/Bytes.h"
+#include "platform/HostAddress.h"
 
 namespace parlavox::platform {
 
 class Transport;
 
-// Where a peer is: its transport, its host (an IPv6 address; IPv4 hosts mapped into it) and what
-// tells it apart from other peers on that host (a UDP source port and IPv6 scope; a WebSocket
-// session's number). The logic above the transports only compares and hashes it.
+// Where a peer is: its transport, its host and what tells it apart from other peers on that host
+// (a UDP source port and IPv6 scope; a WebSocket session's number). The logic above the
+// transports only compares and hashes it.
 struct PeerAddress {
   Transport* transport = nullptr;
-  std::array<std::uint8_t, 16> host{};
+  HostAddress host;
   std::uint64_t slot = 0;
   bool operator==(const PeerAddress&) const = default;
 };
@@ -28,10 +28,13 @@ struct PeerAddressHash {
 // Whatever the carrier, a peer is a peer: the relay serves them all alike.
 class Transport {
  public:
+  // What carries the datagrams, for the operator's eyes only: the relay never asks.
+  enum class Kind { udp, browser };
+
   // The side that serves a transport's peers (the relay). Called on the loop thread.
-  class Peers {
+  class Receiver {
    public:
-    virtual ~Peers() = default;
+    virtual ~Receiver() = default;
     // A datagram from `from`, the first one included: a new address is a new peer.
     virtual void deliver(const PeerAddress& from, Bytes datagram) = 0;
     // `peer` is gone (its connection closed or failed). Never reported after end(peer).
@@ -39,6 +42,8 @@ class Transport {
   };
 
   virtual ~Transport() = default;
+  // Any thread.
+  virtual Kind kind() const = 0;
   // Loop thread. Sends `head` followed by `body` to `to` as one datagram. The bytes are copied
   // before the call returns. Fire and forget: a full buffer or an unreachable peer is never
   // reported and never disturbs the others.

@@ -7,9 +7,10 @@ namespace parlavox::platform {
 namespace {
 
 // Every sender's datagrams, one at a time; the sender itself is of no interest.
-class UdpReceiver final : public DatagramReceiver {
+class UdpDatagramListener final : public DatagramListener {
  public:
-  UdpReceiver(boost::asio::io_context& context, std::uint16_t port) : socket_(context, port) {}
+  UdpDatagramListener(boost::asio::io_context& context, std::uint16_t port)
+      : socket_(context, port) {}
 
   void start(Handlers handlers) override {
     handlers_ = std::move(handlers);
@@ -28,8 +29,8 @@ std::unique_ptr<PeerListener> UdpNetwork::listenPeers(std::uint16_t port) {
   return std::make_unique<UdpPeerListener>(context_, port);
 }
 
-std::unique_ptr<DatagramReceiver> UdpNetwork::listenDatagrams(std::uint16_t port) {
-  return std::make_unique<UdpReceiver>(context_, port);
+std::unique_ptr<DatagramListener> UdpNetwork::listenDatagrams(std::uint16_t port) {
+  return std::make_unique<UdpDatagramListener>(context_, port);
 }
 
 }  // namespace parlavox::platform

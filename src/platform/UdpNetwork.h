@@ -12,7 +12,7 @@ class UdpNetwork final : public Network {
   explicit UdpNetwork(boost::asio::io_context& context) : context_(context) {}
 
   std::unique_ptr<PeerListener> listenPeers(std::uint16_t port) override;
-  std::unique_ptr<DatagramReceiver> listenDatagrams(std::uint16_t port) override;
+  std::unique_ptr<DatagramListener> listenDatagrams(std::uint16_t port) override;
 
  private:
   boost::asio::io_context& context_;

@@ -12,7 +12,7 @@ UdpPeerListener::UdpPeerListener(boost::asio::io_context& context, std::uint16_t
 PeerAddress UdpPeerListener::addressOf(const sockaddr_in6& endpoint) {
   PeerAddress address;
   address.transport = this;
-  std::memcpy(address.host.data(), &endpoint.sin6_addr, address.host.size());
+  std::memcpy(address.host.bytes.data(), &endpoint.sin6_addr, address.host.bytes.size());
   address.slot = std::uint64_t{endpoint.sin6_port} | std::uint64_t{endpoint.sin6_scope_id} << 16;
   return address;
 }
@@ -20,17 +20,17 @@ PeerAddress UdpPeerListener::addressOf(const sockaddr_in6& endpoint) {
 sockaddr_in6 UdpPeerListener::endpointOf(const PeerAddress& address) {
   sockaddr_in6 endpoint{};
   endpoint.sin6_family = AF_INET6;
-  std::memcpy(&endpoint.sin6_addr, address.host.data(), address.host.size());
+  std::memcpy(&endpoint.sin6_addr, address.host.bytes.data(), address.host.bytes.size());
   endpoint.sin6_port = static_cast<in_port_t>(address.slot & 0xFFFF);
   endpoint.sin6_scope_id = static_cast<std::uint32_t>(address.slot >> 16);
   return endpoint;
 }
 
-void UdpPeerListener::start(Peers& peers, Handlers handlers) {
+void UdpPeerListener::start(Receiver& receiver, Handlers handlers) {
   handlers_ = std::move(handlers);
   socket_.start(
-      [this, &peers](Bytes datagram, const sockaddr_in6& from) {
-        peers.deliver(addressOf(from), datagram);
+      [this, &receiver](Bytes datagram, const sockaddr_in6& from) {
+        receiver.deliver(addressOf(from), datagram);
       },
       [this](std::string_view error) {
         if (handlers_.onFailed) {

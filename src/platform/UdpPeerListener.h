@@ -18,7 +18,8 @@ class UdpPeerListener final : public PeerListener {
   UdpPeerListener(boost::asio::io_context& context, std::uint16_t port,
                   SocketCalls& calls = SocketCalls::system());
 
-  void start(Peers& peers, Handlers handlers) override;
+  Kind kind() const override { return Kind::udp; }
+  void start(Receiver& receiver, Handlers handlers) override;
   void send(const PeerAddress& to, Bytes head, Bytes body) override;
   void end(const PeerAddress& peer) override;
 

@@ -42,7 +42,7 @@ PeerAddress addressOf(Transport* transport, const tcp::endpoint& remote, std::ui
           ? remote.address().to_v6()
           : asio::ip::make_address_v6(asio::ip::v4_mapped, remote.address().to_v4());
   const auto bytes = host.to_bytes();
-  std::memcpy(address.host.data(), bytes.data(), address.host.size());
+  std::memcpy(address.host.bytes.data(), bytes.data(), address.host.bytes.size());
   address.slot = slot;
   return address;
 }
@@ -379,8 +379,8 @@ WebPeerListener::~WebPeerListener() {
   }
 }
 
-void WebPeerListener::start(Peers& peers, Handlers handlers) {
-  peers_ = &peers;
+void WebPeerListener::start(Receiver& receiver, Handlers handlers) {
+  peers_ = &receiver;
   handlers_ = std::move(handlers);
   accept();
   asio::post(context_, [this, alive = std::weak_ptr<bool>(alive_)] {

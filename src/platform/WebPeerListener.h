@@ -36,7 +36,8 @@ class WebPeerListener final : public PeerListener {
   ~WebPeerListener() override;  // NOLINT(bugprone-exception-escape): see its definition
 
   // Loop thread (or the main thread before the loop runs).
-  void start(Peers& peers, Handlers handlers) override;
+  Kind kind() const override { return Kind::browser; }
+  void start(Receiver& receiver, Handlers handlers) override;
   // Loop thread.
   void send(const PeerAddress& to, Bytes head, Bytes body) override;
   void end(const PeerAddress& peer) override;
@@ -60,7 +61,7 @@ class WebPeerListener final : public PeerListener {
   boost::asio::ip::tcp::acceptor acceptor_;
   Pages pages_;
   std::vector<std::string> feeds_;
-  Peers* peers_ = nullptr;
+  Receiver* peers_ = nullptr;
   Handlers handlers_;
   std::uint64_t nextSlot_ = 1;
   std::unordered_map<std::uint64_t, std::shared_ptr<Session>> sessions_;  // peers

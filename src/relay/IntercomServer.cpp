@@ -30,28 +30,30 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
 
 void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
   listener_ = platform_.network.listenPeers(port);
-  platform_.advertiser.advertise(show_.name(), wire::serviceType, port);
-  listener_->start(*this,
-                   {
-                       .onReady =
-                           [this, port, onReady = std::move(onReady)] {
-                             platform_.console.print(platform::advertisedLine(port));
-                             if (onReady) {
-                               onReady();
-                             }
-                           },
-                       .onFailed =
-                           [this](std::string_view error) {
-                             platform_.console.print(fmt::format("❌ Listener failed: {}", error));
-                             exit_(1);
-                           },
-                   });
-  platform_.loop.every(sweepPeriod, [weak = weak_from_this()] {
+  platform_.advertiser.advertise(show_.name(), wire::kServiceType, port);
+  listener_->start(*this, {
+                              .onReady =
+                                  [this, port, onReady = std::move(onReady)] {
+                                    platform_.console.info(platform::EventKind::report,
+                                                           platform::advertisedLine(port));
+                                    if (onReady) {
+                                      onReady();
+                                    }
+                                  },
+                              .onFailed =
+                                  [this](std::string_view error) {
+                                    platform_.console.error(
+                                        platform::EventKind::service,
+                                        fmt::format("❌ Listener failed: {}", error));
+                                    exit_(1);
+                                  },
+                          });
+  platform_.loop.every(kSweepPeriod, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->sweep();
     }
   });
-  platform_.loop.every(linkCheckPeriod, [weak = weak_from_this()] {
+  platform_.loop.every(kLinkCheckPeriod, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->checkLinks();
     }
@@ -60,7 +62,8 @@ void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
 
 void IntercomServer::serve(std::unique_ptr<platform::PeerListener> transport) {
   transport->start(*this, {.onReady = {}, .onFailed = [this](std::string_view error) {
-                             platform_.console.print(fmt::format("⚠️  {}", error));
+                             platform_.console.warning(platform::EventKind::service,
+                                                       fmt::format("⚠️  {}", error));
                            }});
   transports_.push_back(std::move(transport));
 }
@@ -72,11 +75,11 @@ void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) 
     return;
   }
   switch (datagram[0]) {
-    case wire::kindAudio:
+    case wire::kAudioKind:
       counts_.audioReceived += peer.joined ? 1U : 0U;
-      counts_.copiesSent += relayAudio(datagram, peer, peers_.listeners());
+      counts_.copiesSent += relayAudio(datagram, peer, peers_.joined());
       break;
-    case wire::kindControl:
+    case wire::kControlKind:
       handleControl(datagram.subspan(1), peer);
       break;
     default:
@@ -95,17 +98,19 @@ void IntercomServer::remove(platform::PeerAddress address) {
   }
   address.transport->end(address);
   if (peer->joined) {
-    platform_.console.print(
+    platform_.console.info(
+        platform::EventKind::crew,
         fmt::format("👋 {} ({}) left", printable(peer->name), printable(peer->role)));
     rosterChanged();
   }
 }
 
 void IntercomServer::sweep() {
-  const platform::MonoTime cutoff = platform_.clock.now() - silenceLimit;
+  const platform::MonoTime cutoff = platform_.clock.now() - wire::kSilenceLimit;
   for (const platform::PeerAddress& address : peers_.silentSince(cutoff)) {
     if (const Peer* peer = peers_.find(address); peer != nullptr && peer->joined) {
-      platform_.console.print(fmt::format("⏱️  {} timed out", printable(peer->name)));
+      platform_.console.info(platform::EventKind::crew,
+                             fmt::format("⏱️  {} timed out", printable(peer->name)));
     }
     remove(address);
   }
@@ -116,16 +121,19 @@ void IntercomServer::sweep() {
 void IntercomServer::checkLinks() {
   peers_.checkLinks(platform_.clock.now(), [this](const Peer& peer, const LossAlarm& alarm) {
     const long percent = std::lround(alarm.ratio * 100.0);
-    platform_.console.print(
+    const std::string line =
         alarm.raised ? fmt::format("⚠️  {} ({}): {}% audio lost in the last 10 s",
                                    printable(peer.name), printable(peer.role), percent)
                      : fmt::format("✅ {} ({}): audio back to normal, {}% lost in the last 10 s",
-                                   printable(peer.name), printable(peer.role), percent));
+                                   printable(peer.name), printable(peer.role), percent);
+    platform_.console.print({platform::EventKind::link,
+                             alarm.raised ? platform::Severity::warning : platform::Severity::info,
+                             line});
   });
 }
 
 CrewCount IntercomServer::crew() const {
-  return {peers_.listeners().size(), peers_.talkingSince(platform_.clock.now() - talkingWindow)};
+  return {peers_.joined().size(), peers_.talkingSince(platform_.clock.now() - kTalkingWindow)};
 }
 
 void IntercomServer::handleControl(Bytes payload, const Peer& peer) {
@@ -133,37 +141,48 @@ void IntercomServer::handleControl(Bytes payload, const Peer& peer) {
   if (!message) {
     return;
   }
-  if (message->t == "hi") {
-    if (configReplies_.allow(peer.address.host, platform_.clock.now())) {
-      peer.address.transport->send(peer.address, asBytes(configReply_));
-    }
-  } else if (message->t == "join") {
-    if (joins_.allow(peer.address.host, platform_.clock.now())) {
-      join(*message, peer);
-    }
-  } else if (message->t == "ping") {
-    send(wire::SimpleMsg{peer.joined ? "pong" : "rejoin", std::nullopt}, peer.address);
-  } else if (message->t == "bye") {
-    remove(peer.address);  // `peer` is gone from here on
+  using wire::MessageType;
+  switch (message->t) {
+    case MessageType::hi:
+      if (configReplies_.allow(peer.address.host, platform_.clock.now())) {
+        peer.address.transport->send(peer.address, asBytes(configReply_));
+      }
+      break;
+    case MessageType::join:
+      if (joins_.allow(peer.address.host, platform_.clock.now())) {
+        join(*message, peer);
+      }
+      break;
+    case MessageType::ping:
+      send(wire::SimpleMsg{peer.joined ? MessageType::pong : MessageType::rejoin, std::nullopt},
+           peer.address);
+      break;
+    case MessageType::bye:
+      remove(peer.address);  // `peer` is gone from here on
+      break;
+    default:
+      break;  // the server's own messages mean nothing coming from a client
   }
 }
 
 void IntercomServer::join(const wire::Incoming& message, const Peer& peer) {
   const RoleRights* role = message.role ? show_.findRole(*message.role) : nullptr;
   if (role == nullptr) {
-    send(wire::SimpleMsg{"error", kUnknownRole}, peer.address);
+    send(wire::SimpleMsg{wire::MessageType::error, kUnknownRole}, peer.address);
     return;
   }
   if (!peers_.join(peer.address, message.name.value_or("Crew"), *role)) {
-    send(wire::SimpleMsg{"error", kFull}, peer.address);
+    send(wire::SimpleMsg{wire::MessageType::error, kFull}, peer.address);
     return;
   }
   // The operator hears of a role's unknown channels each time its masks are put to use.
   for (const std::string& channel : role->unknownChannels) {
-    platform_.console.print(
+    platform_.console.warning(
+        platform::EventKind::service,
         fmt::format("⚠️  Role refers to unknown channel \"{}\"", printable(channel)));
   }
-  platform_.console.print(
+  platform_.console.info(
+      platform::EventKind::crew,
       fmt::format("🎧 {} joined as {}", printable(peer.name), printable(peer.role)));
   send(wire::WelcomeMsg{peer.id, peer.role, peer.talkMask, peer.listenMask}, peer.address);
   rosterChanged();
@@ -184,12 +203,13 @@ void IntercomServer::rosterChanged() {
     return;
   }
   const platform::MonoTime now = platform_.clock.now();
-  if (!lastRoster_ || now - *lastRoster_ >= rosterPeriod) {
+  if (!lastRoster_ || now - *lastRoster_ >= kRosterPeriod) {
     broadcastRoster();
     return;
   }
   rosterScheduled_ = true;
-  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*lastRoster_ + rosterPeriod - now);
+  const auto wait =
+      std::chrono::ceil<std::chrono::milliseconds>(*lastRoster_ + kRosterPeriod - now);
   platform_.loop.after(wait, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->rosterScheduled_ = false;
@@ -204,15 +224,15 @@ void IntercomServer::broadcastRoster() {
   if (roster.empty()) {
     return;
   }
-  for (const Listener& listener : peers_.listeners()) {
-    listener.send(asBytes(roster));
+  for (const JoinedPeer& member : peers_.joined()) {
+    member.send(asBytes(roster));
   }
 }
 
-void IntercomServer::sendToListeners(std::uint32_t mask, Bytes head, Bytes body) {
-  for (const Listener& listener : peers_.listeners()) {
-    if ((listener.listenMask & mask) != 0) {
-      listener.send(head, body);
+void IntercomServer::sendToChannels(std::uint32_t mask, Bytes head, Bytes body) {
+  for (const JoinedPeer& member : peers_.joined()) {
+    if ((member.listenMask & mask) != 0) {
+      member.send(head, body);
     }
   }
 }

@@ -37,25 +37,24 @@ struct RelayCounts {
 
 struct CrewCount {
   std::size_t joined = 0;
-  std::size_t talking = 0;  // of the joined, those who sent audio within talkingWindow
+  std::size_t talking = 0;  // of the joined, those who sent audio within kTalkingWindow
 };
 
 // The intercom relay: serves the peers of its transports (joining, control messages, the audio
 // fan-out, rosters, liveness). All of its state lives on the server loop; nothing here takes a
-// lock. Announcements reach it only through sendToListeners().
-class IntercomServer final : public platform::Transport::Peers,
+// lock. Announcements reach it only through sendToChannels().
+class IntercomServer final : public platform::Transport::Receiver,
                              public std::enable_shared_from_this<IntercomServer> {
  public:
   // What happens when the intercom port is lost for good: the process ends with `status`.
   using ExitPolicy = std::function<void(int status)>;
 
-  static constexpr auto sweepPeriod = std::chrono::seconds(2);
-  static constexpr auto silenceLimit = std::chrono::seconds(8);
+  static constexpr auto kSweepPeriod = std::chrono::seconds(2);
   // Rosters go out at most once per this period, the last one always the current crew: a burst
   // of joins or departures costs each peer a few rosters, not one per event.
-  static constexpr auto rosterPeriod = std::chrono::milliseconds(200);
-  static constexpr auto talkingWindow = std::chrono::seconds(1);
-  static constexpr auto linkCheckPeriod = std::chrono::seconds(1);
+  static constexpr auto kRosterPeriod = std::chrono::milliseconds(200);
+  static constexpr auto kTalkingWindow = std::chrono::seconds(1);
+  static constexpr auto kLinkCheckPeriod = std::chrono::seconds(1);
 
   // Any thread. Starts nothing and prints nothing.
   static std::shared_ptr<IntercomServer> create(Show show, ServerPlatform platform,
@@ -78,7 +77,7 @@ class IntercomServer final : public platform::Transport::Peers,
 
   // Loop thread. `head` and `body` as one datagram to every joined peer that listens on a
   // channel of `mask`: how announcement frames reach the crew.
-  void sendToListeners(std::uint32_t mask, Bytes head, Bytes body);
+  void sendToChannels(std::uint32_t mask, Bytes head, Bytes body);
 
   // Loop thread; called by the transports.
   void deliver(const platform::PeerAddress& from, Bytes datagram) override;

@@ -36,8 +36,8 @@ int seqsFrom(std::uint16_t from, std::uint16_t to) {
 
 void LinkHealth::audio(Bytes datagram, platform::MonoTime at) {
   lastAudio_ = at;
-  notePeak(datagram.subspan(wire::AudioHeader::size), at);
-  const std::uint16_t seq = wire::loadLE16(&datagram[wire::AudioHeader::seqOffset]);
+  notePeak(datagram.subspan(wire::AudioHeader::kSize), at);
+  const std::uint16_t seq = wire::loadLE16(&datagram[wire::AudioHeader::kSeqOffset]);
   if (!started_) {
     restart(seq, at, 1);
     return;
@@ -94,7 +94,7 @@ void LinkHealth::restart(std::uint16_t seq, platform::MonoTime at, std::uint64_t
 void LinkHealth::spaced(std::uint16_t seq, platform::MonoTime at) {
   const auto spacing = at - previousAt_;
   if (spacing <= kPause) {
-    const auto stray = spacing - seqsFrom(previousSeq_, seq) * wire::framePeriod;
+    const auto stray = spacing - seqsFrom(previousSeq_, seq) * wire::kFramePeriod;
     const double strayMs = std::chrono::duration<double, std::milli>(stray).count();
     jitterMs_ += (std::abs(strayMs) - jitterMs_) / 16;
   }

@@ -28,7 +28,7 @@ struct Peer {
 
 // A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small
 // contiguous array of these is walked per datagram instead of the table's nodes.
-struct Listener {
+struct JoinedPeer {
   std::uint16_t id = 0;
   std::uint32_t listenMask = 0;
   // The peer's transport (kept here, one load less per copy) and its own address in the

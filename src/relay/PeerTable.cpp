@@ -11,12 +11,12 @@
 
 namespace parlavox {
 
-std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const Listener> joined) {
+std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const JoinedPeer> joined) {
   auto held = std::make_unique<std::bitset<65536>>();
   held->set(0);
   held->set(wire::announcerID);
-  for (const Listener& listener : joined) {
-    held->set(listener.id);
+  for (const JoinedPeer& member : joined) {
+    held->set(member.id);
   }
   std::uint16_t candidate = nextID;
   for (std::uint32_t step = 0; step < 65536; ++step) {
@@ -46,9 +46,9 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
   } else if (!datagram.empty()) {
     peer.lastSeen = now;
   }
-  if (!datagram.empty() && datagram[0] == wire::kindAudio) {
+  if (!datagram.empty() && datagram[0] == wire::kAudioKind) {
     peer.lastAudio = now;
-    if (peer.joined && datagram.size() > wire::AudioHeader::size) {
+    if (peer.joined && datagram.size() > wire::AudioHeader::kSize) {
       peer.health.audio(datagram, now);
     }
   }
@@ -76,15 +76,14 @@ bool PeerTable::join(const platform::PeerAddress& address, std::string_view name
   }
   Peer& peer = found->second.peer;
   if (!peer.joined) {
-    const auto id =
-        listeners_.size() < kJoinedLimit ? allocateID(nextID_, listeners_) : std::nullopt;
+    const auto id = joined_.size() < kJoinedLimit ? allocateID(nextID_, joined_) : std::nullopt;
     if (!id) {
       return false;
     }
     peer.id = *id;
     unjoined_.erase(found->second.unjoined);
   }
-  peer.name = firstGraphemes(name, kNameLimit);
+  peer.name = firstGraphemes(name, wire::kNameLimit);
   peer.role = role.name;
   peer.talkMask = role.talkMask;
   peer.listenMask = role.listenMask;
@@ -128,13 +127,13 @@ std::vector<platform::PeerAddress> PeerTable::silentSince(platform::MonoTime cut
 const std::string& PeerTable::rosterDatagram() {
   if (rosterStale_) {
     wire::RosterMsg roster;
-    roster.users.reserve(listeners_.size());
-    for (const Listener& listener : listeners_) {
-      const Peer& peer = peers_.find(*listener.address)->second.peer;
+    roster.users.reserve(joined_.size());
+    for (const JoinedPeer& member : joined_) {
+      const Peer& peer = peers_.find(*member.address)->second.peer;
       roster.users.push_back({peer.id, peer.name, peer.role});
     }
     roster_ = roster.users.empty() ? std::string()
-                                   : encodeRosterWithin(std::move(roster), wire::maxDatagram);
+                                   : encodeRosterWithin(std::move(roster), wire::kMaxDatagram);
     rosterStale_ = false;
   }
   return roster_;
@@ -143,14 +142,14 @@ const std::string& PeerTable::rosterDatagram() {
 // Joins and departures are rare next to datagrams: the fan-out array is rebuilt whole, so that
 // the paths that read it never have to; the roster waits until it is sent.
 void PeerTable::joinedChanged() {
-  listeners_.clear();
+  joined_.clear();
   for (const auto& [address, entry] : peers_) {
     if (entry.peer.joined) {
-      listeners_.push_back({entry.peer.id, entry.peer.listenMask, address.transport, &address});
+      joined_.push_back({entry.peer.id, entry.peer.listenMask, address.transport, &address});
     }
   }
-  std::sort(listeners_.begin(), listeners_.end(),
-            [](const Listener& a, const Listener& b) { return a.id < b.id; });
+  std::sort(joined_.begin(), joined_.end(),
+            [](const JoinedPeer& a, const JoinedPeer& b) { return a.id < b.id; });
   rosterStale_ = true;
 }
 

@@ -15,14 +15,13 @@
 namespace parlavox {
 
 // Every client the intercom knows, joined or not: the one place a client's state lives. It keeps
-// the rules that hold among peers itself: one peer per address, names of at most 24 characters,
-// ids unique among the joined and never 0 or the announcer's, and the joined peers in ascending
-// order of id for the fan-outs and the roster. Its memory is bounded whatever arrives: at most
-// kUnjoinedLimit peers that have not joined (any source address can make one) and kJoinedLimit
+// the rules that hold among peers itself: one peer per address, names of at most wire::kNameLimit
+// characters, ids unique among the joined and never 0 or the announcer's, and the joined peers in
+// ascending order of id for the fan-outs and the roster. Its memory is bounded whatever arrives: at
+// most kUnjoinedLimit peers that have not joined (any source address can make one) and kJoinedLimit
 // joined ones. Loop thread only; it prints and sends nothing.
 class PeerTable {
  public:
-  static constexpr std::size_t kNameLimit = 24;  // user-perceived characters
   static constexpr std::size_t kUnjoinedLimit = 4096;
   static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
 
@@ -36,8 +35,8 @@ class PeerTable {
   // since it was last reported (see LinkHealth::lossAlarm).
   template <typename Report>
   void checkLinks(platform::MonoTime now, Report report) {
-    for (const Listener& listener : listeners_) {
-      Peer& peer = peers_.find(*listener.address)->second.peer;
+    for (const JoinedPeer& member : joined_) {
+      Peer& peer = peers_.find(*member.address)->second.peer;
       if (const auto alarm = peer.health.lossAlarm(now)) {
         report(static_cast<const Peer&>(peer), *alarm);
       }
@@ -47,9 +46,9 @@ class PeerTable {
   // The peer at `address`, or nothing.
   const Peer* find(const platform::PeerAddress& address) const;
 
-  // Joins the peer at `address` as `role` under `name` (cut to kNameLimit characters), or joins it
-  // again: a first join takes the next free id, a later one keeps it. False, the peer unchanged,
-  // when kJoinedLimit peers have joined already or every id is taken.
+  // Joins the peer at `address` as `role` under `name` (cut to wire::kNameLimit characters), or
+  // joins it again: a first join takes the next free id, a later one keeps it. False, the peer
+  // unchanged, when kJoinedLimit peers have joined already or every id is taken.
   bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role);
 
   // Takes the peer at `address` out of the table: what it was, or nothing if it was not there.
@@ -62,7 +61,7 @@ class PeerTable {
   std::size_t talkingSince(platform::MonoTime cutoff) const;
 
   // Every joined peer, in ascending order of id.
-  std::span<const Listener> listeners() const { return listeners_; }
+  std::span<const JoinedPeer> joined() const { return joined_; }
   // The "roster" datagram of the joined peers, encoded when first asked for after a change; empty
   // with nobody joined. It always fits one datagram: the longest names are shortened if need be.
   const std::string& rosterDatagram();
@@ -79,7 +78,7 @@ class PeerTable {
 
   std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash> peers_;
   std::list<platform::PeerAddress> unjoined_;  // oldest first
-  std::vector<Listener> listeners_;
+  std::vector<JoinedPeer> joined_;
   std::string roster_;
   bool rosterStale_ = false;
   std::uint16_t nextID_ = 1;
@@ -93,6 +92,6 @@ std::string encodeRosterWithin(wire::RosterMsg roster, std::size_t limit);
 // Any thread; pure. The id for a peer's first join: the first id from `nextID` upward (wrapping)
 // that no joined peer holds, never 0 (no id) and never 0xFFFF (the announcer's). Advances
 // `nextID` past it. Nothing when every id is held; at most one pass over the id space.
-std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const Listener> joined);
+std::optional<std::uint16_t> allocateID(std::uint16_t& nextID, std::span<const JoinedPeer> joined);
 
 }  // namespace parlavox

@@ -2,16 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 
 namespace parlavox {
-
-std::size_t RateLimiter::HostHash::operator()(const Host& host) const noexcept {
-  std::uint64_t words[2];
-  std::memcpy(words, host.data(), sizeof words);
-  const std::uint64_t h = (words[0] * 0x9E3779B97F4A7C15ULL ^ words[1]) * 0xBF58476D1CE4E5B9ULL;
-  return static_cast<std::size_t>(h ^ (h >> 31));
-}
 
 RateLimiter::RateLimiter(double burst, double perSecond, std::size_t hosts)
     : burst_(burst), perSecond_(perSecond), hosts_(std::max<std::size_t>(hosts, 1)) {

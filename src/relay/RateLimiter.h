@@ -1,12 +1,12 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/HostAddress.h"
 
 namespace parlavox {
 
@@ -16,7 +16,7 @@ namespace parlavox {
 // source still gets at most `burst` per `hosts` other sources in between. Loop thread only.
 class RateLimiter {
  public:
-  using Host = std::array<std::uint8_t, 16>;
+  using Host = platform::HostAddress;
 
   RateLimiter(double burst, double perSecond, std::size_t hosts = 4096);
 
@@ -28,14 +28,11 @@ class RateLimiter {
     double tokens = 0;
     platform::MonoTime filledAt;
   };
-  struct HostHash {
-    std::size_t operator()(const Host& host) const noexcept;
-  };
 
   const double burst_;
   const double perSecond_;
   const std::size_t hosts_;
-  std::unordered_map<Host, Bucket, HostHash> buckets_;
+  std::unordered_map<Host, Bucket, platform::HostAddressHash> buckets_;
   std::vector<Host> order_;  // a ring, in the order hosts were first seen
   std::size_t oldest_ = 0;
 };

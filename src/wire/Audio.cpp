@@ -8,24 +8,24 @@
 namespace parlavox::wire {
 
 std::optional<AudioHeader> AudioHeader::read(Bytes datagram) {
-  if (datagram.size() < size || datagram[0] != kindAudio) {
+  if (datagram.size() < kSize || datagram[0] != kAudioKind) {
     return std::nullopt;
   }
-  return AudioHeader{loadLE16(&datagram[senderIDOffset]), loadLE32(&datagram[maskOffset]),
-                     loadLE16(&datagram[seqOffset])};
+  return AudioHeader{loadLE16(&datagram[kSenderIDOffset]), loadLE32(&datagram[kMaskOffset]),
+                     loadLE16(&datagram[kSeqOffset])};
 }
 
-std::array<std::uint8_t, AudioHeader::size> AudioHeader::bytes() const {
-  std::array<std::uint8_t, size> out{};
-  out[0] = kindAudio;
-  storeLE16(&out[senderIDOffset], senderID);
-  storeLE32(&out[maskOffset], mask);
-  storeLE16(&out[seqOffset], seq);
+std::array<std::uint8_t, AudioHeader::kSize> AudioHeader::bytes() const {
+  std::array<std::uint8_t, kSize> out{};
+  out[0] = kAudioKind;
+  storeLE16(&out[kSenderIDOffset], senderID);
+  storeLE32(&out[kMaskOffset], mask);
+  storeLE16(&out[kSeqOffset], seq);
   return out;
 }
 
 std::vector<std::uint8_t> encodeAudio(const AudioHeader& header, Bytes samples) {
-  std::vector<std::uint8_t> datagram(AudioHeader::size + samples.size());
+  std::vector<std::uint8_t> datagram(AudioHeader::kSize + samples.size());
   const auto head = header.bytes();
   std::copy(samples.begin(), samples.end(), std::copy(head.begin(), head.end(), datagram.begin()));
   return datagram;

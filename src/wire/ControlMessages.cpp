@@ -16,7 +16,7 @@ using OrderedJson = nlohmann::ordered_json;
 
 // A control message is one flat object (a "config" three levels deep); 32 levels leave room for
 // any extra keys a sender adds.
-constexpr std::size_t maxNesting = 32;
+constexpr std::size_t kMaxNesting = 32;
 
 // Encoding throws only for strings that are not valid UTF-8 (type_error 316) or when memory runs
 // out; either way the caller gets nothing to send.
@@ -40,7 +40,7 @@ OrderedJson roleJson(const Role& role) {
 // The parsed object of a payload, or a discarded value.
 Json parseObject(Bytes payload) {
   const std::string_view text(reinterpret_cast<const char*>(payload.data()), payload.size());
-  if (scanJson(text, maxNesting)) {
+  if (scanJson(text, kMaxNesting)) {
     return Json(Json::value_t::discarded);
   }
   // Without exceptions: malformed text (invalid UTF-8 included) yields a discarded value.
@@ -69,6 +69,17 @@ bool readOptionalString(const Json& object, const char* key, std::optional<std::
   }
   out = it->get_ref<const std::string&>();
   return true;
+}
+
+// "t", naming one of the types.
+bool readType(const Json& object, MessageType& out) {
+  std::string name;
+  if (!readString(object, "t", name)) {
+    return false;
+  }
+  const auto type = messageTypeNamed(name);
+  out = type.value_or(out);
+  return type.has_value();
 }
 
 template <typename Unsigned>
@@ -148,10 +159,28 @@ std::optional<RosterMsg> readRoster(const Json& object) {
 
 }  // namespace
 
+std::string_view nameOf(MessageType type) {
+  for (const auto& [each, name] : kMessageTypes) {
+    if (each == type) {
+      return name;
+    }
+  }
+  return {};
+}
+
+std::optional<MessageType> messageTypeNamed(std::string_view name) {
+  for (const auto& [type, each] : kMessageTypes) {
+    if (each == name) {
+      return type;
+    }
+  }
+  return std::nullopt;
+}
+
 std::string controlDatagram(std::string_view json) {
   std::string out;
   out.reserve(1 + json.size());
-  out.push_back(static_cast<char>(kindControl));
+  out.push_back(static_cast<char>(kControlKind));
   out.append(json);
   return out;
 }
@@ -159,7 +188,7 @@ std::string controlDatagram(std::string_view json) {
 std::string encodeControl(const Incoming& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
-    json["t"] = message.t;
+    json["t"] = nameOf(message.t);
     if (message.name) {
       json["name"] = *message.name;
     }
@@ -173,7 +202,7 @@ std::string encodeControl(const Incoming& message) {
 std::string encodeControl(const ConfigMsg& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
-    json["t"] = "config";
+    json["t"] = nameOf(MessageType::config);
     json["channels"] = message.channels;
     json["roles"] = OrderedJson::array();
     for (const Role& role : message.roles) {
@@ -186,7 +215,7 @@ std::string encodeControl(const ConfigMsg& message) {
 std::string encodeControl(const WelcomeMsg& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
-    json["t"] = "welcome";
+    json["t"] = nameOf(MessageType::welcome);
     json["id"] = message.id;
     json["role"] = message.role;
     json["talkMask"] = message.talkMask;
@@ -198,7 +227,7 @@ std::string encodeControl(const WelcomeMsg& message) {
 std::string encodeControl(const SimpleMsg& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
-    json["t"] = message.t;
+    json["t"] = nameOf(message.t);
     if (message.reason) {
       json["reason"] = *message.reason;
     }
@@ -217,7 +246,7 @@ std::string encodeControl(const RosterMsg& message) {
       users.push_back(std::move(entry));
     }
     OrderedJson json = OrderedJson::object();
-    json["t"] = "roster";
+    json["t"] = nameOf(MessageType::roster);
     json["users"] = std::move(users);
     return json;
   });
@@ -229,7 +258,7 @@ std::optional<Incoming> decodeIncoming(Bytes payload) {
   try {
     const Json object = parseObject(payload);
     Incoming message;
-    if (object.is_discarded() || !readString(object, "t", message.t) ||
+    if (object.is_discarded() || !readType(object, message.t) ||
         !readOptionalString(object, "name", message.name) ||
         !readOptionalString(object, "role", message.role)) {
       return std::nullopt;
@@ -243,20 +272,21 @@ std::optional<Incoming> decodeIncoming(Bytes payload) {
 std::optional<ServerMessage> decodeServerMessage(Bytes payload) {
   try {
     const Json object = parseObject(payload);
-    std::string type;
-    if (object.is_discarded() || !readString(object, "t", type)) {
+    MessageType type = MessageType::pong;
+    if (object.is_discarded() || !readType(object, type)) {
       return std::nullopt;
     }
-    if (type == "config") {
-      return readConfig(object);
+    switch (type) {
+      case MessageType::config:
+        return readConfig(object);
+      case MessageType::welcome:
+        return readWelcome(object);
+      case MessageType::roster:
+        return readRoster(object);
+      default:
+        break;
     }
-    if (type == "welcome") {
-      return readWelcome(object);
-    }
-    if (type == "roster") {
-      return readRoster(object);
-    }
-    SimpleMsg message{std::move(type), std::nullopt};
+    SimpleMsg message{type, std::nullopt};
     if (!readOptionalString(object, "reason", message.reason)) {
       return std::nullopt;
     }

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -15,9 +17,32 @@
 // field order; readers do not depend on the order.
 namespace parlavox::wire {
 
+// What a message is, as its "t" names it. From clients: hi, join, ping, bye; from the server:
+// config, welcome, pong, rejoin, error, roster.
+enum class MessageType { hi, join, ping, bye, config, welcome, pong, rejoin, error, roster };
+
+// Every type with its name on the wire: the one list the encoders, the decoders and the pages'
+// constants are made from.
+inline constexpr std::array<std::pair<MessageType, std::string_view>, 10> kMessageTypes{{
+    {MessageType::hi, "hi"},
+    {MessageType::join, "join"},
+    {MessageType::ping, "ping"},
+    {MessageType::bye, "bye"},
+    {MessageType::config, "config"},
+    {MessageType::welcome, "welcome"},
+    {MessageType::pong, "pong"},
+    {MessageType::rejoin, "rejoin"},
+    {MessageType::error, "error"},
+    {MessageType::roster, "roster"},
+}};
+
+// Any thread. The name of `type` in "t", and back; a name of no type is nothing.
+std::string_view nameOf(MessageType type);
+std::optional<MessageType> messageTypeNamed(std::string_view name);
+
 // From a client: "hi", "join" (name, role), "ping", "bye". Other keys are ignored.
 struct Incoming {
-  std::string t;
+  MessageType t = MessageType::hi;
   std::optional<std::string> name;  // null and absent alike
   std::optional<std::string> role;
   bool operator==(const Incoming&) const = default;
@@ -41,7 +66,7 @@ struct WelcomeMsg {
 
 // From the server: "pong", "rejoin", or "error" with a reason.
 struct SimpleMsg {
-  std::string t;
+  MessageType t = MessageType::pong;
   std::optional<std::string> reason;  // left out of the JSON when absent, never null
   bool operator==(const SimpleMsg&) const = default;
 };
@@ -73,8 +98,8 @@ std::string encodeControl(const RosterMsg& message);
 std::string controlDatagram(std::string_view json);
 
 // Any thread. The control payload (a datagram less its kind byte) as the message it holds, or
-// nothing when it is not one. Untrusted input: nesting is bounded, nothing throws, text that is
-// not valid UTF-8 is refused.
+// nothing when it is not one (a "t" that names no type included). Untrusted input: nesting is
+// bounded, nothing throws, text that is not valid UTF-8 is refused.
 std::optional<Incoming> decodeIncoming(Bytes payload);
 std::optional<ServerMessage> decodeServerMessage(Bytes payload);
 

@@ -34,7 +34,7 @@ void sendOnce(const std::string& from, const std::string& datagram) {
   local.sin_family = AF_INET;
   ::inet_pton(AF_INET, from.c_str(), &local.sin_addr);
   sockaddr_in server = local;
-  server.sin_port = htons(wire::intercomPort);
+  server.sin_port = htons(wire::kIntercomPort);
   ::inet_pton(AF_INET, "127.0.0.1", &server.sin_addr);
   ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local), 0) << from;
   (void)::sendto(fd, datagram.data(), datagram.size(), 0,

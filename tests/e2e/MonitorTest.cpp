@@ -40,7 +40,7 @@ TEST_F(Monitor, MetricsCountWhatArrivedAndWhatWasLost) {
   EXPECT_EQ(before.at("parlavox_audio_datagrams_received_total"), "0");
 
   // 4 never comes; 7 comes late and 8 twice: neither of those is a loss.
-  const std::vector<std::uint8_t> samples(wire::frameBytes, 0x10);
+  const std::vector<std::uint8_t> samples(wire::kFrameBytes, 0x10);
   for (const int seq : {1, 2, 3, 5, 6, 8, 7, 8, 9, 10}) {
     talker->sendAudio(0, 0x1, static_cast<std::uint16_t>(seq), samples);
   }
@@ -60,7 +60,7 @@ TEST_F(Monitor, MetricsCountWhatArrivedAndWhatWasLost) {
 
 TEST_F(Monitor, TheConsoleWarnsOfATalkerWhoseAudioBreaksUp) {
   auto talker = member("Ann", "Sound");
-  const std::vector<std::uint8_t> samples(wire::frameBytes, 0x10);
+  const std::vector<std::uint8_t> samples(wire::kFrameBytes, 0x10);
   for (std::uint16_t seq = 1; seq <= 101; ++seq) {
     if (seq % 10 != 0) {  // one in ten lost on the way: 10 of 101
       talker->sendAudio(0, 0x1, seq, samples);

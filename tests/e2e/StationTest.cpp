@@ -32,7 +32,7 @@ class Station : public ServerFixture {
       if (!message) {
         return std::nullopt;
       }
-      if (!message->empty() && message->front() == wire::kindControl) {
+      if (!message->empty() && message->front() == wire::kControlKind) {
         auto decoded = wire::decodeServerMessage(Bytes(*message).subspan(1));
         if (decoded && std::visit([&](const auto& m) { return typeOf(m) == t; }, *decoded)) {
           return decoded;
@@ -58,11 +58,13 @@ class Station : public ServerFixture {
   static std::string typeOf(const wire::ConfigMsg&) { return "config"; }
   static std::string typeOf(const wire::WelcomeMsg&) { return "welcome"; }
   static std::string typeOf(const wire::RosterMsg&) { return "roster"; }
-  static std::string typeOf(const wire::SimpleMsg& message) { return message.t; }
+  static std::string typeOf(const wire::SimpleMsg& message) {
+    return std::string(wire::nameOf(message.t));
+  }
 };
 
 std::vector<std::uint8_t> ramp() {
-  std::vector<std::uint8_t> samples(wire::frameBytes);
+  std::vector<std::uint8_t> samples(wire::kFrameBytes);
   for (std::size_t i = 0; i < samples.size(); ++i) {
     samples[i] = static_cast<std::uint8_t>(i * 7);
   }
@@ -73,11 +75,12 @@ std::vector<std::uint8_t> ramp() {
 // with the same rewriting, reached by announcements, and gone when its socket closes.
 TEST_F(Station, BrowserAndUdpCrewHearEachOther) {
   StationClient station("127.0.0.1");
-  sendControl(station, {"hi", std::nullopt, std::nullopt});
+  sendControl(station, {wire::MessageType::hi, std::nullopt, std::nullopt});
   const auto config = next(station, "config");
   ASSERT_TRUE(config);
   EXPECT_EQ(std::get<wire::ConfigMsg>(*config).channels.size(), 4U);
-  sendControl(station, {"join", "Fly Floor", "Backstage Crew"});  // Main + Backstage
+  sendControl(station,
+              {wire::MessageType::join, "Fly Floor", "Backstage Crew"});  // Main + Backstage
   const auto welcome = next(station, "welcome");
   ASSERT_TRUE(welcome);
   const std::uint16_t stationID = std::get<wire::WelcomeMsg>(*welcome).id;

@@ -13,9 +13,9 @@ namespace parlavox::test {
 // Collects printed messages instead of writing them.
 class FakeConsole final : public platform::Console {
  public:
-  void print(std::string_view message) override {
+  void print(const platform::ConsoleEvent& event) override {
     std::lock_guard lock(mutex_);
-    lines_.emplace_back(message);
+    lines_.emplace_back(event.text);
   }
   std::vector<std::string> lines() const {
     std::lock_guard lock(mutex_);

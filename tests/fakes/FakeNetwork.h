@@ -18,8 +18,9 @@ using Datagram = std::vector<std::uint8_t>;
 // clients 1, 2, 3 are three programs on one machine, 1 << 16 and 2 << 16 two machines.
 class FakePeerListener final : public platform::PeerListener {
  public:
-  void start(Peers& peers, Handlers handlers) override {
-    peers_ = &peers;
+  Kind kind() const override { return Kind::udp; }
+  void start(Receiver& receiver, Handlers handlers) override {
+    receiver_ = &receiver;
     handlers_ = std::move(handlers);
   }
   void send(const platform::PeerAddress& to, Bytes head, Bytes body) override {
@@ -33,26 +34,26 @@ class FakePeerListener final : public platform::PeerListener {
     platform::PeerAddress address{this, {}, client};
     const std::uint64_t host = client >> 16;
     for (std::size_t i = 0; i < 8; ++i) {
-      address.host.at(15 - i) = static_cast<std::uint8_t>(host >> (8 * i));
+      address.host.bytes.at(15 - i) = static_cast<std::uint8_t>(host >> (8 * i));
     }
     return address;
   }
   void deliver(std::uint64_t client, const Datagram& datagram) {
-    peers_->deliver(address(client), datagram);
+    receiver_->deliver(address(client), datagram);
   }
-  void close(std::uint64_t client) { peers_->ended(address(client)); }
+  void close(std::uint64_t client) { receiver_->ended(address(client)); }
   void fail(std::string_view error) { handlers_.onFailed(error); }
 
   std::map<std::uint64_t, std::vector<Datagram>> sent;
   std::vector<std::uint64_t> ended;
 
  private:
-  Peers* peers_ = nullptr;
+  Receiver* receiver_ = nullptr;
   Handlers handlers_;
 };
 
 // A receive-only port driven by the test.
-class FakeDatagramReceiver final : public platform::DatagramReceiver {
+class FakeDatagramListener final : public platform::DatagramListener {
  public:
   void start(Handlers handlers) override { handlers_ = std::move(handlers); }
   void deliver(const Datagram& datagram) { handlers_.onDatagram(datagram); }
@@ -71,14 +72,14 @@ class FakeNetwork final : public platform::Network {
     peers = listener.get();
     return listener;
   }
-  std::unique_ptr<platform::DatagramReceiver> listenDatagrams(std::uint16_t /*port*/) override {
-    auto receiver = std::make_unique<FakeDatagramReceiver>();
-    datagrams = receiver.get();
-    return receiver;
+  std::unique_ptr<platform::DatagramListener> listenDatagrams(std::uint16_t /*port*/) override {
+    auto listener = std::make_unique<FakeDatagramListener>();
+    datagrams = listener.get();
+    return listener;
   }
 
   FakePeerListener* peers = nullptr;          // owned by whoever asked for it
-  FakeDatagramReceiver* datagrams = nullptr;  // likewise
+  FakeDatagramListener* datagrams = nullptr;  // likewise
 };
 
 // Advertising is seen end to end, against a real Avahi daemon.

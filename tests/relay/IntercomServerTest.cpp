@@ -52,7 +52,7 @@ class IntercomServerTest : public testing::Test {
   }
 
   // Lets a roster held back by an earlier one go out.
-  void settle() { loop.advance(IntercomServer::rosterPeriod); }
+  void settle() { loop.advance(IntercomServer::kRosterPeriod); }
 
   // A joined client; everybody's inbox and the console are emptied of the join.
   void joined(std::uint64_t client, const std::string& name, const std::string& role) {
@@ -266,7 +266,7 @@ TEST_F(IntercomServerTest, AFullIntercomStillSendsARosterThatFits) {
   EXPECT_EQ(take(machine(PeerTable::kJoinedLimit + 1)),
             std::vector<json>{json({{"t", "error"}, {"reason", "The intercom is full."}})});
   const Datagram& last = port->sent[machine(1)].back();
-  ASSERT_LE(last.size(), wire::maxDatagram);
+  ASSERT_LE(last.size(), wire::kMaxDatagram);
   const json roster = json::parse(last.begin() + 1, last.end());
   ASSERT_EQ(roster["users"].size(), PeerTable::kJoinedLimit);
   for (const json& user : roster["users"]) {

@@ -12,12 +12,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr platform::MonoTime t0 = platform::MonoTime{} + 1h;  // on a whole second
+constexpr platform::MonoTime kStart = platform::MonoTime{} + 1h;  // on a whole second
 
 void feed(LinkHealth& health, std::uint16_t seq, int ms, std::int16_t sample = 1000) {
-  const std::vector<std::int16_t> samples(wire::frameSamples, sample);
+  const std::vector<std::int16_t> samples(wire::kFrameSamples, sample);
   health.audio(wire::encodeAudio({7, 0x1, seq}, wire::sampleBytes(samples)),
-               t0 + std::chrono::milliseconds(ms));
+               kStart + std::chrono::milliseconds(ms));
 }
 
 TEST(LinkHealthLoss, CountsSeqsMissingNetOfLateArrivals) {
@@ -57,10 +57,10 @@ TEST(LinkHealthLoss, LastSecondsKeepsTheCurrentSecondAndTheNineBefore) {
   feed(health, 13, 20);    // 11 and 12 lost in second 0
   feed(health, 12, 500);   // late: one back
   feed(health, 16, 5000);  // 14 and 15 lost in second 5
-  EXPECT_EQ(health.lastSeconds(t0 + 9999ms), (LinkHealth::Window{4, 3}));
-  EXPECT_EQ(health.lastSeconds(t0 + 10s), (LinkHealth::Window{1, 2})) << "second 0 has gone";
+  EXPECT_EQ(health.lastSeconds(kStart + 9999ms), (LinkHealth::Window{4, 3}));
+  EXPECT_EQ(health.lastSeconds(kStart + 10s), (LinkHealth::Window{1, 2})) << "second 0 has gone";
   feed(health, 11, 16000);  // late again, with no loss left in the window to take back
-  EXPECT_EQ(health.lastSeconds(t0 + 16s), (LinkHealth::Window{1, 0}));
+  EXPECT_EQ(health.lastSeconds(kStart + 16s), (LinkHealth::Window{1, 0}));
   EXPECT_EQ(health.lost(), 2U);
 }
 
@@ -111,11 +111,11 @@ TEST(LinkHealthLevel, PeaksOverTheLastHundredMilliseconds) {
   for (const auto& c : cases) {
     LinkHealth health;
     feed(health, 1, 0, c.sample);
-    const auto now = t0 + std::chrono::milliseconds(c.ageMs);
+    const auto now = kStart + std::chrono::milliseconds(c.ageMs);
     EXPECT_NEAR(health.levelDbfs(now).value_or(1), c.dbfs.value_or(1), 0.01) << c.what;
     EXPECT_EQ(health.talking(now), c.talking) << c.what;
   }
-  EXPECT_FALSE(LinkHealth().talking(t0));
+  EXPECT_FALSE(LinkHealth().talking(kStart));
 }
 
 }  // namespace
@@ -138,18 +138,18 @@ TEST(LinkHealthLoss, AlarmsCrossTheLineOncePerWindow) {
     }
   };
   talk(20, 10);
-  EXPECT_FALSE(health.lossAlarm(t0 + 1s)) << "too little to tell";
+  EXPECT_FALSE(health.lossAlarm(kStart + 1s)) << "too little to tell";
   talk(81, 10);
-  const auto raised = health.lossAlarm(t0 + 2s);
+  const auto raised = health.lossAlarm(kStart + 2s);
   ASSERT_TRUE(raised);
   EXPECT_TRUE(raised->raised);
   EXPECT_NEAR(raised->ratio, 0.099, 0.001);
-  EXPECT_FALSE(health.lossAlarm(t0 + 3s)) << "reported already";
+  EXPECT_FALSE(health.lossAlarm(kStart + 3s)) << "reported already";
   talk(600, 0);  // 12 s of clean audio
-  const auto cleared = health.lossAlarm(t0 + std::chrono::milliseconds(ms));
+  const auto cleared = health.lossAlarm(kStart + std::chrono::milliseconds(ms));
   ASSERT_TRUE(cleared);
   EXPECT_FALSE(cleared->raised);
-  EXPECT_FALSE(health.lossAlarm(t0 + std::chrono::milliseconds(ms) + 1s));
+  EXPECT_FALSE(health.lossAlarm(kStart + std::chrono::milliseconds(ms) + 1s));
 }
 
 }  // namespace

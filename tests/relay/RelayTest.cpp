@@ -13,8 +13,8 @@ namespace {
 
 using test::Datagram;
 
-std::vector<Listener> holding(const std::vector<std::uint16_t>& ids) {
-  std::vector<Listener> joined;
+std::vector<JoinedPeer> holding(const std::vector<std::uint16_t>& ids) {
+  std::vector<JoinedPeer> joined;
   for (const auto id : ids) {
     joined.push_back({id, 0, {}});
   }
@@ -47,7 +47,7 @@ TEST(AllocateID, FindsTheFirstFreeIdFromTheCounter) {
 // Main, C to Tech and Backstage, D to Backstage, and A to all three.
 class RelayAudio : public testing::Test {
  protected:
-  Listener listener(std::uint64_t client, std::uint16_t id, std::uint32_t listenMask) {
+  JoinedPeer member(std::uint64_t client, std::uint16_t id, std::uint32_t listenMask) {
     return {id, listenMask, &port, &addresses.at(client - 1)};
   }
   Peer talker(bool joined, std::uint32_t talkMask) {
@@ -62,8 +62,8 @@ class RelayAudio : public testing::Test {
   test::FakePeerListener port;
   const std::vector<platform::PeerAddress> addresses{port.address(1), port.address(2),
                                                      port.address(3), port.address(4)};
-  const std::vector<Listener> crew{listener(1, 5, 0x7), listener(2, 6, 0x1), listener(3, 7, 0x6),
-                                   listener(4, 8, 0x4)};
+  const std::vector<JoinedPeer> crew{member(1, 5, 0x7), member(2, 6, 0x1), member(3, 7, 0x6),
+                                     member(4, 8, 0x4)};
 };
 
 TEST_F(RelayAudio, ForwardsEachReceiversShareUnderTheSendersOwnId) {

@@ -16,9 +16,9 @@ std::string nested(std::string_view open, std::size_t depth) {
   return out;
 }
 
-Incoming in(std::string t, std::optional<std::string> name = std::nullopt,
+Incoming in(MessageType t, std::optional<std::string> name = std::nullopt,
             std::optional<std::string> role = std::nullopt) {
-  return Incoming{std::move(t), std::move(name), std::move(role)};
+  return Incoming{t, std::move(name), std::move(role)};
 }
 
 TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
@@ -29,20 +29,22 @@ TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
     std::optional<Incoming> expected;
   };
   const Case cases[] = {
-      {"hi", R"({"t":"hi"})", in("hi")},
-      {"join", R"({"t":"join","name":"Ana","role":"Lighting"})", in("join", "Ana", "Lighting")},
-      {"nullNameAndRole", R"({"t":"join","name":null,"role":null})", in("join")},
-      {"unknownTypeStillDecodes", R"({"t":"HI"})", in("HI")},
+      {"hi", R"({"t":"hi"})", in(MessageType::hi)},
+      {"join", R"({"t":"join","name":"Ana","role":"Lighting"})",
+       in(MessageType::join, "Ana", "Lighting")},
+      {"nullNameAndRole", R"({"t":"join","name":null,"role":null})", in(MessageType::join)},
+      {"typeNamesNoType", R"({"t":"HI"})", std::nullopt},
       {"extraKeysIgnored",
        R"({"t":"join","role":"Lighting","x":[1,{"y":null}],"name":"B","z":true})",
-       in("join", "B", "Lighting")},
+       in(MessageType::join, "B", "Lighting")},
       {"escapesAndUnicode",
        R"({"t":"join","name":"R\u00e9gie \"1\"\/\ud83d\udc4d","role":"Son/Vid\u00e9o"})",
-       in("join", "R\u00e9gie \"1\"/\U0001F44D", "Son/Vid\u00e9o")},
+       in(MessageType::join, "R\u00e9gie \"1\"/\U0001F44D", "Son/Vid\u00e9o")},
       {"bracketsInsideStringsAreText", R"({"t":"hi","name":"\")" + nested("[{", 5000) + R"("})",
-       in("hi", "\"" + nested("[{", 5000))},
+       in(MessageType::hi, "\"" + nested("[{", 5000))},
       {"lastDuplicateWinsBadType", R"({"t":"ping","t":5})", std::nullopt},
-      {"largeValidPayload", R"({"t":"join","name":")" + longName + R"("})", in("join", longName)},
+      {"largeValidPayload", R"({"t":"join","name":")" + longName + R"("})",
+       in(MessageType::join, longName)},
       {"empty", "", std::nullopt},
       {"trailingNul", std::string(R"({"t":"hi"})") + '\0', std::nullopt},
       {"invalidUtf8InString", "{\"t\":\"hi\",\"name\":\"\xff\"}", std::nullopt},
@@ -59,8 +61,8 @@ TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
 TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
   const auto control = [](std::string_view json) { return "\x01" + std::string(json); };
   const std::pair<std::string, std::string> cases[] = {
-      {encodeControl(SimpleMsg{"pong", std::nullopt}), control(R"({"t":"pong"})")},
-      {encodeControl(SimpleMsg{"error", "That role no longer exists. Pick another."}),
+      {encodeControl(SimpleMsg{MessageType::pong, std::nullopt}), control(R"({"t":"pong"})")},
+      {encodeControl(SimpleMsg{MessageType::error, "That role no longer exists. Pick another."}),
        control(R"({"t":"error","reason":"That role no longer exists. Pick another."})")},
       {encodeControl(WelcomeMsg{65535, "Director (listen only)", 0, 0xFFFFFFFF}),
        control(R"json({"t":"welcome","id":65535,"role":"Director (listen only)",)json"
@@ -73,10 +75,10 @@ TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
       {encodeControl(ConfigMsg{{"Main", "Green Room"}, {{"Director", {}, {"Main"}}}}),
        control(R"({"t":"config","channels":["Main","Green Room"],"roles":[)"
                R"({"name":"Director","talk":[],"listen":["Main"]}]})")},
-      {encodeControl(Incoming{"join", std::nullopt, "Sound"}),
+      {encodeControl(Incoming{MessageType::join, std::nullopt, "Sound"}),
        control(R"({"t":"join","role":"Sound"})")},
       // Text that is not valid UTF-8 gives nothing to send.
-      {encodeControl(SimpleMsg{"error", "\xff"}), ""},
+      {encodeControl(SimpleMsg{MessageType::error, "\xff"}), ""},
       {encodeControl(ConfigMsg{{"Main"}, {{"R", {"Main"}, {"\xed\xa0\x80"}}}}), ""},
   };
   for (const auto& [encoded, expected] : cases) {
@@ -88,7 +90,7 @@ TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused)
   const ServerMessage messages[] = {
       ConfigMsg{{"Main", "Tech"}, {{"R\u00e9gie", {"Main"}, {}}}},
       WelcomeMsg{9, "Sound", 3, 0xFFFFFFFF},
-      SimpleMsg{"error", "The intercom is full."},
+      SimpleMsg{MessageType::error, "The intercom is full."},
       RosterMsg{{{9, "\U0001F468\u200D\U0001F469\u200D\U0001F467", "Sound"}}},
   };
   for (const auto& message : messages) {

@@ -19,11 +19,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kSampleRate = wire::sampleRate;
+constexpr int kSampleRate = wire::kSampleRate;
 // How long listen holds mixed audio back before writing it, so late frames still find their
 // place: as far as the mixer lets a talker's frames stray from the slot of their arrival, and
 // one slot more for arrivals late in their slot.
-constexpr std::uint64_t kListenLatencySamples = Mixer::kMaxDrift + wire::frameSamples;
+constexpr std::uint64_t kListenLatencySamples = Mixer::kMaxDrift + wire::kFrameSamples;
 constexpr auto kListenTick = 50ms;
 // A talker this far behind its schedule starts afresh rather than sending a burst.
 constexpr auto kTalkMaxLag = 200ms;
@@ -49,9 +49,9 @@ int runInfo(CommandContext& context) {
   if (!show) {
     return 1;
   }
-  context.console.print(fmt::format("🎭 The show at {}", context.where));
+  context.console.info(platform::EventKind::report, fmt::format("🎭 The show at {}", context.where));
   for (const auto& line : show->describe()) {
-    context.console.print(line);
+    context.console.info(platform::EventKind::report, line);
   }
   return 0;
 }
@@ -65,16 +65,19 @@ int runListen(CommandContext& context, const Arguments& args) {
   }
   WavWriter wav;
   if (const auto opened = wav.open(args.out, kSampleRate); !opened) {
-    console.print(fmt::format("❌ Can't write {}: {}", args.out, opened.error()));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ Can't write {}: {}", args.out, opened.error()));
     session.leave();
     return 1;
   }
-  console.print(fmt::format(
-      "🎧 Listening as {} to {} into {}{}", session.role(), show->channelNames(session.listenMask()),
-      args.out,
-      args.seconds ? fmt::format(" for {} s", *args.seconds) : std::string("; Ctrl-C stops")));
+  console.info(platform::EventKind::report,
+               fmt::format("🎧 Listening as {} to {} into {}{}", session.role(),
+                           show->channelNames(session.listenMask()), args.out,
+                           args.seconds ? fmt::format(" for {} s", *args.seconds)
+                                        : std::string("; Ctrl-C stops")));
   if (session.listenMask() == 0) {
-    console.print(
+    console.warning(
+        platform::EventKind::report,
         fmt::format("⚠️  {} hears no channel: the recording will be silent", session.role()));
   }
 
@@ -107,13 +110,15 @@ int runListen(CommandContext& context, const Arguments& args) {
   const auto closed = wav.close();
   session.leave();
   if (!written || !closed) {
-    console.print(
+    console.error(
+        platform::EventKind::report,
         fmt::format("❌ Can't write {}: {}", args.out, written ? closed.error() : written.error()));
     return 1;
   }
-  console.print(fmt::format("📝 Wrote {} ({:.1f} s, {} {} heard)", args.out,
-                            secondsOf(wav.samplesWritten()), mixer.talkers(),
-                            mixer.talkers() == 1 ? "sender" : "senders"));
+  console.info(
+      platform::EventKind::report,
+      fmt::format("📝 Wrote {} ({:.1f} s, {} {} heard)", args.out, secondsOf(wav.samplesWritten()),
+                  mixer.talkers(), mixer.talkers() == 1 ? "sender" : "senders"));
   return 0;
 }
 
@@ -129,7 +134,7 @@ int runTalk(CommandContext& context, const Arguments& args,
   if (args.mask) {
     auto parsed = show->parseMask(*args.mask);
     if (const auto* error = std::get_if<std::string>(&parsed)) {
-      console.print(fmt::format("❌ {}", *error));
+      console.error(platform::EventKind::report, fmt::format("❌ {}", *error));
       return 1;
     }
     requested = std::get<std::uint32_t>(parsed);
@@ -140,27 +145,32 @@ int runTalk(CommandContext& context, const Arguments& args,
   const std::uint32_t allowed = session.talkMask();
   const std::uint32_t mask = requested ? *requested & allowed : allowed;
   if (allowed == 0) {
-    console.print(fmt::format("❌ {} is a listen-only role: it cannot talk", session.role()));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ {} is a listen-only role: it cannot talk", session.role()));
     session.leave();
     return 1;
   }
   if (mask == 0) {
-    console.print(fmt::format("❌ {} may not talk on {}; it talks on {}", session.role(),
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ {} may not talk on {}; it talks on {}", session.role(),
                               show->channelNames(*requested), show->channelNames(allowed)));
     session.leave();
     return 1;
   }
   if (requested && (*requested & ~allowed) != 0) {
-    console.print(fmt::format("⚠️  {} may not talk on {}; talking on {} only", session.role(),
-                              show->channelNames(*requested & ~allowed), show->channelNames(mask)));
+    console.warning(
+        platform::EventKind::report,
+        fmt::format("⚠️  {} may not talk on {}; talking on {} only", session.role(),
+                    show->channelNames(*requested & ~allowed), show->channelNames(mask)));
   }
 
-  const std::size_t frames = (samples.size() + wire::frameSamples - 1) / wire::frameSamples;
+  const std::size_t frames = (samples.size() + wire::kFrameSamples - 1) / wire::kFrameSamples;
   const double total = secondsOf(samples.size());
-  console.print(fmt::format("🎙️  Talking as {} on {}: {} ({:.1f} s)", session.role(),
-                            show->channelNames(mask), args.in, total));
-  Pacer pacer(context.clock.now(), wire::framePeriod, kTalkMaxLag);
-  std::vector<std::int16_t> frame(wire::frameSamples);
+  console.info(platform::EventKind::report,
+               fmt::format("🎙️  Talking as {} on {}: {} ({:.1f} s)", session.role(),
+                           show->channelNames(mask), args.in, total));
+  Pacer pacer(context.clock.now(), wire::kFramePeriod, kTalkMaxLag);
+  std::vector<std::int16_t> frame(wire::kFrameSamples);
   std::size_t sent = 0;
   for (; sent < frames; ++sent) {
     session.serviceUntil(pacer.next(context.clock.now()), context.stop);
@@ -168,26 +178,29 @@ int runTalk(CommandContext& context, const Arguments& args,
       break;
     }
     // The last frame is filled up with silence: receivers expect whole 20 ms frames.
-    const std::size_t first = sent * wire::frameSamples;
-    const std::size_t count = std::min(wire::frameSamples, samples.size() - first);
+    const std::size_t first = sent * wire::kFrameSamples;
+    const std::size_t count = std::min(wire::kFrameSamples, samples.size() - first);
     std::fill(
         std::copy_n(samples.begin() + static_cast<std::ptrdiff_t>(first), count, frame.begin()),
         frame.end(), std::int16_t{0});
     context.client.sendAudio(session.id(), mask, static_cast<std::uint16_t>(sent),
                              wire::sampleBytes(frame));
     if ((sent + 1) % kFramesPerProgressLine == 0 && sent + 1 < frames) {
-      const double done = secondsOf((sent + 1) * wire::frameSamples);
-      console.print(
+      const double done = secondsOf((sent + 1) * wire::kFrameSamples);
+      console.info(
+          platform::EventKind::report,
           fmt::format("▶️  {:.1f} s of {:.1f} s ({:.0f}%)", done, total,
                       100.0 * static_cast<double>(sent + 1) / static_cast<double>(frames)));
     }
   }
   session.leave();
   if (sent < frames) {
-    console.print(fmt::format("⏹️  Stopped after {:.1f} s of {:.1f} s",
-                              secondsOf(sent * wire::frameSamples), total));
+    console.info(platform::EventKind::report,
+                 fmt::format("⏹️  Stopped after {:.1f} s of {:.1f} s",
+                             secondsOf(sent * wire::kFrameSamples), total));
   } else {
-    console.print(fmt::format("✅ Played {} ({} frames, {:.1f} s)", args.in, frames, total));
+    console.info(platform::EventKind::report,
+                 fmt::format("✅ Played {} ({} frames, {:.1f} s)", args.in, frames, total));
   }
   return 0;
 }
@@ -196,33 +209,37 @@ std::optional<std::vector<std::int16_t>> loadTalkAudio(const std::string& path,
                                                        platform::Console& console) {
   const auto file = platform::readAudioFile(path);
   if (!file) {
-    console.print(fmt::format("❌ Can't read {}: {}", path, file.error()));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ Can't read {}: {}", path, file.error()));
     return std::nullopt;
   }
   if (file->frames == 0) {
-    console.print(fmt::format("❌ {} holds no audio", path));
+    console.error(platform::EventKind::report, fmt::format("❌ {} holds no audio", path));
     return std::nullopt;
   }
   if (!(file->sampleRate > 0) || !std::isfinite(file->sampleRate)) {
-    console.print(fmt::format("❌ Can't read {}: sample rate {}", path, file->sampleRate));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ Can't read {}: sample rate {}", path, file->sampleRate));
     return std::nullopt;
   }
   // Room for the exact share at 16 kHz plus the resampler's rounding.
   const double expected =
       std::ceil(static_cast<double>(file->frames) * kSampleRate / file->sampleRate);
   if (expected > static_cast<double>(std::numeric_limits<std::uint32_t>::max())) {
-    console.print(fmt::format("❌ Can't read {}: too long to hold in memory", path));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ Can't read {}: too long to hold in memory", path));
     return std::nullopt;
   }
   auto converted =
       platform::resampleToMono16(file->samples, file->channels, file->frames, file->sampleRate,
                                  kSampleRate, static_cast<std::size_t>(expected) + 32);
   if (!converted) {
-    console.print(fmt::format("❌ Can't convert {} to 16 kHz mono: {}", path, converted.error()));
+    console.error(platform::EventKind::report,
+                  fmt::format("❌ Can't convert {} to 16 kHz mono: {}", path, converted.error()));
     return std::nullopt;
   }
   if (converted->empty()) {
-    console.print(fmt::format("❌ {} holds no audio", path));
+    console.error(platform::EventKind::report, fmt::format("❌ {} holds no audio", path));
     return std::nullopt;
   }
   return std::move(*converted);

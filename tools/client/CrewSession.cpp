@@ -18,13 +18,13 @@ std::string reasonOf(const wire::SimpleMsg& message) {
   return message.reason.value_or("no reason given");
 }
 
-wire::Incoming simple(const char* type) {
+wire::Incoming simple(wire::MessageType type) {
   return wire::Incoming{type, std::nullopt, std::nullopt};
 }
 
 // The server's message in a control datagram, or nothing.
 std::optional<wire::ServerMessage> controlMessage(const Datagram& datagram) {
-  if (datagram.empty() || datagram[0] != wire::kindControl) {
+  if (datagram.empty() || datagram[0] != wire::kControlKind) {
     return std::nullopt;
   }
   return wire::decodeServerMessage(Bytes(datagram).subspan(1));
@@ -45,7 +45,7 @@ std::optional<Datagram> CrewSession::receiveBefore(platform::MonoTime until) {
 
 std::optional<ShowInfo> CrewSession::fetchShow() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    client_.send(simple("hi"));
+    client_.send(simple(wire::MessageType::hi));
     const auto deadline = clock_.now() + kAttemptTimeout;
     while (auto datagram = receiveBefore(deadline)) {
       auto message = controlMessage(*datagram);
@@ -55,14 +55,16 @@ std::optional<ShowInfo> CrewSession::fetchShow() {
       }
     }
   }
-  console_.print(fmt::format("❌ No answer from {}: is parlavox running there?", where_));
+  console_.error(platform::EventKind::report,
+                 fmt::format("❌ No answer from {}: is parlavox running there?", where_));
   return std::nullopt;
 }
 
 bool CrewSession::join(const ShowInfo& show, const std::string& role,
                        const std::optional<std::string>& name) {
   if (show.findRole(role) == nullptr) {
-    console_.print(
+    console_.error(
+        platform::EventKind::report,
         fmt::format("❌ Unknown role \"{}\" (roles on this show: {})", role, show.roleNames()));
     return false;
   }
@@ -75,22 +77,24 @@ bool CrewSession::join(const ShowInfo& show, const std::string& role,
     while (auto datagram = receiveBefore(deadline)) {
       handle(*datagram, clock_.now());
       if (joined_) {
-        nextPing_ = clock_.now() + kPingInterval;
+        nextPing_ = clock_.now() + wire::kKeepaliveInterval;
         return true;
       }
       if (refusal_) {
-        console_.print(fmt::format("❌ {} refused to let us join as \"{}\": {}", where_, role,
+        console_.error(platform::EventKind::report,
+                       fmt::format("❌ {} refused to let us join as \"{}\": {}", where_, role,
                                    reasonOf(*refusal_)));
         return false;
       }
     }
   }
-  console_.print(fmt::format("❌ No answer from {} to joining as \"{}\"", where_, role));
+  console_.error(platform::EventKind::report,
+                 fmt::format("❌ No answer from {} to joining as \"{}\"", where_, role));
   return false;
 }
 
 void CrewSession::sendJoin() {
-  client_.send(wire::Incoming{"join", name_, role_});
+  client_.send(wire::Incoming{wire::MessageType::join, name_, role_});
 }
 
 void CrewSession::serviceUntil(platform::MonoTime until, const std::atomic<bool>& stop) {
@@ -111,13 +115,14 @@ void CrewSession::keepAlive(platform::MonoTime now) {
     return;
   }
   if (now >= nextPing_) {
-    client_.send(simple("ping"));
-    nextPing_ = now + kPingInterval;
+    client_.send(simple(wire::MessageType::ping));
+    nextPing_ = now + wire::kKeepaliveInterval;
   }
   if (!silenceReported_ && now - lastHeard_ > kSilenceWarning) {
     silenceReported_ = true;
-    console_.print(fmt::format("⏱️  No word from {} for {} s; still trying", where_,
-                               std::chrono::seconds(kSilenceWarning).count()));
+    console_.info(platform::EventKind::report,
+                  fmt::format("⏱️  No word from {} for {} s; still trying", where_,
+                              std::chrono::seconds(kSilenceWarning).count()));
   }
 }
 
@@ -128,7 +133,7 @@ void CrewSession::handle(const Datagram& datagram, platform::MonoTime arrival) {
   lastHeard_ = arrival;
   if (silenceReported_) {
     silenceReported_ = false;
-    console_.print(fmt::format("✅ {} answers again", where_));
+    console_.info(platform::EventKind::report, fmt::format("✅ {} answers again", where_));
   }
   if (const auto message = controlMessage(datagram)) {
     handleControl(*message);
@@ -147,19 +152,21 @@ void CrewSession::handleControl(const wire::ServerMessage& message) {
     roster_.setSelf(id_);
   } else if (const auto* roster = std::get_if<wire::RosterMsg>(&message)) {
     for (const auto& line : roster_.update(*roster)) {
-      console_.print(line);
+      console_.info(platform::EventKind::report, line);
     }
   } else if (const auto* simple = std::get_if<wire::SimpleMsg>(&message)) {
-    if (simple->t == "error") {
+    if (simple->t == wire::MessageType::error) {
       if (joined_) {
-        console_.print(fmt::format("⚠️  {} refused us: {}", where_, reasonOf(*simple)));
+        console_.warning(platform::EventKind::report,
+                         fmt::format("⚠️  {} refused us: {}", where_, reasonOf(*simple)));
       } else {
         refusal_ = *simple;
       }
-    } else if (simple->t == "rejoin" && joined_) {
+    } else if (simple->t == wire::MessageType::rejoin && joined_) {
       // The server has forgotten us (it restarted, or we were silent too long): the same join
       // again gets us back, perhaps under another id.
-      console_.print(fmt::format("⚠️  {} had lost track of us; joining again", where_));
+      console_.warning(platform::EventKind::report,
+                       fmt::format("⚠️  {} had lost track of us; joining again", where_));
       sendJoin();
     }
   }
@@ -167,7 +174,7 @@ void CrewSession::handleControl(const wire::ServerMessage& message) {
 
 void CrewSession::leave() {
   if (joined_) {
-    client_.send(simple("bye"));
+    client_.send(simple(wire::MessageType::bye));
     joined_ = false;
   }
 }

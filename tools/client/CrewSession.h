@@ -22,7 +22,6 @@ class CrewSession {
  public:
   using AudioHandler = std::function<void(const Audio& audio, platform::MonoTime arrival)>;
 
-  static constexpr auto kPingInterval = std::chrono::seconds(2);
   // Long enough to span two missed pongs; the server itself forgets a client after 8 s.
   static constexpr auto kSilenceWarning = std::chrono::seconds(5);
 

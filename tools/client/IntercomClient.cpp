@@ -25,7 +25,7 @@ std::optional<Audio> Audio::parse(std::span<const std::uint8_t> datagram) {
   }
   Audio audio;
   static_cast<wire::AudioHeader&>(audio) = *header;
-  audio.samples.assign(datagram.begin() + wire::AudioHeader::size, datagram.end());
+  audio.samples.assign(datagram.begin() + wire::AudioHeader::kSize, datagram.end());
   return audio;
 }
 
@@ -168,7 +168,7 @@ std::optional<Datagram> IntercomClient::receive(std::chrono::milliseconds timeou
 }
 
 void IntercomClient::keep(Datagram datagram) {
-  if (!datagram.empty() && datagram[0] == wire::kindControl) {
+  if (!datagram.empty() && datagram[0] == wire::kControlKind) {
     auto parsed = nlohmann::json::parse(datagram.begin() + 1, datagram.end(), nullptr, false);
     if (!parsed.is_discarded()) {
       controls_.push_back(std::move(parsed));
@@ -221,14 +221,14 @@ void IntercomClient::collect(std::chrono::milliseconds window) {
 }
 
 std::optional<nlohmann::json> IntercomClient::hi(std::chrono::milliseconds timeout) {
-  send(wire::Incoming{"hi", std::nullopt, std::nullopt});
+  send(wire::Incoming{wire::MessageType::hi, std::nullopt, std::nullopt});
   return nextControl(timeout);
 }
 
 std::optional<nlohmann::json> IntercomClient::join(const std::optional<std::string>& name,
                                                    const std::string& role,
                                                    std::chrono::milliseconds timeout) {
-  send(wire::Incoming{"join", name, role});
+  send(wire::Incoming{wire::MessageType::join, name, role});
   return nextControl(timeout);
 }
 

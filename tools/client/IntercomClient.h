@@ -31,7 +31,7 @@ class IntercomClient {
   // Resolves `host` (name or address) and connects a UDP socket to it, from the local IPv4
   // address `from` if one is given (any of 127.0.0.0/8 on loopback: one machine playing many crew
   // devices). Throws std::system_error.
-  explicit IntercomClient(const std::string& host, std::uint16_t port = wire::intercomPort,
+  explicit IntercomClient(const std::string& host, std::uint16_t port = wire::kIntercomPort,
                           const std::string& from = {});
   ~IntercomClient();
   IntercomClient(const IntercomClient&) = delete;
@@ -90,7 +90,7 @@ class IntercomClient {
   std::optional<Impairment> impairment_;
   std::mt19937 random_;
   std::vector<std::pair<std::chrono::steady_clock::time_point, Datagram>> held_;
-  Datagram buffer_ = Datagram(wire::maxDatagram + 1);
+  Datagram buffer_ = Datagram(wire::kMaxDatagram + 1);
   std::deque<nlohmann::json> controls_;
   std::deque<Audio> audio_;
 };

@@ -22,7 +22,7 @@ namespace parlavox::client {
 // talker and a quiet one mix without the quiet one being clipped twice.
 class Mixer {
  public:
-  static constexpr std::size_t kSlotSamples = wire::frameSamples;
+  static constexpr std::size_t kSlotSamples = wire::kFrameSamples;
   // How far, in samples, sequence-based placement may stray from arrival before it is given up.
   static constexpr std::uint64_t kMaxDrift = 10 * kSlotSamples;
   // The largest jump of sequence numbers still counted as the same stretch of speech.

@@ -24,7 +24,7 @@ namespace parlavox::client {
 class StationClient {
  public:
   // Connects and opens the WebSocket. Throws boost::system::system_error.
-  explicit StationClient(const std::string& host, std::uint16_t port = wire::intercomPort);
+  explicit StationClient(const std::string& host, std::uint16_t port = wire::kIntercomPort);
   ~StationClient();
   StationClient(const StationClient&) = delete;
   StationClient& operator=(const StationClient&) = delete;

@@ -46,24 +46,26 @@ void catchStopSignals() {
 
 struct Server {
   std::string address;
-  std::uint16_t port = parlavox::wire::intercomPort;
+  std::uint16_t port = parlavox::wire::kIntercomPort;
   std::string where;  // for console lines
 };
 
 std::optional<Server> findServer(const Arguments& args, parlavox::platform::Console& console) {
   if (args.host) {
-    return Server{*args.host, parlavox::wire::intercomPort, *args.host};
+    return Server{*args.host, parlavox::wire::kIntercomPort, *args.host};
   }
   const auto service =
-      parlavox::client::AvahiBrowser::findFirst(parlavox::wire::serviceType, kDiscoveryTimeout);
+      parlavox::client::AvahiBrowser::findFirst(parlavox::wire::kServiceType, kDiscoveryTimeout);
   if (!service) {
-    console.print(
+    console.error(
+        parlavox::platform::EventKind::report,
         fmt::format("❌ No server found: {} (give the server's address: parlavox-client HOST ...)",
                     service.error()));
     return std::nullopt;
   }
-  console.print(fmt::format("🔎 Found \"{}\" at {} ({}), port {}", service->name, service->host,
-                            service->address, service->port));
+  console.info(parlavox::platform::EventKind::report,
+               fmt::format("🔎 Found \"{}\" at {} ({}), port {}", service->name, service->host,
+                           service->address, service->port));
   return Server{service->address, service->port, fmt::format("\"{}\"", service->name)};
 }
 
@@ -73,11 +75,12 @@ int run(int argc, char** argv) {
   const std::vector<std::string_view> words(argv + 1, argv + argc);
   const auto parsed = parlavox::client::parseArguments(words);
   if (std::holds_alternative<parlavox::client::HelpRequest>(parsed)) {
-    console.print(parlavox::client::usageText());
+    console.info(parlavox::platform::EventKind::report, parlavox::client::usageText());
     return 0;
   }
   if (const auto* error = std::get_if<parlavox::client::UsageError>(&parsed)) {
-    console.print(fmt::format("❌ {} (see parlavox-client --help)", error->message));
+    console.error(parlavox::platform::EventKind::report,
+                  fmt::format("❌ {} (see parlavox-client --help)", error->message));
     return 2;
   }
   const auto& args = std::get<Arguments>(parsed);
@@ -98,7 +101,8 @@ int run(int argc, char** argv) {
   try {
     client = std::make_unique<parlavox::client::IntercomClient>(server->address, server->port);
   } catch (const std::system_error& e) {
-    console.print(fmt::format("❌ Can't reach {}: {}", server->where, e.what()));
+    console.error(parlavox::platform::EventKind::report,
+                  fmt::format("❌ Can't reach {}: {}", server->where, e.what()));
     return 1;
   }
   catchStopSignals();
@@ -122,7 +126,8 @@ int main(int argc, char** argv) {
     return run(argc, argv);
   } catch (const std::exception& e) {
     // Only allocation failures and the like get here; say so rather than abort.
-    parlavox::platform::StdoutConsole().print(fmt::format("❌ {}", e.what()));
+    parlavox::platform::StdoutConsole().error(parlavox::platform::EventKind::report,
+                                              fmt::format("❌ {}", e.what()));
     return 1;
   }
 }

@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 // What the sessions print (roster changes of sixteen clients) is not the soak's report.
 class Silent final : public platform::Console {
  public:
-  void print(std::string_view /*message*/) override {}
+  void print(const platform::ConsoleEvent& /*event*/) override {}
 };
 
 struct Member {
@@ -49,7 +49,7 @@ void crewMember(std::size_t n, std::size_t crew, Member& member, const std::atom
   static const char* const kRoles[] = {"Stage Manager", "Lighting", "Sound", "Backstage Crew"};
   Silent console;
   platform::SteadyClock clock;
-  client::IntercomClient link("127.0.0.1", wire::intercomPort, fmt::format("127.1.0.{}", n + 1));
+  client::IntercomClient link("127.0.0.1", wire::kIntercomPort, fmt::format("127.1.0.{}", n + 1));
   link.impair({.loss = 0.03,
                .reorder = 0.05,
                .duplicate = 0.01,
@@ -61,7 +61,7 @@ void crewMember(std::size_t n, std::size_t crew, Member& member, const std::atom
   }
   while (!stop && !session.join(*show, kRoles[n % 4], fmt::format("Crew {}", n + 1))) {
   }
-  const std::vector<std::uint8_t> samples(wire::frameBytes, 0x22);
+  const std::vector<std::uint8_t> samples(wire::kFrameBytes, 0x22);
   const auto turn = std::chrono::seconds(2 * crew / 2);  // two talking at a time
   const auto start = clock.now();
   std::uint16_t seq = 0;
@@ -72,7 +72,7 @@ void crewMember(std::size_t n, std::size_t crew, Member& member, const std::atom
       link.sendAudio(session.id(), session.talkMask(), seq++, samples);
       ++member.sent;
     }
-    session.serviceUntil(now + wire::framePeriod, stop);
+    session.serviceUntil(now + wire::kFramePeriod, stop);
     member.joined = session.joined();
   }
   session.leave();

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace parlavox::platform {
+
+// A machine on the network, as every transport names it: an IPv6 address, IPv4 hosts mapped into
+// it (::ffff:a.b.c.d). What per-host limits and the peers' addresses key on.
+struct HostAddress {
+  std::array<std::uint8_t, 16> bytes{};
+  bool operator==(const HostAddress&) const = default;
+};
+
+struct HostAddressHash {
+  std::size_t operator()(const HostAddress& host) const noexcept;
+};
+
+}  // namespace parlavox::platform
