@@ -30,7 +30,7 @@
 #include "platform/UdpNetwork.h"
 #include "platform/WebPeerListener.h"
 #include "relay/IntercomServer.h"
-#include "station/StationFiles.h"
+#include "web/WebFiles.h"
 #include "wire/Protocol.h"
 
 namespace {
@@ -153,8 +153,13 @@ std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_conte
     if (path == "/metrics") {
       return platform::WebDocument{"text/plain; version=0.0.4; charset=utf-8", monitor.metrics()};
     }
-    if (const auto file = station::stationFile(path)) {
-      return platform::WebDocument{std::string(file->contentType), std::string(file->bytes)};
+    const std::string_view name = path == "/"          ? "station/index.html"
+                                  : path == "/monitor" ? "monitor/index.html"
+                                                       : path.substr(1);
+    for (const web::WebFile& file : web::webFiles()) {
+      if (file.path == name) {
+        return platform::WebDocument{std::string(file.contentType), std::string(file.bytes)};
+      }
     }
     return std::nullopt;
   };

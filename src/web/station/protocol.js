@@ -1,12 +1,8 @@
 // Datagrams exchanged with the intercom server. The WebSocket carries them byte for byte:
 // one binary message is one datagram, first byte says what it is.
-export const KIND_CONTROL = 0x01;
-export const KIND_AUDIO = 0x02;
-export const ANNOUNCER_ID = 0xffff; // the server's own text-to-speech announcements
-export const SAMPLE_RATE = 16000;
-export const FRAME_SAMPLES = 320; // 20 ms
+import { AUDIO_HEADER_SIZE as AUDIO_HEADER, KIND_AUDIO, KIND_CONTROL } from "../shared/constants.js";
 
-const AUDIO_HEADER = 9; // kind u8, sender u16, mask u32, seq u16, all little-endian
+export { ANNOUNCER_ID, FRAME_SAMPLES, KIND_AUDIO, KIND_CONTROL, SAMPLE_RATE } from "../shared/constants.js";
 const encoder = new TextEncoder();
 const decoder = new TextDecoder();
 

@@ -32,8 +32,8 @@ export class StationAudio {
       : Promise.resolve(null);
     try {
       await Promise.all([
-        ctx.audioWorklet.addModule("/capture-worklet.js"),
-        ctx.audioWorklet.addModule("/playback-worklet.js"),
+        ctx.audioWorklet.addModule("/station/capture-worklet.js"),
+        ctx.audioWorklet.addModule("/station/playback-worklet.js"),
       ]);
     } catch (err) {
       micRequest.then((stream) => stream?.getTracks().forEach((t) => t.stop()));
@@ -62,7 +62,7 @@ export class StationAudio {
       try {
         ctx = this.captureCtx = new AudioContext({ latencyHint: "interactive" });
         ctx.resume().catch(() => {});
-        await ctx.audioWorklet.addModule("/capture-worklet.js");
+        await ctx.audioWorklet.addModule("/station/capture-worklet.js");
         source = ctx.createMediaStreamSource(stream);
         this.down = { step: ctx.sampleRate / SAMPLE_RATE, t: 0, sum: 0, n: 0 };
       } catch {
