@@ -65,14 +65,13 @@ extern "C" int LLVMFuzzerTestOneInput(  // NOLINT(readability-identifier-naming)
     const std::uint8_t* data, std::size_t size) {
   test::FakeClock clock;
   test::SimulatedLoop loop(clock);
-  test::FakeNetwork network;
+  test::FakePeerListener port;
   test::FakeAdvertiser advertiser;
   test::FakeConsole console;
   auto server = IntercomServer::create(
-      Show(defaultConfig()), ServerPlatform{loop, network, advertiser, clock, console},
+      Show(defaultConfig()), ServerPlatform{loop, advertiser, clock, console},
       [](int) { require(false, "the intercom port is never lost"); });
-  server->start(wire::kIntercomPort);
-  test::FakePeerListener& port = *network.peers;
+  server->start(port);
 
   Bytes script(data, size);
   while (script.size() >= 2) {

@@ -1,4 +1,4 @@
-// parlavox: the intercom server. One optional argument, the roles file; no options.
+// parlavox: the intercom server. One optional argument, the roles file; --help and --version.
 //
 // This file is where the parts meet: the show, the platform's services, the relay and the
 // announcements are made here and wired to each other, and nowhere else.
@@ -23,14 +23,16 @@
 #include "platform/AvahiAdvertiser.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
+#include "platform/HttpsServer.h"
 #include "platform/Interfaces.h"
 #include "platform/QrCode.h"
 #include "platform/SystemdNotifier.h"
 #include "platform/TlsIdentity.h"
 #include "platform/UdpNetwork.h"
-#include "platform/WebPeerListener.h"
 #include "relay/IntercomServer.h"
-#include "web/WebFiles.h"
+#include "web/Feed.h"
+#include "web/Routes.h"
+#include "web/WebPeers.h"
 #include "wire/Protocol.h"
 
 namespace {
@@ -119,21 +121,12 @@ std::string stateDirectory() {
   return directory != nullptr ? directory : "";
 }
 
-constexpr const char* kMonitorFeed = "/monitor/events";
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
 
-struct Station {
-  platform::TlsIdentity identity;
-  platform::WebPeerListener* web = nullptr;  // owned by the relay, which serves its peers
-};
-
-// The crew station on the TCP port of the intercom's number, with the monitor and the metrics:
-// its certificate (made on the first start, kept beside the roles file, or in the state directory
-// under systemd) and its listener. Nothing when it cannot be had: the intercom itself never
-// depends on it.
-std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_context& context,
-                                    const std::string& directory, const Monitor& monitor,
-                                    platform::Console& console) {
+// The crew station's certificate: made on the first start, then kept in `directory` (beside the
+// roles file, or the state directory under systemd). Nothing when it cannot be had.
+std::optional<platform::TlsIdentity> stationIdentity(const std::string& directory,
+                                                     platform::Console& console) {
   platform::TlsNames names{.dns = {"localhost"}, .ipv4 = {"127.0.0.1"}};
   if (const std::string host = platform::hostName(); !host.empty()) {
     names.dns.push_back(host);
@@ -149,33 +142,47 @@ std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_conte
                                 directory, identity.error()));
     return std::nullopt;
   }
-  const auto pages = [&monitor](std::string_view path) -> std::optional<platform::WebDocument> {
-    if (path == "/metrics") {
-      return platform::WebDocument{"text/plain; version=0.0.4; charset=utf-8", monitor.metrics()};
-    }
-    const std::string_view name = path == "/"          ? "station/index.html"
-                                  : path == "/monitor" ? "monitor/index.html"
-                                                       : path.substr(1);
-    for (const web::WebFile& file : web::webFiles()) {
-      if (file.path == name) {
-        return platform::WebDocument{std::string(file.contentType), std::string(file.bytes)};
-      }
-    }
-    return std::nullopt;
-  };
+  return std::move(*identity);
+}
+
+// The crew station, the monitor and the metrics, on the TCP port of the intercom's number.
+// Nothing when the port cannot be had: the intercom itself never depends on it.
+std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& context,
+                                                   const platform::TlsIdentity& identity,
+                                                   web::Routes& routes, platform::Clock& clock,
+                                                   platform::Console& console) {
   try {
-    auto web = std::make_unique<platform::WebPeerListener>(
-        context, wire::kIntercomPort, *identity, pages, std::vector<std::string>{kMonitorFeed});
-    Station station{*identity, web.get()};
-    relay.serve(std::move(web));
+    auto station = std::make_unique<platform::HttpsServer>(context, wire::kIntercomPort, identity,
+                                                           routes, clock);
+    station->start();
     return station;
   } catch (const std::exception& error) {
     console.warning(platform::EventKind::service,
                     fmt::format("⚠️  Crew station unavailable: TCP port {}: {}",
                                 wire::kIntercomPort, error.what()));
-    return std::nullopt;
+    return nullptr;
   }
 }
+
+constexpr const char* kUsage = R"(usage: parlavox [ROLES_FILE]
+       parlavox --help | --version
+
+The intercom server for a theatre crew: UDP port 50505 for crew devices, the crew station and
+the operator's monitor over HTTPS on TCP port 50505, OSC announcements on the roles file's
+oscPort (47000 unless it says otherwise).
+
+  ROLES_FILE  the show: its channels and roles (default: roles.json here, written with the
+              built-in show when there is none)
+
+Environment:
+  STATE_DIRECTORY  a directory of the server's own (systemd sets it for the service:
+                   /var/lib/parlavox): its roles.json stands in when there is nothing at
+                   ROLES_FILE, and the certificate is kept there
+  PARLAVOX_VOICE   the voice parlavox-say speaks announcements in ("fr", "en-us"); else the
+                   locale's language (LC_ALL, LC_MESSAGES, LANG), else English
+
+The crew station's certificate and key, parlavox-cert.pem and parlavox-key.pem, are made on the
+first start and kept beside the roles file, or in STATE_DIRECTORY.)";
 
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
@@ -184,6 +191,15 @@ std::optional<Station> startStation(IntercomServer& relay, boost::asio::io_conte
 }
 
 int run(int argc, char** argv, platform::Console& terminal) {
+  const std::string_view first = argc >= 2 ? argv[1] : "";
+  if (first == "--help" || first == "-h") {
+    terminal.info(platform::EventKind::report, kUsage);
+    return 0;
+  }
+  if (first == "--version") {
+    terminal.info(platform::EventKind::report, fmt::format("parlavox {}", PARLAVOX_VERSION));
+    return 0;
+  }
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
   const Show show(loadConfig(configPath, terminal, state));
@@ -200,35 +216,44 @@ int run(int argc, char** argv, platform::Console& terminal) {
   platform::AvahiAdvertiser advertiser(console);
   const platform::SystemdNotifier systemd;
   Announcer announcer(defaultSayCommand(), console, clock);
-  const auto relay = IntercomServer::create(
-      show, ServerPlatform{loop, network, advertiser, clock, console}, endProcess);
+  const auto relay =
+      IntercomServer::create(show, ServerPlatform{loop, advertiser, clock, console}, endProcess);
   const auto announcements =
       Announcements::create(show, loop, network, console, announcer,
                             [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
                               relay.sendToChannels(mask, head, body);
                             });
+  std::unique_ptr<platform::PeerListener> intercom;
   try {
-    relay->start(wire::kIntercomPort,
+    intercom = network.listenPeers(wire::kIntercomPort);
+    relay->start(*intercom,
                  [&systemd, &loop, &relay = *relay] { reportToSystemd(systemd, loop, relay); });
     announcements->start();
   } catch (const std::exception& error) {
     console.error(platform::EventKind::service, fmt::format("❌ Couldn't start: {}", error.what()));
     return 1;
   }
+
+  Monitor monitor(show, *relay, *announcements, console, clock);
+  web::WebPeers browsers(*relay);
+  web::Feed monitorFeed;
+  web::Routes routes({.crew = browsers,
+                      .monitorFeed = monitorFeed,
+                      .metrics = {"text/plain; version=0.0.4; charset=utf-8",
+                                  [&monitor] { return monitor.metrics(); }}});
   const std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  Monitor monitor(show, *relay, *announcements, console, clock);
-  const auto station = startStation(*relay, loop.context(),
-                                    certificates.empty() ? "." : certificates, monitor, console);
+  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, console);
+  const auto station =
+      identity ? openStation(loop.context(), *identity, routes, clock, console) : nullptr;
   if (station) {
-    monitor.showAsBrowsers(station->web);
-    loop.every(kMonitorPeriod, [&monitor, web = station->web] {
-      if (web->hasReaders(kMonitorFeed)) {
-        web->publish(kMonitorFeed, monitor.snapshot());
+    loop.every(kMonitorPeriod, [&monitor, &monitorFeed] {
+      if (monitorFeed.hasReaders()) {
+        monitorFeed.publish(monitor.snapshot());
       }
     });
   }
-  printReport(show.config(), station ? &station->identity : nullptr, systemd.active(), console);
+  printReport(show.config(), station ? &*identity : nullptr, systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {

@@ -19,10 +19,6 @@ class Monitor {
   Monitor(const Show& show, const IntercomServer& relay, const Announcements& announcements,
           const EventLog& log, platform::Clock& clock);
 
-  // Main thread, before the loop runs. The crew station's transport, whose peers are shown as
-  // browsers.
-  void showAsBrowsers(const platform::Transport* browsers) { browsers_ = browsers; }
-
   // The monitor page's snapshot, as JSON: the crew with their link health, the announcements,
   // the log and the uptime.
   std::string snapshot() const;
@@ -36,7 +32,6 @@ class Monitor {
   const Announcements& announcements_;
   const EventLog& log_;
   platform::Clock& clock_;
-  const platform::Transport* browsers_ = nullptr;
   const platform::MonoTime started_;
 };
 

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace parlavox::platform {
@@ -11,16 +10,16 @@ namespace parlavox::platform {
 // are worked around and reported on the console by the implementation itself.
 class Advertiser {
  public:
+  // Any thread (the implementation's own): whether the service is on the network now. Called
+  // when the daemon first answers for it, and again at each loss (an outage, a failure) and each
+  // recovery; a rename after a name collision changes nothing.
+  using StateHandler = std::function<void(bool advertised)>;
+
   virtual ~Advertiser() = default;
   // Main thread or loop thread, once. Keeps the service advertised for the life of the object,
   // re-registering when the daemon comes back after a restart.
-  virtual void advertise(const std::string& name, const std::string& type, std::uint16_t port) = 0;
+  virtual void advertise(const std::string& name, const std::string& type, std::uint16_t port,
+                         StateHandler onChange) = 0;
 };
-
-// The line that tells the operator the intercom is listening and advertised: printed once the
-// port is open, and again when the service is advertised anew after the daemon went away.
-inline std::string advertisedLine(std::uint16_t port) {
-  return fmt::format("✅ Listening on UDP port {} and advertising on Bonjour", port);
-}
 
 }  // namespace parlavox::platform

@@ -128,11 +128,12 @@ AvahiAdvertiser::~AvahiAdvertiser() {
 }
 
 void AvahiAdvertiser::advertise(const std::string& name, const std::string& type,
-                                std::uint16_t port) {
+                                std::uint16_t port, StateHandler onChange) {
   if (started_) {
     return;
   }
   started_ = true;
+  onChange_ = std::move(onChange);
   try {
     poll_ = avahi_threaded_poll_new();
     if (poll_ == nullptr) {
@@ -175,12 +176,16 @@ void AvahiAdvertiser::onRunning(AvahiClient* client) {
 }
 
 void AvahiAdvertiser::onEstablished() {
-  if (!recovering_) {
-    return;  // the first advertisement: the listener's own line has said so
+  advertised(true);
+}
+
+void AvahiAdvertiser::advertised(bool now) {
+  if (now != advertised_) {
+    advertised_ = now;
+    if (onChange_) {
+      onChange_(now);
+    }
   }
-  recovering_ = false;
-  // The same words as when the listener came up: the operator sees the warning undone.
-  console_.info(EventKind::report, advertisedLine(port_));
 }
 
 void AvahiAdvertiser::onDisconnected(AvahiClient* client, int error) {
@@ -261,7 +266,7 @@ void AvahiAdvertiser::reportOutage(int error) {
     return;
   }
   outageReported_ = true;
-  recovering_ = true;
+  advertised(false);
   if (meansNoDaemon(error)) {
     console_.warning(EventKind::service, kUnavailable);
   } else {
@@ -274,6 +279,7 @@ void AvahiAdvertiser::reportOutage(int error) {
 }
 
 void AvahiAdvertiser::reportFailure(int error) {
+  advertised(false);
   console_.warning(
       EventKind::service,
       fmt::format("⚠️  Bonjour advertisement failed ({}): clients can still connect by address",

@@ -17,7 +17,7 @@ namespace parlavox::platform {
 // DNS-SD advertisement through the Avahi daemon (avahi-client over D-Bus). Everything Avahi does
 // runs on Avahi's own thread; the server keeps serving whatever happens here. A daemon (or system
 // bus) that is missing at start-up or goes away later is waited for with one warning, and the
-// service is registered again as soon as it is back, with one line that says so.
+// service is registered again as soon as it is back; whoever asked hears of each change.
 class AvahiAdvertiser final : public Advertiser {
  public:
   // Any thread. Prints nothing and starts nothing until advertise().
@@ -31,7 +31,8 @@ class AvahiAdvertiser final : public Advertiser {
   // Main thread or loop thread, once; later calls are ignored. Advertises `name` (the instance
   // name) under `type` in the default domain on every interface and protocol, without TXT data.
   // Never throws; problems are reported on the console.
-  void advertise(const std::string& name, const std::string& type, std::uint16_t port) override;
+  void advertise(const std::string& name, const std::string& type, std::uint16_t port,
+                 StateHandler onChange) override;
 
  private:
   struct Callbacks;  // the C callbacks that Avahi calls, with access to the members below
@@ -47,6 +48,7 @@ class AvahiAdvertiser final : public Advertiser {
   void scheduleRetry();
   void reportOutage(int error);
   void reportFailure(int error);
+  void advertised(bool now);
 
   Console& console_;
   AvahiThreadedPoll* poll_ = nullptr;
@@ -55,8 +57,9 @@ class AvahiAdvertiser final : public Advertiser {
   AvahiTimeout* retry_ = nullptr;     // re-creates the client while the system bus is missing
   bool started_ = false;
   bool outageReported_ = false;  // one warning per outage, not one per retry
-  bool recovering_ = false;      // an outage was reported; say so once advertised again
-  std::string name_;             // the name currently wanted; changes after a collision
+  bool advertised_ = false;      // as last told to onChange_
+  StateHandler onChange_;
+  std::string name_;  // the name currently wanted; changes after a collision
   std::string type_;
   std::uint16_t port_ = 0;
 };

@@ -17,6 +17,8 @@ class PeerListener : public Transport {
     std::function<void()> onReady;
     std::function<void(std::string_view error)> onFailed;  // the port is lost for good
   };
+  // Any thread. The port it is bound to.
+  virtual std::uint16_t port() const = 0;
   // Loop thread (or the main thread before the loop runs). Starts receiving; everything is
   // reported on the loop.
   virtual void start(Receiver& receiver, Handlers handlers) = 0;

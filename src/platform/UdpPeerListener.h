@@ -19,6 +19,7 @@ class UdpPeerListener final : public PeerListener {
                   SocketCalls& calls = SocketCalls::system());
 
   Kind kind() const override { return Kind::udp; }
+  std::uint16_t port() const override { return socket_.port(); }
   void start(Receiver& receiver, Handlers handlers) override;
   void send(const PeerAddress& to, Bytes head, Bytes body) override;
   void end(const PeerAddress& peer) override;

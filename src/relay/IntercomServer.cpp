@@ -28,26 +28,33 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
       exit_(std::move(exit)),
       configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})) {}
 
-void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
-  listener_ = platform_.network.listenPeers(port);
-  platform_.advertiser.advertise(show_.name(), wire::kServiceType, port);
-  listener_->start(*this, {
-                              .onReady =
-                                  [this, port, onReady = std::move(onReady)] {
-                                    platform_.console.info(platform::EventKind::report,
-                                                           platform::advertisedLine(port));
-                                    if (onReady) {
-                                      onReady();
-                                    }
-                                  },
-                              .onFailed =
-                                  [this](std::string_view error) {
-                                    platform_.console.error(
-                                        platform::EventKind::service,
-                                        fmt::format("❌ Listener failed: {}", error));
-                                    exit_(1);
-                                  },
-                          });
+void IntercomServer::start(platform::PeerListener& intercom, std::function<void()> onReady) {
+  port_ = intercom.port();
+  platform_.advertiser.advertise(show_.name(), wire::kServiceType, port_,
+                                 [this, weak = weak_from_this()](bool advertised) {
+                                   platform_.loop.post([weak, advertised] {
+                                     if (auto self = weak.lock()) {
+                                       self->advertisedChanged(advertised);
+                                     }
+                                   });
+                                 });
+  intercom.start(*this, {
+                            .onReady =
+                                [this, onReady = std::move(onReady)] {
+                                  listening_ = true;
+                                  reportListening();
+                                  if (onReady) {
+                                    onReady();
+                                  }
+                                },
+                            .onFailed =
+                                [this](std::string_view error) {
+                                  platform_.console.error(
+                                      platform::EventKind::service,
+                                      fmt::format("❌ Listener failed: {}", error));
+                                  exit_(1);
+                                },
+                        });
   platform_.loop.every(kSweepPeriod, [weak = weak_from_this()] {
     if (auto self = weak.lock()) {
       self->sweep();
@@ -60,12 +67,20 @@ void IntercomServer::start(std::uint16_t port, std::function<void()> onReady) {
   });
 }
 
-void IntercomServer::serve(std::unique_ptr<platform::PeerListener> transport) {
-  transport->start(*this, {.onReady = {}, .onFailed = [this](std::string_view error) {
-                             platform_.console.warning(platform::EventKind::service,
-                                                       fmt::format("⚠️  {}", error));
-                           }});
-  transports_.push_back(std::move(transport));
+// The operator is told the port listens, and whether crew devices can find it by name: the whole
+// line again once the advertisement is up after it was not (as after an Avahi restart).
+void IntercomServer::reportListening() {
+  platform_.console.info(
+      platform::EventKind::report,
+      advertised_ ? fmt::format("✅ Listening on UDP port {} and advertising on Bonjour", port_)
+                  : fmt::format("✅ Listening on UDP port {}", port_));
+}
+
+void IntercomServer::advertisedChanged(bool advertised) {
+  advertised_ = advertised;
+  if (advertised && listening_) {
+    reportListening();
+  }
 }
 
 void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) {

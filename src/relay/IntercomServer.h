@@ -23,7 +23,6 @@ namespace parlavox {
 // What the relay needs of the machine. Everything here outlives the server.
 struct ServerPlatform {
   platform::EventLoop& loop;
-  platform::Network& network;
   platform::Advertiser& advertiser;
   platform::Clock& clock;
   platform::Console& console;
@@ -60,15 +59,11 @@ class IntercomServer final : public platform::Transport::Receiver,
   static std::shared_ptr<IntercomServer> create(Show show, ServerPlatform platform,
                                                 ExitPolicy exit);
 
-  // Main thread, once, before the loop runs. Opens the intercom port on `port`, advertises it by
-  // DNS-SD and starts the liveness sweep; `onReady` runs on the loop thread once the port answers.
-  // Throws std::system_error when the port cannot be had.
-  void start(std::uint16_t port, std::function<void()> onReady = {});
-
-  // Main thread, after start() and before the loop runs. Serves the peers of one more transport
-  // beside the intercom port, such as the crew station's WebSocket sessions. The intercom never
-  // depends on it: should it fail, that is a warning and the intercom carries on.
-  void serve(std::unique_ptr<platform::PeerListener> transport);
+  // Main thread, once, before the loop runs. Serves the peers of the intercom's port, which
+  // outlives the server, advertises it by DNS-SD and starts the liveness sweep; `onReady` runs on
+  // the loop thread once the port answers. The peers of any other transport (the browsers') are
+  // served as they come, through deliver() and ended().
+  void start(platform::PeerListener& intercom, std::function<void()> onReady = {});
 
   // Loop thread.
   CrewCount crew() const;
@@ -92,6 +87,8 @@ class IntercomServer final : public platform::Transport::Receiver,
   void remove(platform::PeerAddress address);
   void sweep();
   void checkLinks();
+  void reportListening();
+  void advertisedChanged(bool advertised);
   void rosterChanged();
   void broadcastRoster();
   template <typename Message>
@@ -109,8 +106,9 @@ class IntercomServer final : public platform::Transport::Receiver,
   RateLimiter joins_{32, 8};
   std::optional<platform::MonoTime> lastRoster_;
   bool rosterScheduled_ = false;
-  std::unique_ptr<platform::PeerListener> listener_;
-  std::vector<std::unique_ptr<platform::PeerListener>> transports_;
+  std::uint16_t port_ = 0;
+  bool listening_ = false;   // the intercom's port answers
+  bool advertised_ = false;  // as the advertiser last said
 };
 
 }  // namespace parlavox

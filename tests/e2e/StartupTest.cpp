@@ -41,7 +41,9 @@ TEST(Startup, InAnEmptyDirectoryWritesTheDefaultShowAndReports) {
   TempDir dir;
   ChildProcess server(parlavoxBinary(), {}, dir.path());
   ASSERT_TRUE(server.waitForLine("Press Ctrl-C to stop."));
-  ASSERT_TRUE(server.waitForLine("✅ Listening on UDP port 50505 and advertising on Bonjour"));
+  // No Avahi daemon in the test's namespace: the line must not claim an advertisement.
+  ASSERT_TRUE(server.waitForLine("✅ Listening on UDP port 50505"));
+  EXPECT_EQ(server.count("advertising on Bonjour"), 0U);
 
   EXPECT_EQ(readFile(dir / "roles.json"), encodeConfig(defaultConfig()));
   const auto lines = server.lines();
@@ -90,6 +92,27 @@ TEST(Startup, TheFirstArgumentNamesTheRolesFileAndTheRestAreIgnored) {
   const auto lines = server.lines();
   EXPECT_NE(std::find(lines.begin(), lines.end(), "   Channels: "), lines.end());
   EXPECT_FALSE(std::filesystem::exists(dir / "roles.json"));
+}
+
+// --help and --version answer and end; they are never taken for a roles file.
+TEST(Startup, HelpAndVersionPrintAndEndWithoutServing) {
+  TempDir dir;
+  const ChildRun help = runToEnd(parlavoxBinary(), {"--help"}, dir.path());
+  EXPECT_EQ(help.status, 0);
+  ASSERT_FALSE(help.lines.empty());
+  EXPECT_EQ(help.lines[0], "usage: parlavox [ROLES_FILE]");
+  for (const char* mentioned :
+       {"ROLES_FILE", "STATE_DIRECTORY", "PARLAVOX_VOICE", "parlavox-cert.pem"}) {
+    EXPECT_TRUE(std::any_of(help.lines.begin(), help.lines.end(), [&](const std::string& line) {
+      return line.find(mentioned) != std::string::npos;
+    })) << mentioned;
+  }
+  const ChildRun version = runToEnd(parlavoxBinary(), {"--version"}, dir.path());
+  EXPECT_EQ(version.status, 0);
+  ASSERT_EQ(version.lines.size(), 1U);
+  EXPECT_TRUE(version.lines[0].starts_with("parlavox ")) << version.lines[0];
+  EXPECT_EQ(help.standardError + version.standardError, "");
+  EXPECT_EQ(dir.entries(), std::vector<std::string>{}) << "nothing written";
 }
 
 TEST(Startup, ThirtyTwoChannelsStartAndThirtyThreeDoNot) {

@@ -141,7 +141,6 @@ TEST_F(Station, ServesThePageOverHttpsAndKeepsItsCertificate) {
     return run.lines.empty() ? std::string() : run.lines.front();
   };
   EXPECT_EQ(fetch("https://127.0.0.1:50505/"), "200 text/html; charset=utf-8 ");
-  EXPECT_EQ(fetch("https://127.0.0.1:50505/no-such-file"), "404 text/plain ");
   EXPECT_EQ(fetch("http://127.0.0.1:50505/station.js?v=1"),
             "301  https://127.0.0.1:50505/station.js?v=1");
 

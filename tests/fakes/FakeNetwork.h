@@ -19,6 +19,7 @@ using Datagram = std::vector<std::uint8_t>;
 class FakePeerListener final : public platform::PeerListener {
  public:
   Kind kind() const override { return Kind::udp; }
+  std::uint16_t port() const override { return 50505; }
   void start(Receiver& receiver, Handlers handlers) override {
     receiver_ = &receiver;
     handlers_ = std::move(handlers);
@@ -42,6 +43,7 @@ class FakePeerListener final : public platform::PeerListener {
     receiver_->deliver(address(client), datagram);
   }
   void close(std::uint64_t client) { receiver_->ended(address(client)); }
+  void ready() { handlers_.onReady(); }
   void fail(std::string_view error) { handlers_.onFailed(error); }
 
   std::map<std::uint64_t, std::vector<Datagram>> sent;
@@ -85,7 +87,11 @@ class FakeNetwork final : public platform::Network {
 // Advertising is seen end to end, against a real Avahi daemon.
 class FakeAdvertiser final : public platform::Advertiser {
  public:
-  void advertise(const std::string&, const std::string&, std::uint16_t) override {}
+  void advertise(const std::string&, const std::string&, std::uint16_t,
+                 StateHandler handler) override {
+    onChange = std::move(handler);
+  }
+  StateHandler onChange;  // the test says when the service is advertised
 };
 
 }  // namespace parlavox::test

@@ -30,10 +30,9 @@ class IntercomServerTest : public testing::Test {
 
   void startWith(Config config) {
     server = IntercomServer::create(Show(std::move(config)),
-                                    ServerPlatform{loop, network, advertiser, clock, console},
+                                    ServerPlatform{loop, advertiser, clock, console},
                                     [this](int status) { exitStatus = status; });
-    server->start(50505);
-    port = network.peers;
+    server->start(*port);
     console.take();
   }
 
@@ -64,15 +63,38 @@ class IntercomServerTest : public testing::Test {
 
   test::FakeClock clock;
   test::SimulatedLoop loop{clock};
-  test::FakeNetwork network;
   test::FakeAdvertiser advertiser;
   test::FakeConsole console;
   int exitStatus = -1;
   std::shared_ptr<IntercomServer> server;
-  test::FakePeerListener* port = nullptr;
+  std::unique_ptr<test::FakePeerListener> intercom = std::make_unique<test::FakePeerListener>();
+  test::FakePeerListener* port = intercom.get();
 };
 
-// Advertising and the ready line are seen end to end; losing the port is not.
+// The ready line says the port listens, and says it is advertised only while it is.
+TEST_F(IntercomServerTest, TheListeningLineTellsWhetherTheIntercomIsAdvertised) {
+  const std::string listening = "✅ Listening on UDP port 50505";
+  const std::string advertised = listening + " and advertising on Bonjour";
+  const auto advertise = [this](bool on) {
+    advertiser.onChange(on);
+    loop.runPosted();
+  };
+  port->ready();
+  EXPECT_EQ(console.take(), Lines{listening});
+  advertise(true);  // the daemon answered, later
+  advertise(false);
+  advertise(true);  // back after an outage
+  EXPECT_EQ(console.take(), (Lines{advertised, advertised}));
+
+  // Advertised before the port answers: one line says both.
+  startWith(defaultConfig());
+  advertise(true);
+  EXPECT_EQ(console.take(), Lines{});
+  port->ready();
+  EXPECT_EQ(console.take(), Lines{advertised});
+}
+
+// Advertising is seen end to end; losing the port is not.
 TEST_F(IntercomServerTest, LosingTheIntercomPortEndsTheProcess) {
   port->fail("Network is down");
   EXPECT_EQ(console.take(), Lines{"❌ Listener failed: Network is down"});

@@ -77,9 +77,10 @@ TEST(RelayAllocation, WholeServerOverLoopbackAllocatesNothingPerDatagramOnceWarm
   platform::SteadyClock clock;
   test::FakeConsole console;
   const Config show{"Alloc", {"Main", "Tech"}, {Role{"Crew", {"Main"}, {"Main"}}}, 47000};
-  auto server = IntercomServer::create(
-      Show(show), ServerPlatform{loop, network, advertiser, clock, console}, [](int) {});
-  server->start(50505);
+  auto server = IntercomServer::create(Show(show), ServerPlatform{loop, advertiser, clock, console},
+                                       [](int) {});
+  const auto intercom = network.listenPeers(50505);
+  server->start(*intercom);
   std::thread serving([&] {
     onLoopThread = true;
     loop.run();

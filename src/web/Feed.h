@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/WebSocket.h"
+
+namespace parlavox::web {
+
+// A read-only stream of texts that the server publishes (the monitor's snapshots) to every
+// WebSocket opened at its path. A reader still busy with an older text gets only the newest one
+// after it: its sockets are opened with a newest-only policy. Loop thread only.
+class Feed {
+ public:
+  Feed() = default;
+  // Closes every reader still open.
+  ~Feed();
+  Feed(const Feed&) = delete;
+  Feed& operator=(const Feed&) = delete;
+
+  void open(std::shared_ptr<platform::WebSocket> socket);
+  // Whether anyone reads now: the text need not be made for nobody.
+  bool hasReaders() const { return !readers_.empty(); }
+  void publish(std::string_view text);
+
+ private:
+  std::uint64_t next_ = 1;
+  std::unordered_map<std::uint64_t, std::shared_ptr<platform::WebSocket>> readers_;
+};
+
+}  // namespace parlavox::web

@@ -1,0 +1,182 @@
+// The web port's route table, and the crew and the feed behind it, with WebSockets played by the
+// test: what each path answers, and how sessions become peers and readers.
+#include "web/Routes.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fakes/FakeWebSocket.h"
+
+namespace parlavox::web {
+namespace {
+
+using test::FakeWebSocket;
+
+// The relay, as far as the crew's sessions are concerned.
+class Receiver final : public platform::Transport::Receiver {
+ public:
+  void deliver(const platform::PeerAddress& from, Bytes datagram) override {
+    heard.emplace_back(from, std::string(datagram.begin(), datagram.end()));
+  }
+  void ended(const platform::PeerAddress& peer) override { gone.push_back(peer); }
+
+  std::vector<std::pair<platform::PeerAddress, std::string>> heard;
+  std::vector<platform::PeerAddress> gone;
+};
+
+class RoutesTest : public testing::Test {
+ protected:
+  platform::HttpResponse get(std::string_view path, std::string_view method = "GET") {
+    return routes.respond({method, path, {}});
+  }
+
+  // A WebSocket opened at `path` the way the server opens one; nothing if the path refuses it.
+  std::shared_ptr<FakeWebSocket> open(std::string_view path, std::uint8_t host = 1) {
+    auto upgrade = routes.upgrade({"GET", path, {}});
+    if (!upgrade) {
+      return nullptr;
+    }
+    auto socket = std::make_shared<FakeWebSocket>(host);
+    upgrade->onOpen(socket);
+    return socket;
+  }
+
+  Receiver relay;
+  WebPeers crew{relay};
+  Feed feed;
+  int metricsMade = 0;
+  Routes routes{{.crew = crew,
+                 .monitorFeed = feed,
+                 .metrics = {"text/plain; version=0.0.4", [this] {
+                               return "made " + std::to_string(++metricsMade);
+                             }}}};
+};
+
+std::string page(std::string_view path) {
+  for (const WebFile& file : webFiles()) {
+    if (file.path == path) {
+      return std::string(file.bytes);
+    }
+  }
+  return "(missing)";
+}
+
+TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
+  struct Case {
+    std::string_view method;
+    std::string_view path;
+    unsigned status;
+    std::string contentType;
+    std::string body;
+  };
+  const std::string notFound = "Not found\n";
+  const Case cases[] = {
+      {"GET", "/", 200, "text/html; charset=utf-8", page("station/index.html")},
+      {"HEAD", "/", 200, "text/html; charset=utf-8", page("station/index.html")},
+      {"GET", "/monitor", 200, "text/html; charset=utf-8", page("monitor/index.html")},
+      {"GET", "/station/station.js", 200, "text/javascript; charset=utf-8",
+       page("station/station.js")},
+      {"GET", "/shared/constants.js", 200, "text/javascript; charset=utf-8",
+       page("shared/constants.js")},
+      {"GET", "/shared/base.css", 200, "text/css; charset=utf-8", page("shared/base.css")},
+      {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 1"},
+      {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 2"},
+      {"POST", "/", 404, "text/plain", notFound},
+      {"GET", "/index.html", 404, "text/plain", notFound},
+      {"GET", "/station", 404, "text/plain", notFound},
+      {"GET", "/intercom", 404, "text/plain", notFound},
+      {"GET", "/monitor/events", 404, "text/plain", notFound},
+  };
+  for (const Case& c : cases) {
+    const auto answer = get(c.path, c.method);
+    EXPECT_EQ(answer.status, c.status) << c.method << " " << c.path;
+    EXPECT_EQ(answer.contentType, c.contentType) << c.path;
+    EXPECT_EQ(answer.body, c.body) << c.path;
+  }
+  EXPECT_NE(page("station/index.html").find("/station/station.js"), std::string::npos);
+}
+
+TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {
+  for (const std::string_view path : {"/", "/metrics", "/monitor", "/intercom/", "/nope"}) {
+    EXPECT_FALSE(routes.upgrade({"GET", path, {}})) << path;
+  }
+  const auto crewSocket = routes.upgrade({"GET", "/intercom", {}});
+  ASSERT_TRUE(crewSocket);
+  EXPECT_TRUE(crewSocket->options.binary);
+  const auto droppable = crewSocket->options.policy.droppable;
+  ASSERT_TRUE(droppable);
+  EXPECT_TRUE(droppable(asBytes("\x02...")));    // audio: worth less once stale
+  EXPECT_FALSE(droppable(asBytes("\x01{}")));    // control: always sent
+  EXPECT_FALSE(crewSocket->options.policy.newestOnly);
+
+  const auto feedSocket = routes.upgrade({"GET", "/monitor/events", {}});
+  ASSERT_TRUE(feedSocket);
+  EXPECT_FALSE(feedSocket->options.binary);
+  EXPECT_TRUE(feedSocket->options.policy.newestOnly);
+}
+
+TEST_F(RoutesTest, EachCrewSessionIsAPeerOfItsOwn) {
+  const auto ann = open("/intercom", 7);
+  const auto bob = open("/intercom", 7);  // the same phone, two tabs
+  ann->say("\x01hi");
+  bob->say("\x01hi");
+  ann->say("\x02audio");
+  ASSERT_EQ(relay.heard.size(), 3U);
+  const platform::PeerAddress annAt = relay.heard[0].first;
+  const platform::PeerAddress bobAt = relay.heard[1].first;
+  EXPECT_NE(annAt, bobAt);
+  EXPECT_EQ(relay.heard[2], std::make_pair(annAt, std::string("\x02audio")));
+  EXPECT_EQ(annAt.host, ann->remoteHost());
+  EXPECT_EQ(annAt.transport->kind(), platform::Transport::Kind::browser);
+
+  crew.send(bobAt, asBytes("\x01head"), asBytes("+body"));
+  EXPECT_EQ(bob->sent, std::vector<std::string>{"\x01head+body"});
+  EXPECT_TRUE(ann->sent.empty());
+
+  // Let go by the relay: closed, and not reported back.
+  crew.end(annAt);
+  EXPECT_TRUE(ann->closed);
+  crew.send(annAt, asBytes("\x01late"), {});
+  EXPECT_TRUE(ann->sent.empty());
+  // Gone by itself: reported once.
+  bob->hangUp();
+  EXPECT_EQ(relay.gone, std::vector<platform::PeerAddress>{bobAt});
+  EXPECT_EQ(crew.size(), 0U);
+}
+
+TEST_F(RoutesTest, TheFeedReachesEveryReaderStillThere) {
+  EXPECT_FALSE(feed.hasReaders());
+  const auto first = open("/monitor/events");
+  const auto second = open("/monitor/events");
+  first->say("ignored: readers are not listened to");
+  feed.publish("{\"n\":1}");
+  first->hangUp();
+  feed.publish("{\"n\":2}");
+  EXPECT_EQ(first->sent, std::vector<std::string>{"{\"n\":1}"});
+  EXPECT_EQ(second->sent, (std::vector<std::string>{"{\"n\":1}", "{\"n\":2}"}));
+  EXPECT_TRUE(feed.hasReaders());
+  second->hangUp();
+  EXPECT_FALSE(feed.hasReaders());
+  EXPECT_TRUE(relay.heard.empty());
+}
+
+TEST(WebPeersAndFeed, CloseWhatIsStillOpenWhenTheyGo) {
+  Receiver relay;
+  auto peer = std::make_shared<FakeWebSocket>();
+  auto reader = std::make_shared<FakeWebSocket>();
+  {
+    WebPeers crew(relay);
+    Feed feed;
+    crew.open(peer);
+    feed.open(reader);
+  }
+  EXPECT_TRUE(peer->closed);
+  EXPECT_TRUE(reader->closed);
+  EXPECT_TRUE(relay.gone.empty());
+}
+
+}  // namespace
+}  // namespace parlavox::web
