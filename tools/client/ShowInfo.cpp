@@ -5,12 +5,11 @@
 
 #include <charconv>
 
+#include "config/Config.h"
 #include "config/Names.h"
 
 namespace parlavox::client {
 namespace {
-
-constexpr std::size_t kMaskBits = 32;
 
 std::string joined(const std::vector<std::string>& names) {
   return names.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "));
@@ -47,7 +46,7 @@ std::string ShowInfo::roleNames() const {
 
 std::string ShowInfo::channelNames(std::uint32_t mask) const {
   std::vector<std::string> names;
-  for (std::size_t bit = 0; bit < channels_.size() && bit < kMaskBits; ++bit) {
+  for (std::size_t bit = 0; bit < channels_.size() && bit < kChannelLimit; ++bit) {
     if ((mask >> bit & 1U) != 0) {
       names.push_back(channels_[bit]);
     }
@@ -87,7 +86,7 @@ std::variant<std::uint32_t, std::string> ShowInfo::parseMask(std::string_view te
     return number;
   }
   if (error == std::errc::result_out_of_range) {
-    return fmt::format("--mask {} does not fit 32 channels", whole);
+    return fmt::format("--mask {} does not fit {} channels", whole, kChannelLimit);
   }
 
   std::uint32_t mask = 0;
@@ -96,7 +95,7 @@ std::variant<std::uint32_t, std::string> ShowInfo::parseMask(std::string_view te
     const auto comma = rest.find(',');
     const std::string_view name = trimmed(rest.substr(0, comma));
     const auto position = findName(name, channels_);
-    if (!position || *position >= kMaskBits) {
+    if (!position || *position >= kChannelLimit) {
       return fmt::format("unknown channel \"{}\" (channels: {})", name, joined(channels_));
     }
     mask |= std::uint32_t{1} << *position;
