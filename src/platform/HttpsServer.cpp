@@ -26,7 +26,7 @@ using Request = WebSocketSession::Request;
 constexpr auto kRequestTimeout = std::chrono::seconds(30);
 // What a request may be: Beast's own limits for a request, named here.
 constexpr std::uint32_t kHeaderLimit = 8 * 1024;
-constexpr std::uint64_t kBodyLimit = 1024 * 1024;
+constexpr std::uint64_t kBodyLimit = std::uint64_t{1024} * 1024;
 
 HostAddress hostOf(const tcp::endpoint& endpoint) {
   const asio::ip::address_v6 v6 =
