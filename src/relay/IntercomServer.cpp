@@ -30,14 +30,16 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
 
 void IntercomServer::start(platform::PeerListener& intercom, std::function<void()> onReady) {
   port_ = intercom.port();
-  platform_.advertiser.advertise(show_.name(), wire::kServiceType, port_,
-                                 [this, weak = weak_from_this()](bool advertised) {
-                                   platform_.loop.post([weak, advertised] {
-                                     if (auto self = weak.lock()) {
-                                       self->advertisedChanged(advertised);
-                                     }
-                                   });
-                                 });
+  // Called on the advertiser's thread, which may outlive the server: it holds only the loop.
+  platform_.advertiser.advertise(
+      show_.name(), wire::kServiceType, port_,
+      [&loop = platform_.loop, weak = weak_from_this()](bool advertised) {
+        loop.post([weak, advertised] {
+          if (auto self = weak.lock()) {
+            self->advertisedChanged(advertised);
+          }
+        });
+      });
   intercom.start(*this, {
                             .onReady =
                                 [this, onReady = std::move(onReady)] {
