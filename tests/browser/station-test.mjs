@@ -102,7 +102,7 @@ try {
   const page = await context.newPage();
   const pageErrors = [];
   page.on("pageerror", (error) => pageErrors.push(String(error)));
-  await page.goto("https://127.0.0.1:50505/");
+  await page.goto("https://127.0.0.1:50505/?test"); // ?test: the page installs its test hook
   const station = (call) => page.evaluate(call);
 
   await page.fill("#name", "Follow Spot");
@@ -141,7 +141,7 @@ try {
   const monitor = await context.newPage();
   monitor.on("pageerror", (error) => pageErrors.push(String(error)));
   await monitor.setViewportSize({ width: 1280, height: 720 });
-  await monitor.goto("https://127.0.0.1:50505/monitor");
+  await monitor.goto("https://127.0.0.1:50505/monitor?test");
   await until("the monitor's crew", () => monitor.locator("#crew tr[data-peer-id]").count().then((n) => n === 2));
   await until("the talker on the monitor", () =>
     monitor.locator('#crew tr[data-talking="true"]').count().then((n) => n === 1));

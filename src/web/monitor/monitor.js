@@ -1,98 +1,30 @@
 // Operator's monitor: a read-only view of who is on the intercom and how well they are heard.
 // The server pushes a full snapshot several times a second; the page only ever draws the latest.
 
+import { PATHS } from "../shared/constants.js";
+import { Connection, renderBanner } from "../shared/connection.js";
+import { clock, linkFigures, list, num, transport, upFor } from "./format.js";
+
 const DEAD_MS = 4000; // snapshots come at least twice a second: this much silence is a dead link
 const LOG_MAX = 50;
 const FLOOR_DBFS = -60; // the level meter's empty end
 
 const $ = (id) => document.getElementById(id);
-const s = {
-  ws: null, connected: false, everConnected: false, stopped: false,
-  retries: 0, retryTimer: 0, lastRx: 0,
-  snapshot: null, rows: new Map(), queueKey: "", logKey: "",
-};
+const s = { snapshot: null, rows: new Map(), queueKey: "", logKey: "" };
 
-// --- Link to the server ---
-
-function connect() {
-  clearTimeout(s.retryTimer);
-  const scheme = location.protocol === "http:" ? "ws:" : "wss:";
-  let ws;
-  try {
-    ws = new WebSocket(`${scheme}//${location.host}/monitor/events`);
-  } catch {
-    return retryLater();
-  }
-  s.ws = ws;
-  s.lastRx = Date.now(); // a handshake that hangs is caught by the watchdog too
-  ws.onmessage = (e) => {
-    s.lastRx = Date.now();
+const link = new Connection(PATHS.monitorFeed, {
+  deadMs: DEAD_MS, checkEveryMs: 1000,
+  liveOnOpen: false, // live from the first good snapshot: an open socket that says nothing is not
+  onMessage: (data) => {
     let snap;
-    try { snap = JSON.parse(e.data); } catch { return; } // keep showing the last good one
+    try { snap = JSON.parse(data); } catch { return; } // keep showing the last good one
     if (!snap || typeof snap !== "object") return;
-    if (!s.connected) Object.assign(s, { connected: true, everConnected: true, retries: 0 });
+    link.live();
     s.snapshot = snap;
     render(snap);
-  };
-  ws.onclose = ws.onerror = () => lost(ws);
-}
-
-function lost(ws) {
-  if (!ws || ws !== s.ws) return;
-  ws.onmessage = ws.onclose = ws.onerror = null;
-  try { ws.close(); } catch { /* already closing */ }
-  Object.assign(s, { ws: null, connected: false });
-  if (s.stopped) renderConn();
-  else retryLater();
-}
-
-function retryLater() {
-  const delay = Math.min(5000, 500 * 2 ** s.retries);
-  s.retries = Math.min(s.retries + 1, 10);
-  s.retryTimer = setTimeout(connect, delay);
-  renderConn();
-}
-
-// A socket can stay "open" long after the network has gone; silence is the real signal.
-setInterval(() => {
-  if (s.ws && Date.now() - s.lastRx > DEAD_MS) lost(s.ws);
-}, 1000);
-
-// Leaving closes the feed so the page can go into the back/forward cache; coming back reopens it.
-addEventListener("pagehide", () => {
-  s.stopped = true;
-  clearTimeout(s.retryTimer);
-  lost(s.ws);
+  },
+  onChange: renderConn,
 });
-addEventListener("pageshow", (e) => {
-  if (!e.persisted) return;
-  Object.assign(s, { stopped: false, retries: 0 });
-  connect();
-});
-
-// --- Formatting ---
-
-const pad = (n) => String(n).padStart(2, "0");
-const num = (v) => (typeof v === "number" && Number.isFinite(v) ? v : null);
-const list = (a) => (Array.isArray(a) && a.length ? a.map(String).join(", ") : "—");
-
-function upFor(seconds) {
-  const t = Math.max(0, Math.floor(num(seconds) ?? 0));
-  const h = Math.floor(t / 3600);
-  const m = Math.floor(t / 60) % 60;
-  return h ? `Up ${h} h ${pad(m)} min` : m ? `Up ${m} min` : `Up ${t} s`;
-}
-
-function clock(ms) {
-  const d = new Date(ms);
-  return `${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}`;
-}
-
-const seen = (ms) => (ms < 1000 ? "now" : `${Math.floor(ms / 1000)} s ago`);
-const transport = (t) => (t === "udp" ? "UDP" : t === "browser" ? "Browser" : String(t ?? "?"));
-
-// ok below `warnFrom`, bad above `badAbove`, warn in between; unknown counts as ok.
-const grade = (v, warnFrom, badAbove) => (v === null ? "ok" : v > badAbove ? "bad" : v >= warnFrom ? "warn" : "ok");
 
 // Writes only what changed: snapshots mostly repeat, and untouched nodes cost nothing.
 function setText(el, text) {
@@ -105,14 +37,12 @@ function setClass(el, name) {
 // --- Screen ---
 
 function renderConn() {
-  const banner = $("banner");
-  banner.hidden = s.connected || (!s.everConnected && s.retries === 0);
-  setText(banner, s.everConnected
-    ? "Connection lost — reconnecting…" : "Cannot reach the intercom — retrying…");
+  const { connected, everConnected } = link;
+  renderBanner($("banner"), link);
   const conn = $("conn");
-  setText(conn, s.connected ? "Live" : s.everConnected ? "Reconnecting…" : "Connecting…");
-  setClass(conn, "conn " + (s.connected ? "ok" : "bad"));
-  document.body.classList.toggle("stale", !s.connected && s.everConnected);
+  setText(conn, connected ? "Live" : everConnected ? "Reconnecting…" : "Connecting…");
+  setClass(conn, "conn " + (connected ? "ok" : "bad"));
+  document.body.classList.toggle("stale", !connected && everConnected);
 }
 
 function render(snap) {
@@ -176,18 +106,12 @@ function fillRow(row, p) {
   setText(row.talk, list(p.talk));
   setText(row.listen, list(p.listen));
 
-  // Graded on the raw values: 0.05 * 100 is not exactly 5 in floating point.
-  const loss = num(p.loss);
-  const jitter = num(p.jitterMs);
-  const last = num(p.lastSeenMs);
-  const states = [grade(loss, 0.01, 0.05), grade(jitter, 15, 40), grade(last, 3000, 6000)];
-  setText(row.loss, loss === null ? "—" : `${(loss * 100).toFixed(1)} %`);
-  setText(row.jitter, jitter === null ? "—" : `${jitter.toFixed(1)} ms`);
-  setText(row.seen, last === null ? "—" : seen(last));
-  setClass(row.loss, `num loss ${states[0]}`);
-  setClass(row.jitter, `num jitter ${states[1]}`);
-  setClass(row.seen, `num seen ${states[2]}`);
-  row.tr.classList.toggle("trouble", states.includes("bad"));
+  const figures = linkFigures(p);
+  for (const name of ["loss", "jitter", "seen"]) {
+    setText(row[name], figures[name].text);
+    setClass(row[name], `num ${name} ${figures[name].grade}`);
+  }
+  row.tr.classList.toggle("trouble", Object.values(figures).some((f) => f.grade === "bad"));
 }
 
 function renderAnnouncements(snap) {
@@ -228,15 +152,17 @@ function renderLog(log) {
   }));
 }
 
-// Hook for the automated browser test; read-only, so it is safe to keep in the shipped page.
+// Hook for the automated browser test, read-only; only with ?test.
 //   parlavoxMonitor.snapshot()  -> the last snapshot object as received (null before the first);
 //                                  kept while reconnecting, the page then shows it dimmed
 //   parlavoxMonitor.connected() -> true while the feed is live: socket open and a snapshot
 //                                  received on it since it opened
-window.parlavoxMonitor = {
-  snapshot: () => s.snapshot,
-  connected: () => s.connected,
-};
+if (new URLSearchParams(location.search).has("test")) {
+  window.parlavoxMonitor = {
+    snapshot: () => s.snapshot,
+    connected: () => link.connected,
+  };
+}
 
 renderConn();
-connect();
+link.start();

@@ -1,6 +1,10 @@
 // The station's sound: a 16 kHz context plays the mix, and the microphone is cut into
 // 20 ms frames for the wire while the user talks.
-import { FRAME_SAMPLES, SAMPLE_RATE } from "./protocol.js";
+import { FRAME_SAMPLES, SAMPLE_RATE } from "../shared/constants.js";
+
+// Beside this module, wherever the page is served from.
+const CAPTURE_WORKLET = new URL("./capture-worklet.js", import.meta.url).href;
+const PLAYBACK_WORKLET = new URL("./playback-worklet.js", import.meta.url).href;
 
 const MIC = { channelCount: 1, echoCancellation: true, noiseSuppression: true, autoGainControl: true };
 
@@ -32,8 +36,8 @@ export class StationAudio {
       : Promise.resolve(null);
     try {
       await Promise.all([
-        ctx.audioWorklet.addModule("/station/capture-worklet.js"),
-        ctx.audioWorklet.addModule("/station/playback-worklet.js"),
+        ctx.audioWorklet.addModule(CAPTURE_WORKLET),
+        ctx.audioWorklet.addModule(PLAYBACK_WORKLET),
       ]);
     } catch (err) {
       micRequest.then((stream) => stream?.getTracks().forEach((t) => t.stop()));
@@ -62,7 +66,7 @@ export class StationAudio {
       try {
         ctx = this.captureCtx = new AudioContext({ latencyHint: "interactive" });
         ctx.resume().catch(() => {});
-        await ctx.audioWorklet.addModule("/station/capture-worklet.js");
+        await ctx.audioWorklet.addModule(CAPTURE_WORKLET);
         source = ctx.createMediaStreamSource(stream);
         this.down = { step: ctx.sampleRate / SAMPLE_RATE, t: 0, sum: 0, n: 0 };
       } catch {

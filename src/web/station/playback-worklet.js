@@ -1,7 +1,10 @@
 // Mixes everyone who is talking, each through a small jitter buffer of their own.
 // Runs in a 16 kHz context, so one sample here is one sample off the wire.
-const START = 960; // 60 ms banked before a talker (re)starts: rides over network jitter
-const LIMIT = 3200; // past 200 ms queued, the oldest audio goes, so delay cannot creep up
+
+// 60 ms banked before a talker (re)starts: rides over network jitter.
+const START = Math.round(0.06 * sampleRate);
+// Past 200 ms queued, the oldest audio goes, so delay cannot creep up.
+const LIMIT = Math.round(0.2 * sampleRate);
 const TAIL = START; // a last burst shorter than START still plays once nothing more arrives
 const FORGET = sampleRate; // a talker silent for 1 s is gone
 

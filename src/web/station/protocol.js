@@ -1,8 +1,9 @@
 // Datagrams exchanged with the intercom server. The WebSocket carries them byte for byte:
 // one binary message is one datagram, first byte says what it is.
-import { AUDIO_HEADER_SIZE as AUDIO_HEADER, KIND_AUDIO, KIND_CONTROL } from "../shared/constants.js";
+import {
+  AUDIO_HEADER_SIZE as AUDIO_HEADER, KIND_AUDIO, KIND_CONTROL, MASK_OFFSET, SENDER_OFFSET, SEQ_OFFSET,
+} from "../shared/constants.js";
 
-export { ANNOUNCER_ID, FRAME_SAMPLES, KIND_AUDIO, KIND_CONTROL, SAMPLE_RATE } from "../shared/constants.js";
 const encoder = new TextEncoder();
 const decoder = new TextDecoder();
 
@@ -14,13 +15,14 @@ export function encodeControl(message) {
   return out;
 }
 
-// `samples` are floats in [-1, 1]; out of range values are clipped, not wrapped.
+// `samples` are floats in [-1, 1]; out of range values are clipped, not wrapped. Sender and
+// seq go out modulo their field's width (DataView wraps them), so a counter may run on freely.
 export function encodeAudio(sender, mask, seq, samples) {
   const view = new DataView(new ArrayBuffer(AUDIO_HEADER + samples.length * 2));
   view.setUint8(0, KIND_AUDIO);
-  view.setUint16(1, sender & 0xffff, true);
-  view.setUint32(3, mask >>> 0, true);
-  view.setUint16(7, seq & 0xffff, true);
+  view.setUint16(SENDER_OFFSET, sender, true);
+  view.setUint32(MASK_OFFSET, mask >>> 0, true);
+  view.setUint16(SEQ_OFFSET, seq, true);
   for (let i = 0; i < samples.length; i++) {
     const x = Math.max(-1, Math.min(1, samples[i]));
     view.setInt16(AUDIO_HEADER + i * 2, Math.round(x * 32767), true);
@@ -53,9 +55,9 @@ export function decode(data) {
   }
   return {
     kind: "audio",
-    sender: view.getUint16(1, true),
-    mask: view.getUint32(3, true),
-    seq: view.getUint16(7, true),
+    sender: view.getUint16(SENDER_OFFSET, true),
+    mask: view.getUint32(MASK_OFFSET, true),
+    seq: view.getUint16(SEQ_OFFSET, true),
     samples,
   };
 }

@@ -1,0 +1,166 @@
+// The station's side of the conversation with the intercom server, without the page: joining
+// and staying joined, the masks, who is heard on which channel, and the numbering of our audio.
+import { CHANNEL_LIMIT, KEEPALIVE_MS, MessageType } from "../shared/constants.js";
+import { decode, encodeAudio, encodeControl } from "./protocol.js";
+
+export const LIT_MS = 300; // a talker stays lit this long after their last frame
+const REFUSED = "The intercom refused to let us join.";
+
+// The channels of a mask, lowest first.
+export const maskBits = (mask) => [...Array(CHANNEL_LIMIT).keys()].filter((i) => (mask >>> i) & 1);
+
+export class Session {
+  // send(bytes): a control message for the server, dropped while the link is down.
+  // sendAudio(bytes) -> whether it went: a stalled link may shed audio.
+  // now() -> milliseconds: when frames arrive, for the talking lights.
+  constructor({ send, sendAudio = send, now = () => performance.now() }) {
+    Object.assign(this, { send, sendAudio, now });
+    this.connected = false;
+    this.config = null; // {channels: [name], roles: [{name, talk, listen}]} from the server
+    this.want = null; // {name, role} from the user's Join until Leave: what we rejoin as after a drop
+    this.screen = "join"; // "station" from the welcome until Leave or a refusal
+    this.joined = false;
+    this.id = null;
+    this.role = "";
+    this.talkMask = 0;
+    this.listenMask = 0;
+    this.off = 0; // talk channels the user switched off
+    this.roster = [];
+    this.talking = false; // set by the page: our microphone is going out
+    this.seq = 0; // of the next audio datagram; goes out modulo the field's width
+    this.sent = 0;
+    this.lastAudio = new Map(); // sender -> now() of their last frame
+    this.lastOnChannel = new Array(CHANNEL_LIMIT).fill(-Infinity);
+    this.keepalive = 0;
+  }
+
+  // The link is up: introduce ourselves; the server answers with the show's config.
+  opened() {
+    this.connected = true;
+    this.control({ t: MessageType.hi });
+    clearInterval(this.keepalive);
+    this.keepalive = setInterval(() => this.control({ t: MessageType.ping }), KEEPALIVE_MS);
+  }
+
+  closed() {
+    clearInterval(this.keepalive);
+    Object.assign(this, { connected: false, joined: false });
+  }
+
+  join(name, role) {
+    Object.assign(this, { want: { name, role }, off: 0 });
+    this.sendJoin();
+  }
+
+  leave() {
+    this.control({ t: MessageType.bye });
+    Object.assign(this, { want: null, joined: false, screen: "join", roster: [] });
+  }
+
+  // The page is going away: tell the server now rather than let it time us out.
+  farewell() {
+    if (this.joined) this.control({ t: MessageType.bye });
+  }
+
+  toggle(channel) {
+    this.off = (this.off ^ (1 << channel)) >>> 0;
+  }
+
+  talkChannels() {
+    return (this.talkMask & ~this.off) >>> 0;
+  }
+
+  // One captured frame to the channels we talk on; false if nothing went out.
+  sendFrame(samples) {
+    const mask = this.talkChannels();
+    if (!this.talking || !mask) return false;
+    if (!this.sendAudio(encodeAudio(this.id, mask, this.seq, samples))) return false;
+    this.seq = (this.seq + 1) >>> 0;
+    this.sent++;
+    return true;
+  }
+
+  // A datagram from the server. Returns what the page should know of it, or null:
+  //   {type: "audio", sender, channels, samples}  channels: where we heard it
+  //   {type: MessageType.error, reason}           refused: back to the join screen
+  //   {type: MessageType.config | welcome | roster | rejoin}
+  receive(data) {
+    const d = decode(data);
+    if (!d) return null;
+    if (d.kind === "audio") return this.heard(d);
+    const m = d.message;
+    switch (m.t) {
+      case MessageType.config: this.onConfig(m); break;
+      case MessageType.welcome:
+        if (!this.want) {
+          this.control({ t: MessageType.bye }); // they pressed Leave before the welcome came
+          return null;
+        }
+        Object.assign(this, {
+          joined: true, id: Number(m.id), role: String(m.role ?? this.want.role),
+          talkMask: m.talkMask >>> 0, listenMask: m.listenMask >>> 0, screen: "station",
+        });
+        break;
+      case MessageType.roster:
+        this.roster = Array.isArray(m.users) ? m.users.filter((u) => u && typeof u === "object") : [];
+        break;
+      case MessageType.rejoin:
+        this.joined = false; // the server lost track of us: put ourselves back as we were
+        this.sendJoin();
+        break;
+      case MessageType.error:
+        Object.assign(this, { want: null, joined: false, screen: "join" });
+        return { type: m.t, reason: String(m.reason || REFUSED) };
+      default: return null;
+    }
+    return { type: m.t };
+  }
+
+  onConfig(m) {
+    const channels = Array.isArray(m.channels) ? m.channels.map(String) : [];
+    // A changed show layout would make the old switched-off bits point at other channels.
+    if (this.config && this.config.channels.join("\n") !== channels.join("\n")) this.off = 0;
+    this.config = { channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [] };
+    this.sendJoin(); // back after a drop: rejoin without asking the user
+  }
+
+  // The server relays each datagram with our share of its mask: the channels we heard it on.
+  heard({ sender, mask, samples }) {
+    if (!this.joined || sender === this.id) return null;
+    const now = this.now();
+    this.lastAudio.set(sender, now);
+    const channels = maskBits(mask);
+    for (const i of channels) this.lastOnChannel[i] = now;
+    return { type: "audio", sender, channels, samples };
+  }
+
+  isTalking(id, now = this.now()) {
+    if (id === this.id) return this.talking;
+    return now - (this.lastAudio.get(id) ?? -Infinity) < LIT_MS;
+  }
+
+  // The channels someone was heard on within the last LIT_MS, lowest first.
+  hearing(now = this.now()) {
+    return maskBits(this.listenMask).filter((i) => now - this.lastOnChannel[i] < LIT_MS);
+  }
+
+  rosterView(now = this.now()) {
+    return this.roster.map((u) => ({
+      id: u.id, name: u.name, role: u.role, you: u.id === this.id, talking: this.isTalking(u.id, now),
+    }));
+  }
+
+  channelName(i) {
+    return this.config?.channels[i] ?? `Channel ${i + 1}`;
+  }
+
+  sendJoin() {
+    if (this.want && this.connected) {
+      this.control({ t: MessageType.join, name: this.want.name, role: this.want.role });
+    }
+  }
+
+  control(message) {
+    this.send(encodeControl(message));
+  }
+}

@@ -1,0 +1,176 @@
+// The station's session against the generated wire constants: what it says to the server and
+// when, what it makes of what the server says, and how its audio goes out.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+import { load } from "./web-root.mjs";
+
+const { ANNOUNCER_ID, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
+const { decode, encodeAudio, encodeControl } = await load("station/protocol.js");
+const { LIT_MS, Session } = await load("station/session.js");
+
+const T = MessageType;
+const frame = new Float32Array([0.5, -0.25]);
+const fromServer = (message) => encodeControl(message);
+const welcome = { t: T.welcome, id: 7, role: "Sound", talkMask: 0b101, listenMask: 0b110 };
+
+// A session whose control messages and audio land in `out`, decoded; shed(): audio is refused.
+function station(t) {
+  t.mock.timers.enable({ apis: ["setInterval", "Date"], now: 1000 });
+  const out = [];
+  let shedding = false;
+  const session = new Session({
+    send: (bytes) => out.push(decode(bytes).message),
+    sendAudio: (bytes) => !shedding && out.push(decode(bytes)) > 0,
+    now: () => Date.now(),
+  });
+  const take = () => out.splice(0);
+  return { session, take, shed: (on) => (shedding = on), tick: (ms) => t.mock.timers.tick(ms) };
+}
+
+function joined(t) {
+  const st = station(t);
+  st.session.opened();
+  st.session.receive(fromServer({ t: T.config, channels: ["Main", "Tech", "Stage"], roles: [] }));
+  st.session.join("Ann", "Sound");
+  assert.equal(st.session.receive(fromServer(welcome)).type, T.welcome);
+  st.take();
+  return st;
+}
+
+test("joins, keeps alive, and puts itself back after a rejoin request or a drop", (t) => {
+  const { session, take, tick } = station(t);
+  session.opened();
+  assert.deepEqual(take(), [{ t: T.hi }]);
+  tick(3 * KEEPALIVE_MS - 1);
+  assert.deepEqual(take(), [{ t: T.ping }, { t: T.ping }]);
+  tick(1);
+  assert.deepEqual(take(), [{ t: T.ping }]);
+
+  const config = { t: T.config, channels: ["Main"], roles: [{ name: "Sound" }, {}] };
+  assert.equal(session.receive(fromServer(config)).type, T.config);
+  assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
+  assert.deepEqual(take(), [], "nobody asked to join yet");
+  session.join("Ann", "Sound");
+  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+  session.receive(fromServer(welcome));
+  const { joined, screen, id, role, talkMask, listenMask } = session;
+  assert.deepEqual([joined, screen, id, role, talkMask, listenMask],
+    [true, "station", 7, "Sound", 0b101, 0b110]);
+
+  assert.equal(session.receive(fromServer({ t: T.rejoin })).type, T.rejoin);
+  assert.equal(session.joined, false);
+  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+
+  session.receive(fromServer(welcome));
+  session.closed();
+  assert.deepEqual([session.joined, session.screen], [false, "station"], "a drop keeps the station up");
+  tick(2 * KEEPALIVE_MS);
+  assert.deepEqual(take(), [], "no keepalive while the link is down");
+  session.join("Ann", "Sound");
+  assert.deepEqual(take(), [], "no join while the link is down");
+  session.opened();
+  session.receive(fromServer({ t: T.config, channels: ["Main"], roles: [] }));
+  assert.deepEqual(take(), [{ t: T.hi }, { t: T.join, name: "Ann", role: "Sound" }]);
+});
+
+test("leaving, closing the page and refusals", (t) => {
+  const { session, take } = joined(t);
+  session.farewell();
+  assert.deepEqual(take(), [{ t: T.bye }]);
+  session.leave();
+  assert.deepEqual(take(), [{ t: T.bye }]);
+  assert.deepEqual([session.want, session.joined, session.screen, session.roster],
+    [null, false, "join", []]);
+  assert.equal(session.receive(fromServer(welcome)), null, "a welcome after Leave is declined");
+  assert.deepEqual(take(), [{ t: T.bye }]);
+  session.farewell();
+  assert.deepEqual(take(), [], "nothing to say goodbye to");
+
+  const refusals = [["Name taken", "Name taken"], [undefined, "The intercom refused to let us join."]];
+  for (const [reason, shown] of refusals) {
+    session.join("Ann", "Sound");
+    session.receive(fromServer(welcome));
+    const event = session.receive(fromServer({ t: T.error, reason }));
+    assert.deepEqual(event, { type: T.error, reason: shown });
+    assert.deepEqual([session.want, session.joined, session.screen], [null, false, "join"]);
+  }
+  assert.equal(session.receive(new Uint8Array([0xee, 1, 2])), null, "unknown datagrams are dropped");
+  assert.equal(session.receive(fromServer({ t: T.pong })), null);
+});
+
+test("hears who talks, on which channels, lit for a moment after their last frame", (t) => {
+  const { session, tick } = joined(t);
+  const users = [{ id: 7, name: "Ann", role: "Sound" }, null, { id: 3, name: "Bo", role: "Lx" }];
+  session.receive(fromServer({ t: T.roster, users }));
+  const cases = [
+    // sender, mask in the datagram, channels heard on (null: ignored)
+    [3, 0b010, [1]],
+    [3, 0b110, [1, 2]],
+    [ANNOUNCER_ID, 0b100, [2]],
+    [7, 0b010, null], // our own voice back
+  ];
+  for (const [sender, mask, channels] of cases) {
+    const event = session.receive(encodeAudio(sender, mask, 0, frame));
+    if (!channels) {
+      assert.equal(event, null, `from ${sender}`);
+      continue;
+    }
+    assert.deepEqual({ ...event, samples: Array.from(event.samples) },
+      { type: "audio", sender, channels, samples: [0.5, -0.25] });
+  }
+  assert.deepEqual(session.hearing(), [1, 2]);
+  assert.deepEqual(session.rosterView().map((u) => [u.id, u.you, u.talking]),
+    [[7, true, false], [3, false, true]]);
+  assert.equal(session.isTalking(ANNOUNCER_ID), true);
+  tick(LIT_MS - 1);
+  assert.equal(session.isTalking(3), true);
+  tick(1);
+  assert.deepEqual([session.isTalking(3), session.isTalking(ANNOUNCER_ID), session.hearing()],
+    [false, false, []]);
+  session.talking = true;
+  assert.equal(session.rosterView()[0].talking, true, "we are lit while our microphone is out");
+
+  session.closed();
+  assert.equal(session.receive(encodeAudio(3, 0b010, 0, frame)), null, "nothing is heard unjoined");
+  assert.equal(session.isTalking(3), false);
+});
+
+test("sends numbered audio while talking on a channel, and only then", (t) => {
+  const { session, take, shed } = joined(t);
+  const send = () => session.sendFrame(frame);
+  const wire = () => take().map((d) => [d.sender, d.mask, d.seq]);
+
+  assert.equal(send(), false, "not talking");
+  session.talking = true;
+  assert.deepEqual([send(), send(), send()], [true, true, true]);
+  assert.deepEqual(wire(), [[7, 0b101, 0], [7, 0b101, 1], [7, 0b101, 2]]);
+
+  session.toggle(0);
+  send();
+  session.toggle(2);
+  assert.equal(send(), false, "every talk channel switched off");
+  session.toggle(0);
+  send();
+  assert.deepEqual(wire(), [[7, 0b100, 3], [7, 0b001, 4]]);
+
+  shed(true);
+  assert.equal(send(), false);
+  shed(false);
+  send();
+  session.seq = 0xfffe;
+  send();
+  send();
+  send();
+  assert.deepEqual(wire().map(([, , seq]) => seq), [5, 0xfffe, 0xffff, 0],
+    "a shed frame takes no number; seq wraps");
+  assert.equal(session.sent, 9);
+
+  // The switched-off channels survive a reconnect to the same show, not a new layout.
+  session.receive(fromServer({ t: T.config, channels: ["Main", "Tech", "Stage"], roles: [] }));
+  assert.equal(session.talkChannels(), 0b001);
+  session.receive(fromServer({ t: T.config, channels: ["Main", "Stage"], roles: [] }));
+  assert.equal(session.talkChannels(), 0b101);
+  session.toggle(0);
+  session.join("Ann", "Sound");
+  assert.equal(session.talkChannels(), 0b101, "a new Join starts with every channel on");
+});
