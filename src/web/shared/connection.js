@@ -16,13 +16,13 @@ export class Connection {
   //                         waits for its first good snapshot)
   //   onOpen(), onMessage(data), onLost(), onChange(), onHide()  onHide runs on pagehide while
   //                         the socket is still open: the last chance to say goodbye
-  // `env` replaces the browser's WebSocket, location, clock and window (for Node's tests).
+  // `env` replaces the browser's WebSocket, location, window, clock and timers (for Node's tests).
   constructor(path, options, env = {}) {
     this.path = path;
     this.options = { binary: false, liveOnOpen: true, ...options };
     this.env = {
-      WebSocket: globalThis.WebSocket, location: globalThis.location, now: () => Date.now(),
-      window: globalThis, ...env,
+      WebSocket: globalThis.WebSocket, location: globalThis.location, window: globalThis,
+      now: () => Date.now(), timers: globalThis, ...env,
     };
     this.ws = null;
     this.connected = false;
@@ -37,7 +37,7 @@ export class Connection {
   start() {
     const { window } = this.env;
     // A socket can stay "open" long after the network has gone; silence is the real signal.
-    setInterval(() => {
+    this.env.timers.setInterval(() => {
       if (this.ws && this.env.now() - this.lastRx > this.options.deadMs) this.lost(this.ws);
     }, this.options.checkEveryMs);
     // Leaving closes the socket so the page can go into the back/forward cache; back, reopen it.
@@ -47,7 +47,7 @@ export class Connection {
   }
 
   connect() {
-    clearTimeout(this.retryTimer);
+    this.env.timers.clearTimeout(this.retryTimer);
     const { WebSocket, location } = this.env;
     const scheme = location.protocol === "http:" ? "ws:" : "wss:";
     let ws;
@@ -100,13 +100,13 @@ export class Connection {
   retryLater() {
     const delay = Math.min(LAST_RETRY_MS, FIRST_RETRY_MS * 2 ** this.retries);
     this.retries = Math.min(this.retries + 1, 10);
-    this.retryTimer = setTimeout(() => this.connect(), delay);
+    this.retryTimer = this.env.timers.setTimeout(() => this.connect(), delay);
     this.options.onChange?.();
   }
 
   hide() {
     this.stopped = true;
-    clearTimeout(this.retryTimer);
+    this.env.timers.clearTimeout(this.retryTimer);
     this.options.onHide?.();
     this.lost(this.ws);
   }

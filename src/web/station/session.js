@@ -13,8 +13,9 @@ export class Session {
   // send(bytes): a control message for the server, dropped while the link is down.
   // sendAudio(bytes) -> whether it went: a stalled link may shed audio.
   // now() -> milliseconds: when frames arrive, for the talking lights.
-  constructor({ send, sendAudio = send, now = () => performance.now() }) {
-    Object.assign(this, { send, sendAudio, now });
+  // timers: setInterval and clearInterval, the keepalive's (the page's own unless a test plays them).
+  constructor({ send, sendAudio = send, now = () => performance.now(), timers = globalThis }) {
+    Object.assign(this, { send, sendAudio, now, timers });
     this.connected = false;
     this.config = null; // {channels: [name], roles: [{name, talk, listen}]} from the server
     this.want = null; // {name, role} from the user's Join until Leave: what we rejoin as after a drop
@@ -38,12 +39,12 @@ export class Session {
   opened() {
     this.connected = true;
     this.control({ t: MessageType.hi });
-    clearInterval(this.keepalive);
-    this.keepalive = setInterval(() => this.control({ t: MessageType.ping }), KEEPALIVE_MS);
+    this.timers.clearInterval(this.keepalive);
+    this.keepalive = this.timers.setInterval(() => this.control({ t: MessageType.ping }), KEEPALIVE_MS);
   }
 
   closed() {
-    clearInterval(this.keepalive);
+    this.timers.clearInterval(this.keepalive);
     Object.assign(this, { connected: false, joined: false });
   }
 

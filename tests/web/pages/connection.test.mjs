@@ -1,7 +1,8 @@
-// The pages' shared link to the server, with a scripted WebSocket and a mock clock: the backoff,
+// The pages' shared link to the server, with a scripted WebSocket and a fake clock: the backoff,
 // the banner, the dead-link watchdog and the back/forward cache.
 import assert from "node:assert/strict";
 import { test } from "node:test";
+import { FakeTime } from "./fake-time.mjs";
 import { load } from "./web-root.mjs";
 
 const { PATHS } = await load("shared/constants.js");
@@ -24,7 +25,7 @@ const UNREACHABLE = "Cannot reach the intercom — retrying…";
 const showing = (link) => (link.banner().hidden ? "" : link.banner().text);
 
 function setUp(t, options = {}, protocol = "https:") {
-  t.mock.timers.enable({ apis: ["setTimeout", "setInterval", "Date"], now: 0 });
+  const time = new FakeTime(0);
   FakeSocket.made = [];
   const window = new EventTarget();
   const calls = [];
@@ -34,12 +35,12 @@ function setUp(t, options = {}, protocol = "https:") {
     ...options,
   }, {
     WebSocket: FakeSocket, location: { protocol, host: "backstage:50505" }, window,
-    now: () => Date.now(),
+    now: time.now, timers: time,
   });
   link.start();
   const latest = () => FakeSocket.made.at(-1);
   const page = (type, persisted) => window.dispatchEvent(Object.assign(new Event(type), { persisted }));
-  return { link, calls, latest, page, tick: (ms) => t.mock.timers.tick(ms) };
+  return { link, calls, latest, page, tick: (ms) => time.tick(ms) };
 }
 
 test("retries with a doubling delay up to 5 s, from the start again once connected", (t) => {

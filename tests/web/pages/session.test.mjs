@@ -2,6 +2,7 @@
 // when, what it makes of what the server says, and how its audio goes out.
 import assert from "node:assert/strict";
 import { test } from "node:test";
+import { FakeTime } from "./fake-time.mjs";
 import { load } from "./web-root.mjs";
 
 const { ANNOUNCER_ID, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
@@ -15,16 +16,17 @@ const welcome = { t: T.welcome, id: 7, role: "Sound", talkMask: 0b101, listenMas
 
 // A session whose control messages and audio land in `out`, decoded; shed(): audio is refused.
 function station(t) {
-  t.mock.timers.enable({ apis: ["setInterval", "Date"], now: 1000 });
+  const time = new FakeTime(1000);
   const out = [];
   let shedding = false;
   const session = new Session({
     send: (bytes) => out.push(decode(bytes).message),
     sendAudio: (bytes) => !shedding && out.push(decode(bytes)) > 0,
-    now: () => Date.now(),
+    now: time.now,
+    timers: time,
   });
   const take = () => out.splice(0);
-  return { session, take, shed: (on) => (shedding = on), tick: (ms) => t.mock.timers.tick(ms) };
+  return { session, take, shed: (on) => (shedding = on), tick: (ms) => time.tick(ms) };
 }
 
 function joined(t) {
