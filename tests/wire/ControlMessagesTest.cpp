@@ -16,9 +16,15 @@ std::string nested(std::string_view open, std::size_t depth) {
   return out;
 }
 
-Incoming in(MessageType t, std::optional<std::string> name = std::nullopt,
-            std::optional<std::string> role = std::nullopt) {
-  return Incoming{t, std::move(name), std::move(role)};
+// Built member by member: GCC 12 at -O2 takes the moved-from optionals of an aggregate built in
+// one go for uninitialised strings.
+Incoming in(MessageType t, const std::optional<std::string>& name = std::nullopt,
+            const std::optional<std::string>& role = std::nullopt) {
+  Incoming message;
+  message.t = t;
+  message.name = name;
+  message.role = role;
+  return message;
 }
 
 TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
