@@ -139,7 +139,8 @@ std::string formatReport(const Settings& settings, const Results& results) {
     }
     const char* when = a.underLoad ? "16 talkers on the relay" : "relay idle";
     out += fmt::format(
-        "Pacing at the client, {}: lateness of frame i against first + i × 20 ms, in ms.\n"
+        "Pacing at the client, {}: lateness of frame i in ms against the sender's schedule,\n"
+        "start + i × 20 ms; start = min over frames of arrival − i × 20 ms (none leaves early).\n"
         "  {:<12} {:>7} {:>8} {:>8} {:>8} {:>8} {:>12} {:>13}\n",
         when, "", "frames", "missing", "p50", "p99", "max", "drift (last)", "drift (median)");
     for (const auto& [who, p] : {std::pair{"server", a.server}, std::pair{"bare pacer", a.bare}}) {
@@ -148,8 +149,8 @@ std::string formatReport(const Settings& settings, const Results& results) {
                          p.steadyDriftMs);
     }
     out += fmt::format(
-        "  ({:.1f} s of audio; drift (median) = median lateness of the last second "
-        "minus the first's)\n",
+        "  ({:.1f} s of audio; drift (last) = the last frame's lateness; drift (median) = median\n"
+        "  lateness of the last second minus the first's)\n",
         a.server.seconds);
     targets.push_back({fmt::format("pacing p99 lateness ≤ 0.5 ms, {}", when),
                        fmt::format("{:.3f} ms (bare {:.3f})", a.server.p99Ms, a.bare.p99Ms),

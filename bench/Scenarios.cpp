@@ -9,22 +9,21 @@
 #include <stdexcept>
 #include <thread>
 
-#include "ProcessUsage.h"
 #include "StationPeers.h"
 #include "Wire.h"
-#include "support/ChildProcess.h"
+#include "devkit/ChildProcess.h"
+#include "platform/ProcFiles.h"
 #include "wire/OSCMessage.h"
 
 namespace parlavox::bench {
 namespace {
 
 using namespace std::chrono_literals;
-using test::ChildProcess;
+using devkit::ChildProcess;
 
 constexpr double kShowRate = 50.0;  // datagrams per second and talker
 constexpr std::size_t kRampTalkers = 16;
 constexpr double kSaturatedLoss = 0.10;
-constexpr std::int64_t kFrameNs = 20'000'000;
 
 const char* const kTenWords = "Places please, everyone, for the top of act two now.";
 const char* const kHalfMinute =
@@ -69,6 +68,18 @@ RunPlan showLoad(std::uint16_t target, std::size_t talkers, std::chrono::millise
   plan.measure = measure;
   plan.pingPort = kServerPort;
   return plan;
+}
+
+// CPU time used so far by all the threads of `pid`; none once it is gone.
+std::chrono::nanoseconds cpuTime(pid_t pid) {
+  const auto stat = platform::readProcStat(pid);
+  const double ticks = stat ? static_cast<double>(stat->userTicks + stat->systemTicks) : 0;
+  return std::chrono::nanoseconds(std::llround(ticks * 1e9 / platform::clockTicksPerSecond()));
+}
+
+// VmRSS, VmHWM and RssAnon of `pid`; all 0 once it is gone.
+platform::ProcStatus memoryOf(pid_t pid) {
+  return platform::readProcStatus(pid).value_or(platform::ProcStatus{});
 }
 
 // One run against `process`, with the CPU time it took meanwhile.
@@ -191,7 +202,7 @@ void relayGroup(const Settings& settings, std::size_t clients, Results& results)
         fmt::format("{} of {} clients timed out at the server", gone, clients));
   }
   if (clients == 256 && results.memory) {
-    results.memory->afterRamps = residentBytes(server->pid());
+    results.memory->afterRamps = memoryOf(server->pid()).residentBytes;
   }
   generator.leave(kServerPort);
 }
@@ -255,52 +266,14 @@ double synthesisMs(const Settings& settings, const std::string& text) {
   return static_cast<double>(realtimeNs() - start) / 1e6;
 }
 
-double median(std::vector<double> values) {
-  if (values.empty()) {
-    return 0;
-  }
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-Pacing pacing(const std::vector<Frame>& frames) {
-  Pacing result;
-  result.frames = frames.size();
-  if (frames.size() < 2) {
-    return result;
-  }
-  std::vector<double> lateness;
-  std::int64_t index = 0;
-  for (const Frame& frame : frames) {
-    index = static_cast<std::uint16_t>(frame.seq - frames.front().seq);
-    const std::int64_t due = frames.front().arrivalNs + index * kFrameNs;
-    lateness.push_back(static_cast<double>(frame.arrivalNs - due) / 1e6);
-  }
-  result.missing = static_cast<std::size_t>(index + 1) - frames.size();
-  result.seconds = static_cast<double>(frames.back().arrivalNs - frames.front().arrivalNs) / 1e9;
-  result.driftMs = lateness.back();
-  const auto second = static_cast<std::ptrdiff_t>(std::min<std::size_t>(50, lateness.size() / 2));
-  result.steadyDriftMs = median({lateness.end() - second, lateness.end()}) -
-                         median({lateness.begin(), lateness.begin() + second});
-  std::sort(lateness.begin(), lateness.end());
-  auto at = [&](double percent) {
-    const auto rank =
-        static_cast<std::size_t>(std::ceil(percent / 100 * static_cast<double>(lateness.size())));
-    return lateness[std::clamp<std::size_t>(rank, 1, lateness.size()) - 1];
-  };
-  result.p50Ms = at(50);
-  result.p99Ms = at(99);
-  result.maxMs = lateness.back();
-  return result;
-}
-
 void memoryAndAnnouncements(const Settings& settings, Results& results) {
   progress("memory and announcements, 256 clients");
   auto server = startServer(settings);
   std::this_thread::sleep_for(1s);
   Memory memory;
-  memory.idle = residentBytes(server->pid());
-  memory.idleAnonymous = anonymousResidentBytes(server->pid());
+  const platform::ProcStatus idleMemory = memoryOf(server->pid());
+  memory.idle = idleMemory.residentBytes;
+  memory.idleAnonymous = idleMemory.anonymousBytes;
   memory.clients = 256;
   LoadGenerator generator(memory.clients);
   if (!generator.join(kServerPort, "Crew", 30s)) {
@@ -311,9 +284,10 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     RunPlan plan = showLoad(kServerPort, 16, settings.memoryTraffic);
     const RunResult traffic = generator.run(plan);
     checkDelivered(traffic, "memory run", results);
-    memory.loaded = residentBytes(server->pid());
-    memory.loadedAnonymous = anonymousResidentBytes(server->pid());
-    memory.peak = peakResidentBytes(server->pid());
+    const platform::ProcStatus loaded = memoryOf(server->pid());
+    memory.loaded = loaded.residentBytes;
+    memory.loadedAnonymous = loaded.anonymousBytes;
+    memory.peak = loaded.peakResidentBytes;
     memory.trafficSeconds = traffic.seconds;
     progress(fmt::format("RSS idle {:.2f} MiB, after {:.0f} s of traffic {:.2f} MiB (peak {:.2f})",
                          static_cast<double>(memory.idle) / 1048576, memory.trafficSeconds,
@@ -348,12 +322,13 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
     }
     Announcements& paced = talkers == 0 ? idle : results.announcements.emplace_back();
     paced.underLoad = talkers > 0;
-    paced.server = pacing(announce(generator, *server, pacedText, talkers, announced).frames);
+    paced.server =
+        measurePacing(announce(generator, *server, pacedText, talkers, announced).frames);
     if (paced.server.frames == 0) {
       results.problems.emplace_back("an announcement reached no client");
       return;
     }
-    paced.bare = pacing(barePaced(settings, generator, paced.server.frames, talkers));
+    paced.bare = measurePacing(barePaced(settings, generator, paced.server.frames, talkers));
     progress(fmt::format(
         "pacing with {} talkers: server {} frames, lateness p99 {:.3f} ms; bare "
         "pacer {} frames, p99 {:.3f} ms",

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "LoadGenerator.h"
+#include "Pacing.h"
 #include "wire/Protocol.h"
 
 namespace parlavox::bench {
@@ -71,18 +72,6 @@ struct Saturation {
   double serverPeak = 0;
   double serverCpuAtPeak = 0;  // share of one CPU
   double bareCpuAtPeak = 0;
-};
-
-// Lateness of each frame against first + i × 20 ms at the listening client.
-struct Pacing {
-  std::size_t frames = 0;
-  std::size_t missing = 0;
-  double seconds = 0;
-  double p50Ms = 0;
-  double p99Ms = 0;
-  double maxMs = 0;
-  double driftMs = 0;        // the last frame's lateness: first → last against (n − 1) × 20 ms
-  double steadyDriftMs = 0;  // median lateness of the last second minus that of the first
 };
 
 struct Announcements {

@@ -1,30 +1,24 @@
 #include "StationPeers.h"
 
 #include <atomic>
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/system_timer.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
-#include <deque>
 #include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "Wire.h"
+#include "devkit/StationSession.h"
 
 namespace parlavox::bench {
 namespace {
 
 namespace asio = boost::asio;
-namespace beast = boost::beast;
-using tcp = asio::ip::tcp;
-using ErrorCode = beast::error_code;
+using ErrorCode = boost::system::error_code;
 
 constexpr std::int64_t kFrameNs = 20'000'000;
 
@@ -37,23 +31,17 @@ struct Copy {
   std::int64_t latencyNs = 0;
 };
 
+// 127.2.x.y: each browser is a device of its own, as each UDP client is (127.1.x.y).
+std::string stationAddress(std::size_t index) {
+  return "127.2." + std::to_string(index / 250) + "." + std::to_string(index % 250 + 1);
+}
+
 }  // namespace
 
 struct StationPeers::State {
-  struct Station {
-    Station(asio::io_context& io, asio::ssl::context& tls, std::size_t n)
-        : socket(io, tls), index(n) {}
-    beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> socket;
-    std::size_t index;
-    beast::flat_buffer in;
-    std::deque<std::vector<std::uint8_t>> out;  // Beast takes one write at a time
-    bool writing = false;
-    bool open = true;
-  };
-
   asio::io_context io;
   asio::ssl::context tls{asio::ssl::context::tls_client};
-  std::vector<std::unique_ptr<Station>> stations;
+  std::vector<std::unique_ptr<devkit::StationSession>> stations;
   asio::steady_timer pinger{io};
   // The talker's deadlines are CLOCK_REALTIME, the clock of the probes' times.
   asio::system_timer pacer{io};
@@ -71,60 +59,21 @@ struct StationPeers::State {
   std::vector<std::pair<std::uint32_t, std::int64_t>> spoken;  // station 0's (run, intended time)
 
   // Everything below runs on the stations' thread.
-  void send(Station& station, std::vector<std::uint8_t> message) {
-    station.out.push_back(std::move(message));
-    write(station);
-  }
-
-  void write(Station& station) {
-    if (station.writing || station.out.empty() || !station.open) {
-      return;
-    }
-    station.writing = true;
-    auto& message = station.out.front();
-    // Latency counts from the moment the datagram leaves, not from when it was queued here.
+  void received(std::size_t station, std::span<const std::uint8_t> message) {
+    const std::int64_t arrival = realtimeNs();
     if (const auto probe = readProbe(message)) {
-      restamp(message, probe->seq, probe->intendedNs, realtimeNs());
+      const std::lock_guard lock(mutex);
+      copies.push_back({probe->run, probe->talker, static_cast<std::uint16_t>(station),
+                        probe->intendedNs, arrival - probe->sentNs});
+    } else if (isWelcome(message)) {
+      ++welcomed;
     }
-    station.socket.async_write(asio::buffer(message),
-                               [this, &station](ErrorCode error, std::size_t) {
-                                 station.writing = false;
-                                 station.out.pop_front();
-                                 error ? fail(station) : write(station);
-                               });
-  }
-
-  void read(Station& station) {
-    station.socket.async_read(station.in, [this, &station](ErrorCode error, std::size_t) {
-      if (error) {
-        fail(station);
-        return;
-      }
-      const std::int64_t arrival = realtimeNs();
-      const auto data = station.in.cdata();
-      const std::span<const std::uint8_t> message(static_cast<const std::uint8_t*>(data.data()),
-                                                  data.size());
-      if (const auto probe = readProbe(message)) {
-        const std::lock_guard lock(mutex);
-        copies.push_back({probe->run, probe->talker, static_cast<std::uint16_t>(station.index),
-                          probe->intendedNs, arrival - probe->sentNs});
-      } else if (isWelcome(message)) {
-        ++welcomed;
-      }
-      station.in.consume(station.in.size());
-      read(station);
-    });
-  }
-
-  void fail(Station& station) {
-    closed += station.open ? 1U : 0U;
-    station.open = false;
   }
 
   // The server forgets a peer silent for 8 s; listening stations say nothing otherwise.
   void ping() {
     for (auto& station : stations) {
-      send(*station, control({wire::MessageType::ping, std::nullopt, std::nullopt}));
+      station->send(control({wire::MessageType::ping, std::nullopt, std::nullopt}));
     }
     pinger.expires_after(wire::kKeepaliveInterval);
     pinger.async_wait([this](ErrorCode error) {
@@ -143,7 +92,7 @@ struct StationPeers::State {
         const std::lock_guard lock(mutex);
         spoken.emplace_back(talkRun, nextNs);
       }
-      send(*stations.front(), frame);
+      stations.front()->send(frame);
     }
     if (nextNs >= untilNs) {
       return;
@@ -162,25 +111,17 @@ struct StationPeers::State {
 StationPeers::StationPeers(std::size_t count, std::uint16_t port)
     : state_(std::make_unique<State>()) {
   State& s = *state_;
-  s.tls.set_verify_mode(asio::ssl::verify_none);  // the server's certificate is self-signed
-  const tcp::endpoint server(asio::ip::make_address_v4("127.0.0.1"), port);
   for (std::size_t i = 0; i < count; ++i) {
-    auto station = std::make_unique<State::Station>(s.io, s.tls, i);
-    tcp::socket& socket = beast::get_lowest_layer(station->socket).socket();
-    socket.open(tcp::v4());
-    // 127.2.x.y: each browser is a device of its own, as each UDP client is (127.1.x.y).
-    socket.bind({asio::ip::address_v4((127U << 24) | (2U << 16) |
-                                      static_cast<std::uint32_t>((i / 250) << 8 | (i % 250 + 1))),
-                 0});
-    socket.set_option(tcp::no_delay(true));  // as browsers set it
-    socket.connect(server);
-    station->socket.next_layer().handshake(asio::ssl::stream_base::client);
-    station->socket.handshake("127.0.0.1:" + std::to_string(port), "/intercom");
-    station->socket.binary(true);
-    s.stations.push_back(std::move(station));
-  }
-  for (auto& station : s.stations) {
-    s.read(*station);
+    auto& station = *s.stations.emplace_back(std::make_unique<devkit::StationSession>(
+        s.io, s.tls, "127.0.0.1", port, stationAddress(i)));
+    // Latency counts from the moment the datagram leaves, not from when it was queued.
+    station.beforeWrite([](std::vector<std::uint8_t>& message) {
+      if (const auto probe = readProbe(message)) {
+        restamp(message, probe->seq, probe->intendedNs, realtimeNs());
+      }
+    });
+    station.start([&s, i](std::span<const std::uint8_t> message) { s.received(i, message); },
+                  [&s] { ++s.closed; });
   }
   s.ping();
   s.thread = std::thread([&s] { s.io.run(); });
@@ -194,9 +135,8 @@ StationPeers::~StationPeers() {
 bool StationPeers::join(const std::string& role, std::chrono::milliseconds timeout) {
   State& s = *state_;
   asio::post(s.io, [&s, role] {
-    for (auto& station : s.stations) {
-      s.send(*station,
-             control({wire::MessageType::join, "station-" + std::to_string(station->index), role}));
+    for (std::size_t i = 0; i < s.stations.size(); ++i) {
+      s.stations[i]->send(control({wire::MessageType::join, "station-" + std::to_string(i), role}));
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + timeout;

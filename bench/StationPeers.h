@@ -10,10 +10,11 @@
 
 namespace parlavox::bench {
 
-// Crew stations as browsers are: WebSocket sessions over TLS at the server's /intercom, each from a
-// loopback address of its own, all driven by one thread of their own (Beast on one io_context)
-// beside the load generator's UDP clients. They ping the server every 2 s for as long as they
-// live; station 0 can talk, the others only listen.
+// Crew stations as browsers are: the development kit's WebSocket sessions (the end-to-end tests'
+// StationClient drives the same), each from a loopback address of its own, all on one io_context
+// run by a thread of their own beside the load generator's UDP clients. They ping the server
+// every 2 s for as long as they live; station 0 can talk, the others only listen. The caller's
+// thread owns this object; the stations' own work stays on their thread.
 class StationPeers {
  public:
   // Connects `count` sessions to 127.0.0.1:`port`. Throws boost::system::system_error.

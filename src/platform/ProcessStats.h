@@ -14,7 +14,8 @@ struct ProcessStats {
   double startTimeSeconds = 0;  // since the Unix epoch
 };
 
-// Any thread. From /proc; nothing when it cannot be read.
+// Any thread. From /proc (ProcFiles.h); nothing, never an exception, when it cannot be read: the
+// server loop asks for it.
 std::optional<ProcessStats> processStats();
 
 }  // namespace parlavox::platform

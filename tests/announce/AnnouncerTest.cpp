@@ -10,22 +10,21 @@
 #include <vector>
 
 #include "announce/Announcer.h"
+#include "devkit/TempDir.h"
 #include "fakes/FakeClock.h"
 #include "fakes/FakeConsole.h"
 #include "platform/AudioFile.h"
 #include "platform/Process.h"
-#include "support/ChildProcess.h"
 #include "support/Samples.h"
-#include "support/TempDir.h"
 #include "wire/Audio.h"
 
 namespace parlavox {
 namespace {
 
+using devkit::TempDir;
+using devkit::writeScript;
 using std::chrono::milliseconds;
 using test::FakeClock;
-using test::TempDir;
-using test::writeScript;
 using Frame = std::vector<std::uint8_t>;
 using Lines = std::vector<std::string>;
 
@@ -127,7 +126,7 @@ TEST_F(AnnouncerTest, RunsTheCommandWithAFreshSpeechFileAndTheTextUnchanged) {
   for (const std::string& text : std::vector<std::string>{
            "-f /etc/passwd", "", "$(touch '" + (files_ / "pwned") + "') \"*\""}) {
     announce(command, text);
-    const auto args = splitNul(test::readFile(record));
+    const auto args = splitNul(devkit::readFile(record));
     ASSERT_EQ(args.size(), 3U) << text;
     EXPECT_EQ(args[0], "-o");
     EXPECT_TRUE(args[1].starts_with(prefix) && args[1].ends_with(".aiff") &&
@@ -157,7 +156,8 @@ TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
           text,
           [&events, &mutex, &log, text](Bytes frame) {
             const std::lock_guard lock(mutex);
-            events.push_back(text + " " + std::to_string(frame.size()) + " " + test::readFile(log));
+            events.push_back(text + " " + std::to_string(frame.size()) + " " +
+                             devkit::readFile(log));
           },
           [&events, &mutex, text] {
             const std::lock_guard lock(mutex);

@@ -5,9 +5,10 @@
 #include <map>
 #include <set>
 
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
 #include "platform/AudioFile.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
+#include "support/Programs.h"
 
 namespace parlavox {
 namespace {
@@ -15,9 +16,9 @@ namespace {
 // Text that looks like an option is spoken as words; a wrong command line gets one line of usage
 // and status 2; a failure, one line and status 1.
 TEST(ParlavoxSay, SpeaksAnyTextAndSaysWhatItCannotDoInOneLine) {
-  test::TempDir dir;
+  devkit::TempDir dir;
   const auto say = [&](const std::vector<std::string>& args) {
-    return test::runToEnd(test::parlavoxSayBinary(), args, dir.path());
+    return devkit::runToEnd(test::parlavoxSayBinary(), args, dir.path());
   };
   for (const std::string text : {"Places please", "-f /etc/passwd", ""}) {
     const auto run = say({"-o", "speech.aiff", text});
@@ -45,13 +46,13 @@ TEST(ParlavoxSay, SpeaksInTheVoiceItsEnvironmentAsksForAndInEnglishWithoutOne) {
   for (const char* variable : {"PARLAVOX_VOICE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
     ::unsetenv(variable);  // this test's process only: each test runs in a process of its own
   }
-  test::TempDir dir;
+  devkit::TempDir dir;
   // What the speech file holds, and what was said on standard error.
   const auto speak = [&dir](const std::vector<std::string>& env) {
-    const test::ChildRun run = test::runToEnd(
+    const devkit::ChildRun run = devkit::runToEnd(
         test::parlavoxSayBinary(), {"-o", "out.aiff", "eins zwei drei"}, dir.path(), env);
     EXPECT_EQ(run.status, 0);
-    return std::pair{test::readFile(dir / "out.aiff"), run.standardError};
+    return std::pair{devkit::readFile(dir / "out.aiff"), run.standardError};
   };
   const std::map<std::string, std::string> voices{
       {"English", speak({}).first},

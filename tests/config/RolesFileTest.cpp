@@ -6,7 +6,7 @@
 
 #include "config/Config.h"
 #include "config/RolesFile.h"
-#include "support/TempDir.h"
+#include "devkit/TempDir.h"
 
 namespace parlavox {
 namespace {
@@ -87,7 +87,7 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
 // builtin-roles.json is the built-in roles file written out by hand, line by line.
 TEST(RolesFile, BuiltInFileIsWrittenByteForByte) {
   EXPECT_EQ(encodeConfig(defaultConfig()),
-            test::readFile(PARLAVOX_TEST_DATA "/builtin-roles.json"));
+            devkit::readFile(PARLAVOX_TEST_DATA "/builtin-roles.json"));
 }
 
 }  // namespace

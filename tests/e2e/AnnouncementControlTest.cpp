@@ -11,6 +11,12 @@
 namespace parlavox::test {
 namespace {
 
+using devkit::processEnds;
+using devkit::readFile;
+using devkit::runProgram;
+using devkit::waitForLineIn;
+using devkit::writeScript;
+
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 

@@ -12,6 +12,9 @@
 namespace parlavox::test {
 namespace {
 
+using devkit::runProgram;
+using devkit::TempDir;
+
 using namespace std::chrono_literals;
 using client::Audio;
 

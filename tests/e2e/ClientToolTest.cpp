@@ -15,6 +15,10 @@
 namespace parlavox::test {
 namespace {
 
+using devkit::ChildProcess;
+using devkit::runToEnd;
+using devkit::writeFile;
+
 using namespace std::chrono_literals;
 using testing::Contains;
 using Samples = std::vector<std::int16_t>;

@@ -11,6 +11,9 @@
 namespace parlavox::test {
 namespace {
 
+using devkit::ChildRun;
+using devkit::runToEnd;
+
 using namespace std::chrono_literals;
 
 class Monitor : public ServerFixture {

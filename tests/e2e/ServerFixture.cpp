@@ -4,6 +4,9 @@
 
 namespace parlavox::test {
 
+using devkit::ChildProcess;
+using devkit::writeFile;
+
 using namespace std::chrono_literals;
 
 void ServerFixture::startWith(const Config& config, const std::string& program,

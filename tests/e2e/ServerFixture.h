@@ -9,8 +9,9 @@
 
 #include "client/IntercomClient.h"
 #include "config/Config.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
+#include "support/Programs.h"
 
 namespace parlavox::test {
 
@@ -30,8 +31,8 @@ class ServerFixture : public testing::Test {
       client::IntercomClient& client, std::chrono::milliseconds first = std::chrono::seconds(10),
       std::chrono::milliseconds quiet = std::chrono::milliseconds(1500));
 
-  TempDir dir;
-  std::unique_ptr<ChildProcess> server;
+  devkit::TempDir dir;
+  std::unique_ptr<devkit::ChildProcess> server;
 };
 
 }  // namespace parlavox::test

@@ -12,11 +12,16 @@
 #include "client/IntercomClient.h"
 #include "config/Config.h"
 #include "config/RolesFile.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
+#include "support/Programs.h"
 
 namespace parlavox::test {
 namespace {
+
+using devkit::ChildProcess;
+using devkit::readFile;
+using devkit::TempDir;
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;

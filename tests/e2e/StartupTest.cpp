@@ -8,11 +8,19 @@
 #include "client/IntercomClient.h"
 #include "config/Config.h"
 #include "config/RolesFile.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
+#include "support/Programs.h"
 
 namespace parlavox::test {
 namespace {
+
+using devkit::ChildProcess;
+using devkit::ChildRun;
+using devkit::readFile;
+using devkit::runToEnd;
+using devkit::TempDir;
+using devkit::writeFile;
 
 using namespace std::chrono_literals;
 

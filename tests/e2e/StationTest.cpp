@@ -12,6 +12,12 @@
 namespace parlavox::test {
 namespace {
 
+using devkit::ChildProcess;
+using devkit::ChildRun;
+using devkit::runProgram;
+using devkit::runToEnd;
+using devkit::TempDir;
+
 using namespace std::chrono_literals;
 using client::Audio;
 using client::StationClient;

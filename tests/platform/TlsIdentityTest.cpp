@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
 #include "platform/TlsIdentity.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
 
 namespace parlavox::platform {
 namespace {
@@ -13,14 +13,14 @@ namespace {
 std::string openssl(std::vector<std::string> args, const std::string& path) {
   args.insert(args.end(), {"-noout", "-in", path});
   std::string out;
-  for (const std::string& line : test::runToEnd("openssl", args, "/").lines) {
+  for (const std::string& line : devkit::runToEnd("openssl", args, "/").lines) {
     out += line + "\n";
   }
   return out;
 }
 
 TEST(TlsIdentity, MadeOnceForTheHostsNamesAndAddressesThenKept) {
-  test::TempDir dir;
+  devkit::TempDir dir;
   const TlsNames names{{"backstage", "backstage.local"}, {"192.0.2.7", "10.0.0.12"}};
   const auto made = loadOrCreateTlsIdentity(dir.path(), names);
   ASSERT_TRUE(made) << made.error();
@@ -45,9 +45,9 @@ TEST(TlsIdentity, MadeOnceForTheHostsNamesAndAddressesThenKept) {
   EXPECT_EQ(kept->keyPem, made->keyPem);
 
   // Half a pair, or a pair that does not belong together, is refused and left alone.
-  test::TempDir other;
+  devkit::TempDir other;
   ASSERT_TRUE(loadOrCreateTlsIdentity(other.path(), names));
-  test::writeFile(dir / "parlavox-key.pem", test::readFile(other / "parlavox-key.pem"));
+  devkit::writeFile(dir / "parlavox-key.pem", devkit::readFile(other / "parlavox-key.pem"));
   EXPECT_EQ(loadOrCreateTlsIdentity(dir.path(), names)
                 .error()
                 .rfind("the key is not the "

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "support/ChildProcess.h"
+#include "devkit/ChildProcess.h"
 
 namespace parlavox::test {
 
@@ -23,7 +23,7 @@ std::string makeAudio(const std::string& path, int rate, int channels,
       "sox", "-r",   std::to_string(rate), "-c", std::to_string(channels), "-n", "-b", "16",
       path,  "synth"};
   argv.insert(argv.end(), synth.begin(), synth.end());
-  if (runProgram(argv) != 0) {
+  if (devkit::runProgram(argv) != 0) {
     throw std::runtime_error("sox could not make " + path);
   }
   return path;

@@ -20,10 +20,10 @@
 
 #include "client/CrewSession.h"
 #include "client/IntercomClient.h"
+#include "devkit/ChildProcess.h"
+#include "devkit/TempDir.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
 #include "wire/Audio.h"
 
 namespace {
@@ -98,8 +98,8 @@ int main(int argc, char** argv) {
   }
 
   // The server in a scratch directory, on its built-in show.
-  const test::TempDir directory;
-  test::ChildProcess server(std::filesystem::absolute(args[0]).string(), {}, directory.path());
+  const devkit::TempDir directory;
+  devkit::ChildProcess server(std::filesystem::absolute(args[0]).string(), {}, directory.path());
   if (!server.waitForLine("✅ Listening on UDP port")) {
     std::printf("❌ %s did not start\n", args[0].c_str());
     return 1;

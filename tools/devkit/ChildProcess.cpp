@@ -1,4 +1,4 @@
-#include "support/ChildProcess.h"
+#include "devkit/ChildProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,19 +10,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fstream>
 #include <stdexcept>
 
-#include "support/TempDir.h"
+#include "platform/ProcFiles.h"
 
-extern char** environ;
-
-namespace parlavox::test {
+namespace parlavox::devkit {
 namespace {
 
 // argv/envp arrays pointing into `strings`, which must outlive them.
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
+  out.reserve(strings.size() + 1);
   for (auto& s : strings) {
     out.push_back(s.data());
   }
@@ -204,9 +202,8 @@ int runProgram(const std::vector<std::string>& argv) {
 bool processEnds(pid_t pid, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    // The state follows the command name, which ends with the last ")".
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    if (pid > 0 && (stat.empty() || stat.find(") Z ", stat.rfind(')')) != std::string::npos)) {
+    const auto stat = platform::readProcStat(pid);
+    if (pid > 0 && (!stat || stat->state == 'Z')) {
       return true;
     }
     if (pid <= 0 || std::chrono::steady_clock::now() >= deadline) {
@@ -217,24 +214,8 @@ bool processEnds(pid_t pid, std::chrono::milliseconds timeout) {
 }
 
 long ChildProcess::residentKiB() const {
-  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.starts_with("VmRSS:")) {
-      return std::stol(line.substr(6));
-    }
-  }
-  return -1;
+  const auto status = platform::readProcStatus(pid_);
+  return status ? static_cast<long>(status->residentBytes / 1024) : -1;
 }
 
-std::string parlavoxBinary() {
-  return PARLAVOX_BINARY;
-}
-std::string parlavoxClientBinary() {
-  return PARLAVOX_CLIENT_BINARY;
-}
-std::string parlavoxSayBinary() {
-  return PARLAVOX_SAY_BINARY;
-}
-
-}  // namespace parlavox::test
+}  // namespace parlavox::devkit

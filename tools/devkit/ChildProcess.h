@@ -11,12 +11,12 @@
 #include <thread>
 #include <vector>
 
-namespace parlavox::test {
+namespace parlavox::devkit {
 
 // A program under test (a path, or a name found on PATH), run without a shell in a working
-// directory of the test's choosing, with
-// its standard output read line by line and its standard error kept apart (the programs of this
-// project must leave it empty). Stopped with SIGTERM, then SIGKILL, when destroyed.
+// directory of the caller's choosing, with its standard output read line by line and its standard
+// error kept apart (the programs of this project must leave it empty). Stopped with SIGTERM, then
+// SIGKILL, when destroyed. The tests, the bench and parlavox-soak run the server this way.
 class ChildProcess {
  public:
   // Starts `program` (a path) with `args`; `extraEnv` ("NAME=value") is added to our environment.
@@ -34,24 +34,26 @@ class ChildProcess {
       const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(5));
   // Any thread. How many lines so far contain `text`.
   std::size_t count(const std::string& text) const;
+  // Any thread. Every whole line so far, and the standard error so far.
   std::vector<std::string> lines() const;
   std::string standardError() const;
-  // The test's thread. Sends `signal` (SIGINT for Ctrl-C) unless the program has ended.
+  // The owner's thread. Sends `signal` (SIGINT for Ctrl-C) unless the program has ended.
   void signal(int signal);
-  // The test's thread. The exit status if the program ends within `timeout` (-signal when a
+  // The owner's thread. The exit status if the program ends within `timeout` (-signal when a
   // signal ended it); all its output has been read by then.
   std::optional<int> waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // The test's thread. Like waitForExit, without a limit and without polling, so that it returns
+  // The owner's thread. Like waitForExit, without a limit and without polling, so that it returns
   // as the program ends: for timing a run. Throws std::runtime_error if the program cannot be
   // waited for (someone else reaped it).
   int wait();
-  // The test's thread. SIGTERM, and SIGKILL if that does not end it within 5 s.
+  // The owner's thread. SIGTERM, and SIGKILL if that does not end it within 5 s.
   void stop();
 
   // Any thread. For reading /proc while the program runs; once it has been waited for, the id
   // may belong to another process.
   pid_t pid() const { return pid_; }
-  // Any thread. The program's resident memory now, in KiB, as /proc tells; -1 once it is gone.
+  // Any thread. The program's resident memory now, in KiB, as /proc tells (VmRSS); -1 once it is
+  // gone.
   long residentKiB() const;
 
  private:
@@ -76,22 +78,19 @@ struct ChildRun {
   std::vector<std::string> lines;
   std::string standardError;
 };
+// Any thread. Runs `program` until it ends or `timeout` passes (then stops it).
 ChildRun runToEnd(const std::string& program, const std::vector<std::string>& args,
                   const std::filesystem::path& workingDir,
                   const std::vector<std::string>& extraEnv = {},
                   std::chrono::milliseconds timeout = std::chrono::seconds(15));
 
-// Runs a helper program (sox, oscsend, ...) to its end in the working directory: its exit status,
-// or -1 if it did not end by itself within 15 s. Throws std::runtime_error if it cannot start.
+// Any thread. Runs a helper program (sox, oscsend, ...) to its end in the working directory: its
+// exit status, or -1 if it did not end by itself within 15 s. Throws std::runtime_error if it
+// cannot start.
 int runProgram(const std::vector<std::string>& argv);
 
 // Any thread. Waits up to `timeout` for the process `pid` to be gone, or dead and only waiting to
 // be reaped by whoever inherited it; true if it is.
 bool processEnds(pid_t pid, std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
-// The programs under test, from the build tree.
-std::string parlavoxBinary();
-std::string parlavoxClientBinary();
-std::string parlavoxSayBinary();
-
-}  // namespace parlavox::test
+}  // namespace parlavox::devkit

@@ -1,4 +1,4 @@
-#include "support/TempDir.h"
+#include "devkit/TempDir.h"
 
 #include <sys/stat.h>
 
@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace parlavox::test {
+namespace parlavox::devkit {
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "parlavox-test-XXXXXX").string();
@@ -65,4 +65,4 @@ std::string writeScript(const std::string& path, std::string_view body) {
   return path;
 }
 
-}  // namespace parlavox::test
+}  // namespace parlavox::devkit

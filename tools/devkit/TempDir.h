@@ -5,10 +5,10 @@
 #include <string_view>
 #include <vector>
 
-namespace parlavox::test {
+namespace parlavox::devkit {
 
 // A fresh empty directory under the system's temporary directory, removed with everything in it
-// when the test is done with it. Any thread.
+// when its owner is done with it. Any thread.
 class TempDir {
  public:
   TempDir();
@@ -25,14 +25,15 @@ class TempDir {
   std::string path_;
 };
 
-// Whole-file helpers; writeFile throws std::runtime_error when the file cannot be written.
+// Any thread. Whole-file helpers; writeFile throws std::runtime_error when the file cannot be
+// written.
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, std::string_view content);
 // Any thread. What `path` holds once it holds a whole line, waiting up to `timeout`; "" if none
 // came.
 std::string waitForLineIn(const std::string& path,
                           std::chrono::milliseconds timeout = std::chrono::seconds(10));
-// An executable /bin/sh script with `body` after the interpreter line; returns `path`.
+// Any thread. An executable /bin/sh script with `body` after the interpreter line; returns `path`.
 std::string writeScript(const std::string& path, std::string_view body);
 
-}  // namespace parlavox::test
+}  // namespace parlavox::devkit
