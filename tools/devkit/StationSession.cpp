@@ -6,7 +6,10 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <string>
 #include <utility>
+
+#include "web/Paths.h"
 
 namespace parlavox::devkit {
 
@@ -33,7 +36,7 @@ StationSession::StationSession(asio::io_context& io, asio::ssl::context& tls,
   }
   connection.set_option(tcp::no_delay(true));
   socket_.next_layer().handshake(asio::ssl::stream_base::client);
-  socket_.handshake(host + ":" + std::to_string(port), "/intercom");
+  socket_.handshake(host + ":" + std::to_string(port), std::string(web::kIntercomSocket));
   socket_.binary(true);
 }
 
