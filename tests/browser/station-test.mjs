@@ -6,7 +6,9 @@
 //
 // The page talks: what parlavox-client records must be the microphone's tone. The client talks:
 // what the page received (its test hook, window.parlavoxStation) must be the client's tone, and
-// the monitor must show both crew members, the client as talking.
+// the monitor must show both crew members, the client as talking. Then the station is never
+// silently off comms: the screen kept on, its talk key, its sound stopped and restored by a tap,
+// a reload that rejoins, and the server frozen (SIGSTOP) and thawed.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
@@ -103,7 +105,7 @@ try {
   const pageErrors = [];
   page.on("pageerror", (error) => pageErrors.push(String(error)));
   await page.goto("https://127.0.0.1:50505/?test"); // ?test: the page installs its test hook
-  const station = (call) => page.evaluate(call);
+  const station = (call, arg) => page.evaluate(call, arg);
 
   await page.fill("#name", "Follow Spot");
   await until("the roles", () => page.locator("#role option").count());
@@ -111,13 +113,15 @@ try {
   await page.click("#join");
   await until("the welcome", () => station(() => parlavoxStation.state().joined));
   assert.ok(server.lines.includes("🎧 Follow Spot joined as Stage Manager"));
+  await until("the screen's wake lock", () => station(() => parlavoxStation.wakeLock() === "held"), 3000);
 
   // The page talks; a Lighting crew member records what it hears.
   const listener = start(client, ["127.0.0.1", "listen", "--role", "Lighting", "--name", "Lights",
                                   "--seconds", "5", "--out", file("heard-by-udp.wav")], "listen");
   await until("the listener", () => station(() => parlavoxStation.state().roster.length === 2));
   const ptt = await page.locator("#ptt").boundingBox();
-  await page.mouse.move(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  const onPtt = () => page.mouse.move(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  await onPtt();
   await page.mouse.down();
   await sleep(2500);
   await page.mouse.up();
@@ -155,8 +159,68 @@ try {
   assert.ok(Math.abs(heardByPage.hz - 440) < 5, `heard ${heardByPage.hz} Hz, played 440 Hz`);
   assert.ok(heardByPage.rms > 0.2, `heard RMS ${heardByPage.rms}`);
 
+  // The talk key: a tap latches; held over the latch it talks on, and the lift ends the talk.
+  const talk = () => station(() => [parlavoxStation.state().talking, parlavoxStation.latched()]);
+  const alarms = () => page.locator('[role="alert"]:visible').allTextContents();
+  await page.mouse.click(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  assert.deepEqual(await talk(), [true, true], "a tap latches");
+  await page.mouse.down();
+  const sentBefore = await station(() => parlavoxStation.sent());
+  await sleep(600);
+  assert.deepEqual(await talk(), [true, true], "held over the latch, it talks on");
+  assert.ok(await station(() => parlavoxStation.sent()) > sentBefore + 10, "and sends while held");
+  await page.mouse.up();
+  assert.deepEqual(await talk(), [false, false], "the lift ends the talk");
+
+  // The sound stopped by the system, while latched: the alarm, talking ended; a tap restores it.
+  await page.mouse.click(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  let since = Date.now();
+  await station(() => parlavoxStation.suspendAudio());
+  await until("the audio alarm", async () => (await alarms()).includes("Audio stopped — tap to restore"), 1000);
+  console.log(`Audio stopped: alarm after ${Date.now() - since} ms`);
+  assert.deepEqual(await talk(), [false, false], "a stopped sound ends the talk, latch and all");
+  assert.notEqual(await page.locator("#conn").textContent(), "Connected");
+  assert.equal(await page.locator("#ptt").getAttribute("aria-pressed"), "false");
+  await page.locator("#alarm-audio").click();
+  await until("the sound back", () => station(() => parlavoxStation.audio() === "running"), 3000);
+  assert.deepEqual(await alarms(), []);
+  await onPtt();
+  await page.mouse.down();
+  const sentAgain = await station(() => parlavoxStation.sent());
+  await sleep(600);
+  await page.mouse.up();
+  assert.ok(await station(() => parlavoxStation.sent()) > sentAgain + 10, "the sound flows again");
+
+  // A reload rejoins by itself.
+  await page.reload();
+  await until("the rejoin after a reload", () => station(() => parlavoxStation.state().joined
+    && parlavoxStation.state().name === "Follow Spot" && parlavoxStation.state().role === "Stage Manager"));
+
+  // The server frozen: a dead link, noticed within about 3 s; a latched talk ended, an alert
+  // sounded, the crew list stale; thawed, all back as it was.
+  await until("a settled link", () => station(() => parlavoxStation.audio() === "running"
+    && parlavoxStation.alarms().length === 0));
+  await page.mouse.click(ptt.x + ptt.width / 2, ptt.y + ptt.height / 2);
+  assert.deepEqual(await talk(), [true, true]);
+  const alertsBefore = await station(() => parlavoxStation.alerts());
+  server.kill("SIGSTOP");
+  since = Date.now();
+  await until("the dead-link alarm", async () => (await alarms()).includes("Connection lost — reconnecting…"), 3500);
+  console.log(`Server frozen: alarm after ${Date.now() - since} ms`);
+  assert.deepEqual(await talk(), [false, false], "a dead link ends a latched talk");
+  assert.ok(await page.locator("#crew-stale").isVisible(), "the crew list is marked stale");
+  await until("the alert sound", () => station((n) => parlavoxStation.alerts() > n, alertsBefore), 2000);
+  server.kill("SIGCONT");
+  since = Date.now();
+  await until("the rejoin after the thaw", () => station(() => parlavoxStation.state().joined
+    && parlavoxStation.alarms().length === 0));
+  console.log(`Server thawed: rejoined after ${Date.now() - since} ms`);
+  assert.ok(!(await page.locator("#crew-stale").isVisible()));
+
+  const left = () => server.lines.filter((l) => l === "👋 Follow Spot (Stage Manager) left").length;
+  const leftBefore = left();
   await page.close();
-  await until("the departure", () => server.lines.includes("👋 Follow Spot (Stage Manager) left"));
+  await until("the departure", () => left() > leftBefore);
   assert.deepEqual(pageErrors, []);
   assert.equal(server.errors, "");
   console.log("browser station: OK");
