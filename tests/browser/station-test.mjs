@@ -7,8 +7,10 @@
 // The page talks: what parlavox-client records must be the microphone's tone (its sound, where the
 // engine's fake microphone has no pitch of ours). The client talks: what the page received (its
 // test hook, window.parlavoxStation) must be the client's tone, and the monitor must show both
-// crew members, the client as talking. Chromium's screenshots are the README's; the other
-// engines' are named after them (station-firefox.png), to look at.
+// crew members, the client as talking. Then the station is never silently off comms: the screen
+// kept on, its talk key, its sound stopped and restored by a tap, a reload that rejoins, and the
+// server frozen (SIGSTOP) and thawed. Chromium's screenshots are the README's; the other engines'
+// are named after them (station-firefox.png), to look at.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
@@ -102,7 +104,7 @@ try {
   }
   // ?test: the page installs its test hook.
   const page = await browser.open("https://127.0.0.1:50505/?test", { width: 400, height: 860 });
-  const station = (call) => page.evaluate(call);
+  const station = (call, arg) => page.evaluate(call, arg);
 
   await page.fill("#name", "Follow Spot");
   await until("the roles", () => page.count("#role option"));
@@ -110,6 +112,12 @@ try {
   await page.click("#join");
   await until("the welcome", () => station(() => parlavoxStation.state().joined));
   assert.ok(server.lines.includes("🎧 Follow Spot joined as Stage Manager"));
+  // The screen kept on while joined, where the engine has a wake lock at all.
+  if (await station(() => "wakeLock" in navigator)) {
+    await until("the screen's wake lock", () => station(() => parlavoxStation.wakeLock() === "held"), 3000);
+  } else {
+    console.log(`${engine.name}: no screen wake lock in this engine: not checked`);
+  }
 
   // The page talks; a Lighting crew member records what it hears.
   const listener = start(client, ["127.0.0.1", "listen", "--role", "Lighting", "--name", "Lights",
@@ -152,8 +160,69 @@ try {
   assert.ok(Math.abs(heardByPage.hz - 440) < 5, `heard ${heardByPage.hz} Hz, played 440 Hz`);
   assert.ok(heardByPage.rms > 0.2, `heard RMS ${heardByPage.rms}`);
 
+  // The talk key: a tap latches; held over the latch it talks on, and the lift ends the talk.
+  const talk = () => station(() => [parlavoxStation.state().talking, parlavoxStation.latched()]);
+  const alarms = () => page.evaluate(() => [...document.querySelectorAll('[role="alert"]')]
+    .filter((e) => e.offsetParent !== null).map((e) => e.textContent));
+  const shown = (selector) => page.evaluate((s) => document.querySelector(s)?.offsetParent != null, selector);
+  await page.click("#ptt");
+  assert.deepEqual(await talk(), [true, true], "a tap latches");
+  await page.mouseDown("#ptt");
+  const sentBefore = await station(() => parlavoxStation.sent());
+  await sleep(600);
+  assert.deepEqual(await talk(), [true, true], "held over the latch, it talks on");
+  assert.ok(await station(() => parlavoxStation.sent()) > sentBefore + 10, "and sends while held");
+  await page.mouseUp();
+  assert.deepEqual(await talk(), [false, false], "the lift ends the talk");
+
+  // The sound stopped by the system, while latched: the alarm, talking ended; a tap restores it.
+  await page.click("#ptt");
+  let since = Date.now();
+  await station(() => parlavoxStation.suspendAudio());
+  await until("the audio alarm", async () => (await alarms()).includes("Audio stopped — tap to restore"), 1000);
+  console.log(`Audio stopped: alarm after ${Date.now() - since} ms`);
+  assert.deepEqual(await talk(), [false, false], "a stopped sound ends the talk, latch and all");
+  assert.notEqual(await page.text("#conn"), "Connected");
+  assert.equal(await page.evaluate(() => document.querySelector("#ptt").getAttribute("aria-pressed")), "false");
+  await page.click("#alarm-audio");
+  await until("the sound back", () => station(() => parlavoxStation.audio() === "running"), 3000);
+  assert.deepEqual(await alarms(), []);
+  await page.mouseDown("#ptt");
+  const sentAgain = await station(() => parlavoxStation.sent());
+  await sleep(600);
+  await page.mouseUp();
+  assert.ok(await station(() => parlavoxStation.sent()) > sentAgain + 10, "the sound flows again");
+
+  // A reload rejoins by itself.
+  await page.reload();
+  await until("the rejoin after a reload", () => station(() => parlavoxStation.state().joined
+    && parlavoxStation.state().name === "Follow Spot" && parlavoxStation.state().role === "Stage Manager"));
+
+  // The server frozen: a dead link, noticed within about 3 s; a latched talk ended, an alert
+  // sounded, the crew list stale; thawed, all back as it was.
+  await until("a settled link", () => station(() => parlavoxStation.audio() === "running"
+    && parlavoxStation.alarms().length === 0));
+  await page.click("#ptt");
+  assert.deepEqual(await talk(), [true, true]);
+  const alertsBefore = await station(() => parlavoxStation.alerts());
+  server.kill("SIGSTOP");
+  since = Date.now();
+  await until("the dead-link alarm", async () => (await alarms()).includes("Connection lost — reconnecting…"), 3500);
+  console.log(`Server frozen: alarm after ${Date.now() - since} ms`);
+  assert.deepEqual(await talk(), [false, false], "a dead link ends a latched talk");
+  assert.ok(await shown("#crew-stale"), "the crew list is marked stale");
+  await until("the alert sound", () => station((n) => parlavoxStation.alerts() > n, alertsBefore), 2000);
+  server.kill("SIGCONT");
+  since = Date.now();
+  await until("the rejoin after the thaw", () => station(() => parlavoxStation.state().joined
+    && parlavoxStation.alarms().length === 0));
+  console.log(`Server thawed: rejoined after ${Date.now() - since} ms`);
+  assert.ok(!(await shown("#crew-stale")));
+
+  const left = () => server.lines.filter((l) => l === "👋 Follow Spot (Stage Manager) left").length;
+  const leftBefore = left();
   await page.close();
-  await until("the departure", () => server.lines.includes("👋 Follow Spot (Stage Manager) left"));
+  await until("the departure", () => left() > leftBefore);
   assert.deepEqual([...await page.errors(), ...await monitor.errors()], []);
   assert.equal(server.errors, "");
   console.log(`browser station (${engine.name}): OK in ${((Date.now() - began) / 1000).toFixed(1)} s`);

@@ -4,13 +4,15 @@
 
 const FIRST_RETRY_MS = 500; // doubling from here after each failure...
 const LAST_RETRY_MS = 5000; // ...up to this
-const LOST_TEXT = "Connection lost — reconnecting…";
+export const LOST_TEXT = "Connection lost — reconnecting…";
 const UNREACHABLE_TEXT = "Cannot reach the intercom — retrying…";
 
 export class Connection {
   // `path` on this page's host. Options:
   //   deadMs, checkEveryMs  nothing received for longer than deadMs (checked every checkEveryMs)
   //                         closes the socket, even one that never finished its handshake
+  //   replyMs               a request marked with awaitReply() and nothing received within
+  //                         replyMs of it closes the socket too
   //   binary                messages arrive as ArrayBuffer rather than Blob
   //   liveOnOpen            false: the link only counts as up once live() is called (the monitor
   //                         waits for its first good snapshot)
@@ -31,14 +33,19 @@ export class Connection {
     this.stopped = false;
     this.retryTimer = 0;
     this.lastRx = 0;
+    this.awaiting = null; // when the oldest request still unanswered went out
   }
 
   // Connects, and keeps at it for the life of the page.
   start() {
     const { window } = this.env;
     // A socket can stay "open" long after the network has gone; silence is the real signal.
+    // An answer overdue is the quick signal; timed from the request, so a page whose timers the
+    // browser slows down (a hidden tab) is not taken for a dead link.
     this.env.timers.setInterval(() => {
-      if (this.ws && this.env.now() - this.lastRx > this.options.deadMs) this.lost(this.ws);
+      const now = this.env.now();
+      if (this.ws && (now - this.lastRx > this.options.deadMs
+        || (this.awaiting !== null && now - this.awaiting > this.options.replyMs))) this.lost(this.ws);
     }, this.options.checkEveryMs);
     // Leaving closes the socket so the page can go into the back/forward cache; back, reopen it.
     window.addEventListener("pagehide", () => this.hide());
@@ -58,6 +65,7 @@ export class Connection {
     }
     if (this.options.binary) ws.binaryType = "arraybuffer";
     this.ws = ws;
+    this.awaiting = null;
     this.lastRx = this.env.now(); // a handshake that hangs is caught by the watchdog too
     ws.onopen = () => {
       this.lastRx = this.env.now();
@@ -67,6 +75,7 @@ export class Connection {
     };
     ws.onmessage = (e) => {
       this.lastRx = this.env.now();
+      this.awaiting = null;
       this.options.onMessage?.(e.data);
     };
     ws.onclose = ws.onerror = () => this.lost(ws);
@@ -85,6 +94,11 @@ export class Connection {
     if (ws?.readyState !== this.env.WebSocket.OPEN || ws.bufferedAmount > shedAbove) return false;
     ws.send(data);
     return true;
+  }
+
+  // Something just sent must be answered within replyMs (no effect without that option).
+  awaitReply() {
+    if (this.ws && this.options.replyMs && this.awaiting === null) this.awaiting = this.env.now();
   }
 
   lost(ws) {

@@ -15,6 +15,8 @@ export class StationAudio {
     this.volume = null;
     this.player = null;
     this.hasMic = false;
+    this.micError = ""; // why there is no mic: the error's name ("NotAllowedError": refused)
+    this.onState = null; // () => void: a context started, stopped or was interrupted
     this.capturing = false;
     this.onFrame = null; // (Float32Array) => void; the array is reused, use it right away
     this.frame = new Float32Array(FRAME_SAMPLES);
@@ -31,9 +33,7 @@ export class StationAudio {
     }
     const ctx = new AudioContext({ sampleRate: SAMPLE_RATE, latencyHint: "interactive" });
     ctx.resume().catch(() => {});
-    const micRequest = navigator.mediaDevices?.getUserMedia
-      ? navigator.mediaDevices.getUserMedia({ audio: MIC }).catch(() => null)
-      : Promise.resolve(null);
+    const micRequest = this.askMic();
     try {
       await Promise.all([
         ctx.audioWorklet.addModule(CAPTURE_WORKLET),
@@ -45,6 +45,7 @@ export class StationAudio {
       throw err;
     }
     this.ctx = ctx;
+    ctx.addEventListener("statechange", () => this.onState?.());
     this.volume = new GainNode(ctx, { gain: volume });
     this.player = new AudioWorkletNode(ctx, "parlavox-playback", {
       numberOfInputs: 0, numberOfOutputs: 1, outputChannelCount: [1],
@@ -53,6 +54,35 @@ export class StationAudio {
     const stream = await micRequest;
     this.hasMic = stream ? await this.attachMic(stream) : false;
     return this.hasMic;
+  }
+
+  askMic() {
+    if (!navigator.mediaDevices?.getUserMedia) {
+      this.micError = "NotSupportedError";
+      return Promise.resolve(null);
+    }
+    return navigator.mediaDevices.getUserMedia({ audio: MIC }).then((stream) => {
+      this.micError = "";
+      return stream;
+    }, (err) => {
+      this.micError = err?.name || "Error";
+      return null;
+    });
+  }
+
+  // After the user allowed the mic in the browser's settings: no reload needed.
+  async retryMic() {
+    if (this.hasMic || !this.ctx) return this.hasMic;
+    const stream = await this.askMic();
+    this.hasMic = stream ? await this.attachMic(stream) : false;
+    return this.hasMic;
+  }
+
+  // The worst of the contexts' states: "running" only when all of them run.
+  get state() {
+    if (!this.ctx) return null;
+    const stopped = [this.ctx, this.captureCtx].find((ctx) => ctx && ctx.state !== "running");
+    return stopped ? stopped.state : "running";
   }
 
   async attachMic(stream) {
@@ -66,6 +96,7 @@ export class StationAudio {
       try {
         ctx = this.captureCtx = new AudioContext({ latencyHint: "interactive" });
         ctx.resume().catch(() => {});
+        ctx.addEventListener("statechange", () => this.onState?.());
         await ctx.audioWorklet.addModule(CAPTURE_WORKLET);
         source = ctx.createMediaStreamSource(stream);
         this.down = { step: ctx.sampleRate / SAMPLE_RATE, t: 0, sum: 0, n: 0 };

@@ -4,6 +4,7 @@ import { CHANNEL_LIMIT, KEEPALIVE_MS, MessageType } from "../shared/constants.js
 import { decode, encodeAudio, encodeControl } from "./protocol.js";
 
 export const LIT_MS = 300; // a talker stays lit this long after their last frame
+const FORGET_MS = 60000;
 const REFUSED = "The intercom refused to let us join.";
 
 // The channels of a mask, lowest first.
@@ -14,10 +15,11 @@ export class Session {
   // sendAudio(bytes) -> whether it went: a stalled link may shed audio.
   // now() -> milliseconds: when frames arrive, for the talking lights.
   // timers: setInterval and clearInterval, the keepalive's (the page's own unless a test plays them).
-  constructor({ send, sendAudio = send, now = () => performance.now(), timers = globalThis }) {
-    Object.assign(this, { send, sendAudio, now, timers });
+  // awaitReply(): a ping just went out, which the server answers.
+  constructor({ send, sendAudio = send, now = () => performance.now(), timers = globalThis, awaitReply = () => {} }) {
+    Object.assign(this, { send, sendAudio, now, timers, awaitReply });
     this.connected = false;
-    this.config = null; // {channels: [name], roles: [{name, talk, listen}]} from the server
+    this.config = null; // {show, channels: [name], roles: [{name, talk, listen}]} from the server
     this.want = null; // {name, role} from the user's Join until Leave: what we rejoin as after a drop
     this.screen = "join"; // "station" from the welcome until Leave or a refusal
     this.joined = false;
@@ -40,7 +42,10 @@ export class Session {
     this.connected = true;
     this.control({ t: MessageType.hi });
     this.timers.clearInterval(this.keepalive);
-    this.keepalive = this.timers.setInterval(() => this.control({ t: MessageType.ping }), KEEPALIVE_MS);
+    this.keepalive = this.timers.setInterval(() => {
+      this.control({ t: MessageType.ping });
+      this.awaitReply();
+    }, KEEPALIVE_MS);
   }
 
   closed() {
@@ -121,7 +126,10 @@ export class Session {
     const channels = Array.isArray(m.channels) ? m.channels.map(String) : [];
     // A changed show layout would make the old switched-off bits point at other channels.
     if (this.config && this.config.channels.join("\n") !== channels.join("\n")) this.off = 0;
-    this.config = { channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [] };
+    this.config = {
+      show: typeof m.show === "string" ? m.show : "",
+      channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [],
+    };
     this.sendJoin(); // back after a drop: rejoin without asking the user
   }
 
@@ -138,6 +146,19 @@ export class Session {
   isTalking(id, now = this.now()) {
     if (id === this.id) return this.talking;
     return now - (this.lastAudio.get(id) ?? -Infinity) < LIT_MS;
+  }
+
+  // id -> milliseconds since each was last heard, for those heard within `ms` (we are heard now
+  // while our microphone is out). Those silent for over a minute are forgotten, so that the cost
+  // stays with the crew who talk, not with the crew.
+  heardWithin(ms, now = this.now()) {
+    const ages = new Map();
+    for (const [id, at] of this.lastAudio) {
+      if (now - at < ms) ages.set(id, now - at);
+      else if (now - at > FORGET_MS) this.lastAudio.delete(id);
+    }
+    if (this.talking && this.id !== null) ages.set(this.id, 0);
+    return ages;
   }
 
   // The channels someone was heard on within the last LIT_MS, lowest first.

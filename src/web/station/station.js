@@ -1,26 +1,39 @@
 // Crew station: wires the link to the server, the session, the sound and the screen together.
 import { KEEPALIVE_MS, MessageType, PATHS, SAMPLE_RATE, SILENCE_LIMIT_MS } from "../shared/constants.js";
 import { Connection, renderBanner } from "../shared/connection.js";
+import { AlarmEdges, assess } from "./alarms.js";
+import { buzz, playAlert, renderAlarms } from "./alerts.js";
 import { StationAudio } from "./audio.js";
 import { ChannelsView } from "./channels.js";
-import { JoinScreen } from "./join-screen.js";
+import { JoinScreen, nameTakenText } from "./join-screen.js";
+import { bindMediaSession, showMediaSession } from "./media-session.js";
+import { micHelp } from "./mic-help.js";
+import { sameNameOnCrew } from "./names.js";
 import { RosterView } from "./roster.js";
 import { Session } from "./session.js";
+import { tabJoin } from "./store.js";
 import { bindTalkButton, renderTalkButton } from "./talk-button.js";
 import { TalkKey } from "./talk-key.js";
 import { installStationHook, testHookWanted } from "./test-hook.js";
 import { bindVolume } from "./volume.js";
+import { ScreenLock } from "./wake-lock.js";
 
 // About half a second of audio queued on the socket: beyond it a stalled link sheds frames, not
 // delay.
 const SHED_ABOVE = 0.5 * SAMPLE_RATE * Int16Array.BYTES_PER_ELEMENT;
+// The server answers each ping, and one goes out every KEEPALIVE_MS: a ping unanswered for half
+// that is a dead link, so a link that dies is noticed within 1.5 × KEEPALIVE_MS (and a check).
+const REPLY_MS = KEEPALIVE_MS / 2;
+const CHECK_MS = KEEPALIVE_MS / 16;
+const BUZZ = { link: [300, 150, 300, 150, 300], audio: [600, 200, 600] };
 
 const $ = (id) => document.getElementById(id);
 const audio = new StationAudio();
 const key = new TalkKey();
-// The server forgets a station silent for SILENCE_LIMIT_MS; hearing nothing for as long, so do we.
+// Silence as long as the server's own limit is a dead link too, even before any ping (a
+// handshake that hangs).
 const link = new Connection(PATHS.intercom, {
-  binary: true, deadMs: SILENCE_LIMIT_MS, checkEveryMs: KEEPALIVE_MS,
+  binary: true, deadMs: SILENCE_LIMIT_MS, checkEveryMs: CHECK_MS, replyMs: REPLY_MS,
   onOpen: () => session.opened(),
   onMessage: (data) => data instanceof ArrayBuffer && receive(data),
   onLost: () => {
@@ -30,12 +43,17 @@ const link = new Connection(PATHS.intercom, {
   onChange: render,
   onHide: () => session.farewell(),
 });
-const session = new Session({ send: (d) => link.send(d), sendAudio: (d) => link.send(d, SHED_ABOVE) });
-const heard = testHookWanted() ? installStationHook(session) : null;
+const session = new Session({
+  send: (d) => link.send(d), sendAudio: (d) => link.send(d, SHED_ABOVE), awaitReply: () => link.awaitReply(),
+});
+const screenLock = new ScreenLock(render);
+const edges = new AlarmEdges();
+const seen = { alerts: 0, rosters: 0 }; // for the test hook
 
 const join = new JoinScreen({
   startAudio: () => audio.start(volume()),
   onJoin: (name, role) => {
+    tabJoin.remember(name, role);
     session.join(name, role);
     render();
   },
@@ -47,8 +65,9 @@ const channels = new ChannelsView(
     session.toggle(channel);
     renderTalk();
   });
-const roster = new RosterView($("roster"));
+const roster = new RosterView($("roster"), $("crew-more"));
 const volume = bindVolume($("volume"), $("volume-out"), (gain) => audio.setVolume(gain));
+let rejoinTried = false;
 
 function receive(data) {
   const event = session.receive(data);
@@ -57,9 +76,17 @@ function receive(data) {
       heard?.push(event.samples); // before play() takes the buffer away
       audio.play(event.sender, event.samples);
       return;
-    case MessageType.config:
+    case MessageType.config: {
       join.fillRoles(session.config.roles);
+      // A reloaded or discarded tab that was joined joins again by itself.
+      const again = tabJoin.recall();
+      if (again && !session.want && !rejoinTried) {
+        rejoinTried = true;
+        $("name").value = again.name;
+        join.start(again.name, again.role);
+      }
       break;
+    }
     case MessageType.welcome:
       join.error = "";
       channels.build(session);
@@ -67,11 +94,15 @@ function receive(data) {
       updateTalking(); // a press still held through a rejoin carries on
       break;
     case MessageType.roster:
-      return roster.render(session);
+      seen.rosters++;
+      roster.render(session);
+      join.setCrew(session.roster.filter((u) => u.id !== session.id)); // for after a Leave
+      return renderNameTaken();
     case MessageType.rejoin:
       updateTalking();
       break;
     case MessageType.error:
+      tabJoin.forget();
       join.error = event.reason;
       stopTalking();
       break;
@@ -84,7 +115,11 @@ function receive(data) {
 // --- Talking ---
 
 const onStation = () => session.screen === "station";
-const canTalk = () => session.joined && link.connected && audio.hasMic;
+const now = () => assess({
+  onStation: onStation(), linkUp: link.connected, joined: session.joined, audio: audio.state,
+  talking: session.talking, wakeLock: screenLock.state, show: session.config?.show,
+});
+const canTalk = () => audio.hasMic && now().canTalk;
 
 function updateTalking() {
   const talking = canTalk() && key.active;
@@ -102,22 +137,43 @@ function stopTalking() {
 }
 
 audio.onFrame = (frame) => session.sendFrame(frame);
+// The sound stopped (the system took it, the phone was locked): talking ends with it, latch and
+// all, and the next tap brings it back.
+audio.onState = () => {
+  if (audio.state !== "running") stopTalking();
+  render();
+};
 bindTalkButton($("ptt"), key, {
-  canTalk, onStation, wake: () => audio.resume(), update: updateTalking, stop: stopTalking,
+  canTalk, onStation, update: updateTalking,
+  wake: () => {
+    audio.resume();
+    screenLock.retry();
+  },
+});
+bindMediaSession(() => {
+  if (!canTalk()) return;
+  key.toggle();
+  updateTalking();
 });
 
-$("leave").addEventListener("click", () => {
+$("leave").addEventListener("click", () => $("leave-dialog").showModal());
+$("leave-dialog").addEventListener("close", () => {
+  if ($("leave-dialog").returnValue !== "leave") return;
   session.leave();
+  tabJoin.forget();
   stopTalking();
   render();
 });
+$("mic-retry").addEventListener("click", () => audio.retryMic().then(render));
 
 // --- Screen ---
 
 function render() {
+  const state = now();
   $("join-screen").hidden = onStation();
   $("station-screen").hidden = !onStation();
   renderBanner($("banner"), link);
+  if (state.alarms.length) $("banner").hidden = true; // the alarm says it, and more
   join.render({
     connected: link.connected, haveShow: Boolean(session.config),
     waiting: Boolean(session.want && !session.joined),
@@ -125,18 +181,55 @@ function render() {
   $("me-name").textContent = session.want?.name ?? "";
   $("me-role").textContent = session.role;
   const conn = $("conn");
-  conn.textContent = !link.connected ? "Reconnecting…" : session.joined ? "Connected" : "Joining…";
-  conn.className = "conn " + (session.joined ? "ok" : "bad");
-  $("mic-note").hidden = audio.hasMic || !audio.ctx;
+  conn.textContent = state.status;
+  conn.className = "conn " + (state.status === "Connected" ? "ok" : "bad");
+  renderAlarms({ link: $("alarm-link"), audio: $("alarm-audio") }, state.alarms);
+  for (const kind of edges.raised(state.alarms)) {
+    if (kind === "link") playAlert(audio.ctx, () => seen.alerts++);
+    buzz(BUZZ[kind]);
+  }
+  roster.setStale(state.crewStale);
+  $("crew-stale").hidden = !state.crewStale;
+  screenLock.want(onStation());
+  $("wake-note").textContent = state.wakeNote;
+  $("wake-note").hidden = !state.wakeNote;
+  const denied = !audio.hasMic && ["NotAllowedError", "SecurityError"].includes(audio.micError);
+  $("mic-note").hidden = audio.hasMic || !audio.ctx || denied;
+  $("mic-denied").hidden = !denied || !onStation();
+  if (denied) $("mic-help").textContent = micHelp(navigator.userAgent);
+  $("talk-hint").hidden = !audio.hasMic;
+  renderNameTaken();
   renderTalk();
 }
 
+function renderNameTaken() {
+  const other = onStation() && sameNameOnCrew(session.want?.name ?? "", session.roster, session.id);
+  $("name-dup").textContent = other ? nameTakenText(other) : "";
+  $("name-dup").hidden = !other;
+}
+
+let liveText = "";
 function renderTalk() {
+  const talking = session.talking;
   renderTalkButton($("ptt"), {
-    hasMic: audio.hasMic, talking: session.talking, latched: key.latched, idle: !canTalk(),
+    hasMic: audio.hasMic, talking, latched: key.sticky, idle: !canTalk(),
   });
   channels.render(session);
+  // Said to a screen reader as it changes, wherever the focus is.
+  const said = talking ? (key.sticky ? "Talking — latched" : "Talking") : liveText && "Not talking";
+  if (said !== liveText) $("talk-live").textContent = liveText = said;
+  const { title } = now();
+  if (document.title !== title) document.title = title;
+  showMediaSession(session.joined ? {
+    show: session.config?.show || "Parlavox", name: session.want?.name ?? "", role: session.role,
+  } : null, talking);
 }
+
+const heard = testHookWanted() ? installStationHook(session, {
+  alarms: () => now().alarms.map((a) => a.kind), audio: () => audio.state, wakeLock: () => screenLock.state,
+  latched: () => key.latched, alerts: () => seen.alerts, rosters: () => seen.rosters, crewCost: () => roster.cost,
+  suspendAudio: () => audio.ctx?.suspend(),
+}) : null;
 
 setInterval(() => onStation() && roster.light(session), 100);
 

@@ -1,11 +1,14 @@
-// The big talk button and the space bar, feeding a TalkKey; and how the button looks.
+// The big talk button, the space bar and Enter, feeding a TalkKey; and how the button looks.
 
 const typing = (el) => el instanceof Element && (el.isContentEditable
   || el.matches("input:not([type=range]):not([type=checkbox]), textarea, select"));
+// Enter belongs to whatever control has the focus, unless that is the talk button itself.
+const ownsEnter = (el, button) => el instanceof Element && el !== button
+  && Boolean(el.closest("button, input, select, textarea, a[href], summary, dialog, [contenteditable]"));
 
 // canTalk(): the mic may open now; onStation(): the station screen is up; wake(): resume audio
-// (iOS wants a gesture); update(): the key changed; stop(): let go of everything.
-export function bindTalkButton(button, key, { canTalk, onStation, wake, update, stop }) {
+// (iOS wants a gesture; any tap or key does it); update(): the key changed.
+export function bindTalkButton(button, key, { canTalk, onStation, wake, update }) {
   button.addEventListener("pointerdown", (e) => {
     if (e.button !== 0 || !canTalk()) return;
     e.preventDefault();
@@ -24,6 +27,13 @@ export function bindTalkButton(button, key, { canTalk, onStation, wake, update, 
     });
   }
   button.addEventListener("contextmenu", (e) => e.preventDefault());
+  // A screen reader's activation is a click with no press before it: it toggles the latch.
+  button.addEventListener("click", () => {
+    if (!canTalk()) return;
+    wake();
+    key.click(performance.now());
+    update();
+  });
 
   addEventListener("keydown", (e) => {
     if (e.code !== "Space" || !onStation() || typing(e.target)) return;
@@ -31,6 +41,14 @@ export function bindTalkButton(button, key, { canTalk, onStation, wake, update, 
     if (e.repeat || key.space || !canTalk()) return;
     wake();
     key.spaceDown();
+    update();
+  });
+  addEventListener("keydown", (e) => {
+    if (e.key !== "Enter" || !onStation() || ownsEnter(e.target, button)) return;
+    e.preventDefault(); // no click on the focused talk button: this is the toggle
+    if (e.repeat || !canTalk()) return;
+    wake();
+    key.toggle();
     update();
   });
   addEventListener("keyup", (e) => {
@@ -43,8 +61,15 @@ export function bindTalkButton(button, key, { canTalk, onStation, wake, update, 
     key.blur();
     update();
   });
-  document.addEventListener("visibilitychange", () => document.hidden && stop());
+  // Hidden, a latch stays on for as long as the sound runs (the page stops it when it does not);
+  // a hold ends, as on blur.
+  document.addEventListener("visibilitychange", () => {
+    if (!document.hidden) return;
+    key.blur();
+    update();
+  });
   document.addEventListener("pointerdown", wake, true);
+  document.addEventListener("keydown", wake, true);
 }
 
 export function renderTalkButton(button, { hasMic, talking, latched, idle }) {

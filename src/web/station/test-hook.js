@@ -1,5 +1,6 @@
-// The automated browser test's window into the station, read-only. Installed only when the page
-// is opened with ?test, so a crew member's phone keeps no copy of what it hears.
+// The automated browser test's window into the station, read-only but for one lever (the sound
+// stopped, as a phone's system stops it). Installed only when the page is opened with ?test, so a
+// crew member's phone keeps no copy of what it hears.
 import { SAMPLE_RATE } from "../shared/constants.js";
 
 export const testHookWanted = () => new URLSearchParams(location.search).has("test");
@@ -38,10 +39,14 @@ export class SampleRing {
 //                              decoded, oldest first, all talkers in arrival order, before jitter
 //                              buffering
 //   parlavoxStation.sent()  -> number of audio datagrams sent so far
+// and what the page adds (`page`): the alarms up, the sound's and the screen lock's states, the
+// latch, alerts sounded, rosters received, milliseconds spent on the crew list; suspendAudio()
+// stops the sound as a phone's system would.
 // Returns the ring to push each received frame into.
-export function installStationHook(session) {
+export function installStationHook(session, page = {}) {
   const heard = new SampleRing(SAMPLE_RATE);
   window.parlavoxStation = {
+    ...page,
     state: () => ({
       connected: session.connected, joined: session.joined, id: session.id,
       name: session.want?.name ?? "", role: session.role, talking: session.talking,

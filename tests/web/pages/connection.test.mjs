@@ -1,5 +1,5 @@
 // The pages' shared link to the server, with a scripted WebSocket and a fake clock: the backoff,
-// the banner, the dead-link watchdog and the back/forward cache.
+// the banner, the dead-link watchdogs (silence, an answer overdue) and the back/forward cache.
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import { FakeTime } from "./fake-time.mjs";
@@ -89,6 +89,29 @@ test("a link that goes quiet is dead, even one that never finished its handshake
   tick(2000);
   assert.ok(hung.closed, "a hanging handshake is given up");
   assert.deepEqual(calls, ["open", "lost", "lost"]);
+});
+
+test("a ping unanswered for replyMs is a dead link; a ping sent late is not", (t) => {
+  const { link, latest, tick } = setUp(t, { replyMs: 1000, checkEveryMs: 250 });
+  const socket = latest();
+  socket.open();
+  // [ms to wait, then: "ping" (awaitReply) | "answer" | null, the socket still open after it]
+  const steps = [
+    [1900, "ping", true], [900, "answer", true], // answered within the second
+    [5000, null, true], // no ping for 5 s (a hidden tab's slowed timers): no answer is due
+    [0, "ping", true], [600, "ping", true], // the older ping sets the deadline...
+    [399, null, true], [251, null, false], // ...and it is noticed at the next check after 1 s
+  ];
+  for (const [ms, what, open] of steps) {
+    tick(ms);
+    if (what === "ping") link.awaitReply();
+    if (what === "answer") socket.onmessage({ data: "pong" });
+    assert.equal(!socket.closed, open, `after ${ms} ms then ${what}`);
+  }
+  tick(500);
+  latest().open();
+  tick(1500);
+  assert.equal(latest().closed, false, "a new socket owes no answer for the old one's ping");
 });
 
 test("the monitor's link is live from its first good message, not the open", (t) => {

@@ -24,6 +24,7 @@ function station(t) {
     sendAudio: (bytes) => !shedding && out.push(decode(bytes)) > 0,
     now: time.now,
     timers: time,
+    awaitReply: () => out.push("awaiting a reply"),
   });
   const take = () => out.splice(0);
   return { session, take, shed: (on) => (shedding = on), tick: (ms) => time.tick(ms) };
@@ -44,13 +45,14 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   session.opened();
   assert.deepEqual(take(), [{ t: T.hi }]);
   tick(3 * KEEPALIVE_MS - 1);
-  assert.deepEqual(take(), [{ t: T.ping }, { t: T.ping }]);
+  const ping = [{ t: T.ping }, "awaiting a reply"];
+  assert.deepEqual(take(), [...ping, ...ping]);
   tick(1);
-  assert.deepEqual(take(), [{ t: T.ping }]);
+  assert.deepEqual(take(), ping);
 
-  const config = { t: T.config, channels: ["Main"], roles: [{ name: "Sound" }, {}] };
+  const config = { t: T.config, show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }, {}] };
   assert.equal(session.receive(fromServer(config)).type, T.config);
-  assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
+  assert.deepEqual(session.config, { show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }] });
   assert.deepEqual(take(), [], "nobody asked to join yet");
   session.join("Ann", "Sound");
   assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
@@ -121,16 +123,24 @@ test("hears who talks, on which channels, lit for a moment after their last fram
       { type: "audio", sender, channels, samples: [0.5, -0.25] });
   }
   assert.deepEqual(session.hearing(), [1, 2]);
+  tick(100);
+  assert.deepEqual([...session.heardWithin(LIT_MS)], [[3, 100], [ANNOUNCER_ID, 100]]);
   assert.deepEqual(session.rosterView().map((u) => [u.id, u.you, u.talking]),
     [[7, true, false], [3, false, true]]);
   assert.equal(session.isTalking(ANNOUNCER_ID), true);
-  tick(LIT_MS - 1);
+  tick(LIT_MS - 101);
   assert.equal(session.isTalking(3), true);
   tick(1);
   assert.deepEqual([session.isTalking(3), session.isTalking(ANNOUNCER_ID), session.hearing()],
     [false, false, []]);
   session.talking = true;
   assert.equal(session.rosterView()[0].talking, true, "we are lit while our microphone is out");
+  assert.deepEqual([...session.heardWithin(LIT_MS)], [[7, 0]]);
+  assert.deepEqual([...session.heardWithin(2000)].map(([id]) => id), [3, ANNOUNCER_ID, 7]);
+  tick(60000);
+  session.talking = false;
+  session.heardWithin(LIT_MS);
+  assert.deepEqual([...session.heardWithin(Infinity)], [], "a minute's silence is forgotten");
 
   session.closed();
   assert.equal(session.receive(encodeAudio(3, 0b010, 0, frame)), null, "nothing is heard unjoined");
