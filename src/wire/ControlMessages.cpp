@@ -133,9 +133,6 @@ std::optional<ConfigMsg> readConfig(const Json& object) {
       })) {
     return std::nullopt;
   }
-  if (object.contains("show") && !readString(object, "show", message.show)) {
-    return std::nullopt;
-  }
   return message;
 }
 
@@ -206,7 +203,6 @@ std::string encodeControl(const ConfigMsg& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
     json["t"] = nameOf(MessageType::config);
-    json["show"] = message.show;
     json["channels"] = message.channels;
     json["roles"] = OrderedJson::array();
     for (const Role& role : message.roles) {

@@ -48,12 +48,10 @@ struct Incoming {
   bool operator==(const Incoming&) const = default;
 };
 
-// From the server, in reply to "hi": the show's channels in mask-bit order and its roles, and its
-// name (absent from older servers: read as empty).
+// From the server, in reply to "hi": the show's channels in mask-bit order and its roles.
 struct ConfigMsg {
   std::vector<std::string> channels;
   std::vector<Role> roles;
-  std::string show;
   bool operator==(const ConfigMsg&) const = default;
 };
 
