@@ -11,6 +11,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "announce/Announcements.h"
@@ -122,6 +123,13 @@ std::string stateDirectory() {
 }
 
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
+
+// What the crew station knows of the show beyond the intercom's messages: its name, for the lock
+// screen and the tab.
+std::string stationInfo(const Show& show) {
+  return nlohmann::json{{"show", show.name()}}.dump(-1, ' ', false,
+                                                    nlohmann::json::error_handler_t::replace);
+}
 
 // The crew station's certificate: made on the first start, then kept in `directory` (beside the
 // roles file, or the state directory under systemd). Nothing when it cannot be had.
@@ -240,7 +248,9 @@ int run(int argc, char** argv, platform::Console& terminal) {
   web::Routes routes({.crew = browsers,
                       .monitorFeed = monitorFeed,
                       .metrics = {"text/plain; version=0.0.4; charset=utf-8",
-                                  [&monitor] { return monitor.metrics(); }}});
+                                  [&monitor] { return monitor.metrics(); }},
+                      .stationInfo = {"application/json; charset=utf-8",
+                                      [info = stationInfo(show)] { return info; }}});
   const std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
   const auto identity = stationIdentity(certificates.empty() ? "." : certificates, console);

@@ -56,11 +56,13 @@ int main(int argc, char** argv) {
         "// Network audio: signed 16-bit mono at this rate, in frames of this many samples.\n"
         "export const SAMPLE_RATE = {};\n"
         "export const FRAME_SAMPLES = {};\n\n"
-        "// A client says something at least every KEEPALIVE_MS; the server forgets one silent for\n"
+        "// A client says something at least every KEEPALIVE_MS; the server forgets one silent "
+        "for\n"
         "// longer than SILENCE_LIMIT_MS.\n"
         "export const KEEPALIVE_MS = {};\n"
         "export const SILENCE_LIMIT_MS = {};\n\n"
-        "// A show has at most CHANNEL_LIMIT channels (bits of a mask); a name is cut to NAME_LIMIT\n"
+        "// A show has at most CHANNEL_LIMIT channels (bits of a mask); a name is cut to "
+        "NAME_LIMIT\n"
         "// user-perceived characters.\n"
         "export const CHANNEL_LIMIT = {};\n"
         "export const NAME_LIMIT = {};\n\n"
@@ -78,14 +80,15 @@ int main(int argc, char** argv) {
         "  monitor: \"{}\",\n"
         "  intercom: \"{}\",\n"
         "  monitorFeed: \"{}\",\n"
+        "  stationInfo: \"{}\",\n"
         "}});\n",
         wire::kControlKind, wire::kAudioKind, wire::AudioHeader::kSize,
         wire::AudioHeader::kSenderIDOffset, wire::AudioHeader::kMaskOffset,
         wire::AudioHeader::kSeqOffset, wire::announcerID, wire::kSampleRate, wire::kFrameSamples,
         milliseconds(wire::kKeepaliveInterval), milliseconds(wire::kSilenceLimit), kChannelLimit,
-        wire::kNameLimit, types, grade(kLossGrade), grade(kJitterGradeMs),
-        grade(kLastHeardGradeMs), web::kStationPage, web::kMonitorPage, web::kIntercomSocket,
-        web::kMonitorFeed);
+        wire::kNameLimit, types, grade(kLossGrade), grade(kJitterGradeMs), grade(kLastHeardGradeMs),
+        web::kStationPage, web::kMonitorPage, web::kIntercomSocket, web::kMonitorFeed,
+        web::kStationInfo);
   } catch (const std::exception& error) {
     fmt::print(stderr, "parlavox-page-constants: {}\n", error.what());
     return 1;

@@ -11,5 +11,7 @@ inline constexpr std::string_view kMonitorPage = "/monitor";
 inline constexpr std::string_view kIntercomSocket = "/intercom";
 inline constexpr std::string_view kMonitorFeed = "/monitor/events";
 inline constexpr std::string_view kMetrics = "/metrics";
+// What the station needs to know of the show beyond the intercom's own messages: its name.
+inline constexpr std::string_view kStationInfo = "/station.json";
 
 }  // namespace parlavox::web

@@ -48,6 +48,7 @@ Routes::Routes(Answers answers) {
   table_.emplace(kStationPage, file("station/index.html"));
   table_.emplace(kMonitorPage, file("monitor/index.html"));
   table_.emplace(kMetrics, std::move(answers.metrics));
+  table_.emplace(kStationInfo, std::move(answers.stationInfo));
   table_.emplace(kIntercomSocket, &answers.crew);
   table_.emplace(kMonitorFeed, &answers.monitorFeed);
 }

@@ -28,6 +28,7 @@ class Routes final : public platform::HttpHandler {
     WebPeers& crew;
     Feed& monitorFeed;
     Document metrics;
+    Document stationInfo;
   };
 
   explicit Routes(Answers answers);

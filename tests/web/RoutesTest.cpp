@@ -1,7 +1,5 @@
 // The web port's route table, and the crew and the feed behind it, with WebSockets played by the
 // test: what each path answers, and how sessions become peers and readers.
-#include "web/Routes.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "fakes/FakeWebSocket.h"
+#include "web/Routes.h"
 
 namespace parlavox::web {
 namespace {
@@ -50,9 +49,9 @@ class RoutesTest : public testing::Test {
   int metricsMade = 0;
   Routes routes{{.crew = crew,
                  .monitorFeed = feed,
-                 .metrics = {"text/plain; version=0.0.4", [this] {
-                               return "made " + std::to_string(++metricsMade);
-                             }}}};
+                 .metrics = {"text/plain; version=0.0.4",
+                             [this] { return "made " + std::to_string(++metricsMade); }},
+                 .stationInfo = {"application/json", [] { return R"({"show":"Hamlet"})"; }}}};
 };
 
 std::string page(std::string_view path) {
@@ -84,6 +83,7 @@ TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
       {"GET", "/shared/base.css", 200, "text/css; charset=utf-8", page("shared/base.css")},
       {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 1"},
       {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 2"},
+      {"GET", "/station.json", 200, "application/json", R"({"show":"Hamlet"})"},
       {"POST", "/", 404, "text/plain", notFound},
       {"GET", "/index.html", 404, "text/plain", notFound},
       {"GET", "/station", 404, "text/plain", notFound},
@@ -108,8 +108,8 @@ TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {
   EXPECT_TRUE(crewSocket->options.binary);
   const auto droppable = crewSocket->options.policy.droppable;
   ASSERT_TRUE(droppable);
-  EXPECT_TRUE(droppable(asBytes("\x02...")));    // audio: worth less once stale
-  EXPECT_FALSE(droppable(asBytes("\x01{}")));    // control: always sent
+  EXPECT_TRUE(droppable(asBytes("\x02...")));  // audio: worth less once stale
+  EXPECT_FALSE(droppable(asBytes("\x01{}")));  // control: always sent
   EXPECT_FALSE(crewSocket->options.policy.newestOnly);
 
   const auto feedSocket = routes.upgrade({"GET", "/monitor/events", {}});

@@ -19,7 +19,7 @@ export class Session {
   constructor({ send, sendAudio = send, now = () => performance.now(), timers = globalThis, awaitReply = () => {} }) {
     Object.assign(this, { send, sendAudio, now, timers, awaitReply });
     this.connected = false;
-    this.config = null; // {show, channels: [name], roles: [{name, talk, listen}]} from the server
+    this.config = null; // {channels: [name], roles: [{name, talk, listen}]} from the server
     this.want = null; // {name, role} from the user's Join until Leave: what we rejoin as after a drop
     this.screen = "join"; // "station" from the welcome until Leave or a refusal
     this.joined = false;
@@ -126,10 +126,7 @@ export class Session {
     const channels = Array.isArray(m.channels) ? m.channels.map(String) : [];
     // A changed show layout would make the old switched-off bits point at other channels.
     if (this.config && this.config.channels.join("\n") !== channels.join("\n")) this.off = 0;
-    this.config = {
-      show: typeof m.show === "string" ? m.show : "",
-      channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [],
-    };
+    this.config = { channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [] };
     this.sendJoin(); // back after a drop: rejoin without asking the user
   }
 

@@ -28,6 +28,8 @@ const CHECK_MS = KEEPALIVE_MS / 16;
 const BUZZ = { link: [300, 150, 300, 150, 300], audio: [600, 200, 600] };
 
 const $ = (id) => document.getElementById(id);
+// The show's name, for the lock screen and the tab: asked for once, beside the intercom's link.
+let show = "";
 const audio = new StationAudio();
 const key = new TalkKey();
 // Silence as long as the server's own limit is a dead link too, even before any ping (a
@@ -117,7 +119,7 @@ function receive(data) {
 const onStation = () => session.screen === "station";
 const now = () => assess({
   onStation: onStation(), linkUp: link.connected, joined: session.joined, audio: audio.state,
-  talking: session.talking, wakeLock: screenLock.state, show: session.config?.show,
+  talking: session.talking, wakeLock: screenLock.state, show,
 });
 const canTalk = () => audio.hasMic && now().canTalk;
 
@@ -221,7 +223,7 @@ function renderTalk() {
   const { title } = now();
   if (document.title !== title) document.title = title;
   showMediaSession(session.joined ? {
-    show: session.config?.show || "Parlavox", name: session.want?.name ?? "", role: session.role,
+    show: show || "Parlavox", name: session.want?.name ?? "", role: session.role,
   } : null, talking);
 }
 
@@ -235,3 +237,7 @@ setInterval(() => onStation() && roster.light(session), 100);
 
 render();
 link.start();
+fetch(PATHS.stationInfo).then((answer) => answer.json()).then((info) => {
+  show = typeof info?.show === "string" ? info.show : "";
+  render();
+}).catch(() => {}); // the page works without it: only the tab and the lock screen name the show

@@ -50,9 +50,9 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   tick(1);
   assert.deepEqual(take(), ping);
 
-  const config = { t: T.config, show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }, {}] };
+  const config = { t: T.config, channels: ["Main"], roles: [{ name: "Sound" }, {}] };
   assert.equal(session.receive(fromServer(config)).type, T.config);
-  assert.deepEqual(session.config, { show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }] });
+  assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
   assert.deepEqual(take(), [], "nobody asked to join yet");
   session.join("Ann", "Sound");
   assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
