@@ -26,7 +26,8 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
     : show_(std::move(show)),
       platform_(platform),
       exit_(std::move(exit)),
-      configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})) {}
+      configReply_(wire::encodeControl(
+          wire::ConfigMsg{show_.channels(), show_.config().roles, show_.name()})) {}
 
 void IntercomServer::start(platform::PeerListener& intercom, std::function<void()> onReady) {
   port_ = intercom.port();

@@ -126,7 +126,8 @@ bool readObjects(const Json& object, const char* key, std::vector<Entry>& out, R
 
 std::optional<ConfigMsg> readConfig(const Json& object) {
   ConfigMsg message;
-  if (!readStrings(object, "channels", message.channels) ||
+  if ((object.contains("show") && !readString(object, "show", message.show)) ||
+      !readStrings(object, "channels", message.channels) ||
       !readObjects(object, "roles", message.roles, [](const Json& item, Role& role) {
         return readString(item, "name", role.name) && readStrings(item, "talk", role.talk) &&
                readStrings(item, "listen", role.listen);
@@ -203,6 +204,7 @@ std::string encodeControl(const ConfigMsg& message) {
   return datagram([&] {
     OrderedJson json = OrderedJson::object();
     json["t"] = nameOf(MessageType::config);
+    json["show"] = message.show;
     json["channels"] = message.channels;
     json["roles"] = OrderedJson::array();
     for (const Role& role : message.roles) {

@@ -48,10 +48,12 @@ struct Incoming {
   bool operator==(const Incoming&) const = default;
 };
 
-// From the server, in reply to "hi": the show's channels in mask-bit order and its roles.
+// From the server, in reply to "hi": the show's channels in mask-bit order, its roles and its
+// name (which a station keeps its listening settings under; absent from older servers).
 struct ConfigMsg {
   std::vector<std::string> channels;
   std::vector<Role> roles;
+  std::string show;
   bool operator==(const ConfigMsg&) const = default;
 };
 

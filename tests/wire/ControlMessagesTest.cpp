@@ -78,14 +78,14 @@ TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
                R"({"id":2,"name":"R)"
                "\u00e9gie \\\"B\\\"/\U0001F3AD"
                R"(","role":"S"}]})")},
-      {encodeControl(ConfigMsg{{"Main", "Green Room"}, {{"Director", {}, {"Main"}}}}),
-       control(R"({"t":"config","channels":["Main","Green Room"],"roles":[)"
+      {encodeControl(ConfigMsg{{"Main", "Green Room"}, {{"Director", {}, {"Main"}}}, "Hamlet"}),
+       control(R"({"t":"config","show":"Hamlet","channels":["Main","Green Room"],"roles":[)"
                R"({"name":"Director","talk":[],"listen":["Main"]}]})")},
       {encodeControl(Incoming{MessageType::join, std::nullopt, "Sound"}),
        control(R"({"t":"join","role":"Sound"})")},
       // Text that is not valid UTF-8 gives nothing to send.
       {encodeControl(SimpleMsg{MessageType::error, "\xff"}), ""},
-      {encodeControl(ConfigMsg{{"Main"}, {{"R", {"Main"}, {"\xed\xa0\x80"}}}}), ""},
+      {encodeControl(ConfigMsg{{"Main"}, {{"R", {"Main"}, {"\xed\xa0\x80"}}}, "S"}), ""},
   };
   for (const auto& [encoded, expected] : cases) {
     EXPECT_EQ(encoded, expected);
@@ -94,7 +94,7 @@ TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
 
 TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused) {
   const ServerMessage messages[] = {
-      ConfigMsg{{"Main", "Tech"}, {{"R\u00e9gie", {"Main"}, {}}}},
+      ConfigMsg{{"Main", "Tech"}, {{"R\u00e9gie", {"Main"}, {}}}, "Le Cid"},
       WelcomeMsg{9, "Sound", 3, 0xFFFFFFFF},
       SimpleMsg{MessageType::error, "The intercom is full."},
       RosterMsg{{{9, "\U0001F468\u200D\U0001F469\u200D\U0001F467", "Sound"}}},
@@ -106,6 +106,7 @@ TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused)
   }
   for (const char* text : {
            R"({"t":"config","channels":["Main",3],"roles":[]})",
+           R"({"t":"config","show":1,"channels":[],"roles":[]})",
            R"({"t":"config","channels":[],"roles":[{"name":"A","talk":"Main","listen":[]}]})",
            R"({"t":"welcome","id":70000,"role":"R","talkMask":1,"listenMask":1})",
            R"({"t":"roster","users":[{"id":"1","name":"A","role":"R"}]})",
