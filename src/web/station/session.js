@@ -17,7 +17,7 @@ export class Session {
   constructor({ send, sendAudio = send, now = () => performance.now(), timers = globalThis }) {
     Object.assign(this, { send, sendAudio, now, timers });
     this.connected = false;
-    this.config = null; // {channels: [name], roles: [{name, talk, listen}]} from the server
+    this.config = null; // {show, channels: [name], roles: [{name, talk, listen}]} from the server
     this.want = null; // {name, role} from the user's Join until Leave: what we rejoin as after a drop
     this.screen = "join"; // "station" from the welcome until Leave or a refusal
     this.joined = false;
@@ -82,7 +82,7 @@ export class Session {
   }
 
   // A datagram from the server. Returns what the page should know of it, or null:
-  //   {type: "audio", sender, channels, samples}  channels: where we heard it
+  //   {type: "audio", sender, channels, seq, samples}  channels: where we heard it
   //   {type: MessageType.error, reason}           refused: back to the join screen
   //   {type: MessageType.config | welcome | roster | rejoin}
   receive(data) {
@@ -121,18 +121,21 @@ export class Session {
     const channels = Array.isArray(m.channels) ? m.channels.map(String) : [];
     // A changed show layout would make the old switched-off bits point at other channels.
     if (this.config && this.config.channels.join("\n") !== channels.join("\n")) this.off = 0;
-    this.config = { channels, roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [] };
+    this.config = {
+      show: String(m.show ?? ""), channels,
+      roles: Array.isArray(m.roles) ? m.roles.filter((r) => r && r.name) : [],
+    };
     this.sendJoin(); // back after a drop: rejoin without asking the user
   }
 
   // The server relays each datagram with our share of its mask: the channels we heard it on.
-  heard({ sender, mask, samples }) {
+  heard({ sender, mask, seq, samples }) {
     if (!this.joined || sender === this.id) return null;
     const now = this.now();
     this.lastAudio.set(sender, now);
     const channels = maskBits(mask);
     for (const i of channels) this.lastOnChannel[i] = now;
-    return { type: "audio", sender, channels, samples };
+    return { type: "audio", sender, channels, seq, samples };
   }
 
   isTalking(id, now = this.now()) {

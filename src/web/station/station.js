@@ -4,8 +4,12 @@ import { Connection, renderBanner } from "../shared/connection.js";
 import { StationAudio } from "./audio.js";
 import { ChannelsView } from "./channels.js";
 import { JoinScreen } from "./join-screen.js";
+import { ListenView } from "./listen-view.js";
+import { Listening } from "./listening.js";
 import { RosterView } from "./roster.js";
 import { Session } from "./session.js";
+import { bindShowMode } from "./show-mode.js";
+import { store } from "./store.js";
 import { bindTalkButton, renderTalkButton } from "./talk-button.js";
 import { TalkKey } from "./talk-key.js";
 import { installStationHook, testHookWanted } from "./test-hook.js";
@@ -31,7 +35,7 @@ const link = new Connection(PATHS.intercom, {
   onHide: () => session.farewell(),
 });
 const session = new Session({ send: (d) => link.send(d), sendAudio: (d) => link.send(d, SHED_ABOVE) });
-const heard = testHookWanted() ? installStationHook(session) : null;
+if (testHookWanted()) installStationHook(session, audio);
 
 const join = new JoinScreen({
   startAudio: () => audio.start(volume()),
@@ -42,27 +46,32 @@ const join = new JoinScreen({
   onChange: render,
 });
 const channels = new ChannelsView(
-  { toggles: $("channels"), listening: $("listening"), noChannel: $("no-channel") },
+  { toggles: $("channels"), noChannel: $("no-channel") },
   (channel) => {
     session.toggle(channel);
     renderTalk();
   });
 const roster = new RosterView($("roster"));
 const volume = bindVolume($("volume"), $("volume-out"), (gain) => audio.setVolume(gain));
+const listening = new Listening(store);
+const listenView = new ListenView($("listen"), listening);
+bindShowMode($("show-mode"));
 
 function receive(data) {
   const event = session.receive(data);
   switch (event?.type) {
-    case "audio":
-      heard?.push(event.samples); // before play() takes the buffer away
-      audio.play(event.sender, event.samples);
+    case "audio": {
+      const gain = listening.gain(event.sender, event.channels);
+      if (gain > 0) audio.play(event.sender, event.samples, gain, event.seq);
       return;
+    }
     case MessageType.config:
       join.fillRoles(session.config.roles);
       break;
     case MessageType.welcome:
       join.error = "";
       channels.build(session);
+      listenView.build(session);
       roster.render(session);
       updateTalking(); // a press still held through a rejoin carries on
       break;
@@ -138,7 +147,11 @@ function renderTalk() {
   channels.render(session);
 }
 
-setInterval(() => onStation() && roster.light(session), 100);
+setInterval(() => {
+  if (!onStation()) return;
+  roster.light(session);
+  listenView.light(session);
+}, 100);
 
 render();
 link.start();

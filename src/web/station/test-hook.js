@@ -32,15 +32,30 @@ export class SampleRing {
   }
 }
 
-//   parlavoxStation.state() -> {connected, joined, id, name, role, talking, talkMask, listenMask,
-//                               hearing: [channel], roster: [{id, name, role, you, talking}]}
-//   parlavoxStation.heard() -> Float32Array: the last (up to) one second of received samples,
-//                              decoded, oldest first, all talkers in arrival order, before jitter
-//                              buffering
-//   parlavoxStation.sent()  -> number of audio datagrams sent so far
-// Returns the ring to push each received frame into.
-export function installStationHook(session) {
-  const heard = new SampleRing(SAMPLE_RATE);
+const OUTPUT_SECONDS = 14;
+
+//   parlavoxStation.state()  -> {connected, joined, id, name, role, talking, talkMask, listenMask,
+//                                hearing: [channel], roster: [{id, name, role, you, talking}]}
+//   parlavoxStation.output(seconds) -> what the station played last (up to OUTPUT_SECONDS), after
+//                                the master volume: {samples, endFrame (the audio clock's frame
+//                                after the last sample), contextTime and performanceTime (the
+//                                context's output timestamp, performance.now()'s clock),
+//                                timeOrigin}
+//   parlavoxStation.playback() -> a promise of the playback worklet's figures
+//   parlavoxStation.sent()    -> number of audio datagrams sent so far
+export function installStationHook(session, audio) {
+  const output = new SampleRing(OUTPUT_SECONDS * SAMPLE_RATE);
+  let endFrame = 0;
+  audio.onTap = ({ frame, samples }) => {
+    output.push(samples);
+    endFrame = frame + samples.length;
+  };
+  const outputStamp = () => {
+    const { ctx } = audio;
+    if (ctx.getOutputTimestamp) return ctx.getOutputTimestamp();
+    const latency = (ctx.baseLatency || 0) + (ctx.outputLatency || 0);
+    return { contextTime: ctx.currentTime, performanceTime: performance.now() + latency * 1000 };
+  };
   window.parlavoxStation = {
     state: () => ({
       connected: session.connected, joined: session.joined, id: session.id,
@@ -48,8 +63,16 @@ export function installStationHook(session) {
       talkMask: session.talkMask, listenMask: session.listenMask, hearing: session.hearing(),
       roster: session.rosterView(),
     }),
-    heard: () => heard.latest(),
+    output: (seconds = OUTPUT_SECONDS) => {
+      const all = output.latest();
+      const samples = all.subarray(Math.max(0, all.length - Math.round(seconds * SAMPLE_RATE)));
+      const { contextTime, performanceTime } = outputStamp();
+      return {
+        samples: Array.from(samples), endFrame, contextTime, performanceTime,
+        timeOrigin: performance.timeOrigin,
+      };
+    },
+    playback: () => audio.playback(),
     sent: () => session.sent,
   };
-  return heard;
 }

@@ -48,9 +48,9 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   tick(1);
   assert.deepEqual(take(), [{ t: T.ping }]);
 
-  const config = { t: T.config, channels: ["Main"], roles: [{ name: "Sound" }, {}] };
+  const config = { t: T.config, show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }, {}] };
   assert.equal(session.receive(fromServer(config)).type, T.config);
-  assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
+  assert.deepEqual(session.config, { show: "Hamlet", channels: ["Main"], roles: [{ name: "Sound" }] });
   assert.deepEqual(take(), [], "nobody asked to join yet");
   session.join("Ann", "Sound");
   assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
@@ -111,14 +111,14 @@ test("hears who talks, on which channels, lit for a moment after their last fram
     [ANNOUNCER_ID, 0b100, [2]],
     [7, 0b010, null], // our own voice back
   ];
-  for (const [sender, mask, channels] of cases) {
-    const event = session.receive(encodeAudio(sender, mask, 0, frame));
+  for (const [i, [sender, mask, channels]] of cases.entries()) {
+    const event = session.receive(encodeAudio(sender, mask, 65534 + i, frame));
     if (!channels) {
       assert.equal(event, null, `from ${sender}`);
       continue;
     }
     assert.deepEqual({ ...event, samples: Array.from(event.samples) },
-      { type: "audio", sender, channels, samples: [0.5, -0.25] });
+      { type: "audio", sender, channels, seq: (65534 + i) % 65536, samples: [0.5, -0.25] });
   }
   assert.deepEqual(session.hearing(), [1, 2]);
   assert.deepEqual(session.rosterView().map((u) => [u.id, u.you, u.talking]),
