@@ -14,7 +14,7 @@
 //   page.click(selector), page.fill(selector, text), page.select(selector, value)
 //   page.press(key), page.keyDown(key), page.keyUp(key)   "Space", "Enter", "ArrowUp", or a character
 //   page.mouseDown(selector), page.mouseUp()              the primary button, at the element's centre
-//   page.reload(), page.screenshot(path, { fullPage }), page.close()
+//   page.reload(), page.resize(width, height), page.screenshot(path, { fullPage }), page.close()
 //   page.errors()                     resolves to what the page threw, uncaught, so far
 //
 // What an engine cannot do is declared beside it, for the scenario to test the rest and say so.
@@ -41,7 +41,7 @@ function withQueries(page) {
 }
 
 // Playwright's and puppeteer's pages are alike: one wrapper, told how they differ.
-function pageOf(page, { key = (name) => name, select }) {
+function pageOf(page, { key = (name) => name, select, resize }) {
   const errors = [];
   page.on("pageerror", (error) => errors.push(String(error)));
   return withQueries({
@@ -59,6 +59,7 @@ function pageOf(page, { key = (name) => name, select }) {
     },
     mouseUp: () => page.mouse.up(),
     reload: async () => void await page.reload(),
+    resize: async (width, height) => void await resize(width, height),
     screenshot: (path, { fullPage = false } = {}) => page.screenshot({ path, fullPage }),
     errors: () => [...errors],
     close: () => page.close(),
@@ -85,7 +86,10 @@ async function launchChromium({ micFile, scale = 1 }) {
     version: `chromium/${browser.version()}`,
     async open(url, { width, height }) {
       const page = await context.newPage();
-      const wrapped = pageOf(page, { select: (selector, value) => page.selectOption(selector, value) });
+      const wrapped = pageOf(page, {
+        select: (selector, value) => page.selectOption(selector, value),
+        resize: (w, h) => page.setViewportSize({ width: w, height: h }),
+      });
       await page.setViewportSize({ width, height });
       await page.goto(url);
       return wrapped;
@@ -125,7 +129,8 @@ async function launchFirefox({ micHz, scale = 1, home }) {
       // Later pages in windows of their own: the first stays visible, as a background tab would not.
       const page = await browser.newPage(opened++ ? { type: "window" } : undefined);
       const select = (selector, value) => page.select(selector, value);
-      const wrapped = pageOf(page, { key: bidiKey, select });
+      const resize = (w, h) => page.setViewport({ width: w, height: h, deviceScaleFactor: scale });
+      const wrapped = pageOf(page, { key: bidiKey, select, resize });
       await page.setViewport({ width, height, deviceScaleFactor: scale });
       await page.goto(url);
       return wrapped;
@@ -236,9 +241,12 @@ async function launchWebKit({ home }) {
       };
       // The page gets the window less MiniBrowser's bars; the window is no narrower than its
       // toolbar, so a phone-sized page is 447 px wide here, not 400.
-      await driver.manage().window().setRect({ width, height });
-      const [w, h] = await driver.executeScript("return [innerWidth, innerHeight];");
-      await driver.manage().window().setRect({ width: 2 * width - w, height: 2 * height - h });
+      const resize = async (wide, high) => {
+        await driver.manage().window().setRect({ width: wide, height: high });
+        const [w, h] = await driver.executeScript("return [innerWidth, innerHeight];");
+        await driver.manage().window().setRect({ width: 2 * wide - w, height: 2 * high - h });
+      };
+      await resize(width, height);
       await driver.get(url);
       await loaded(driver);
       await driver.executeScript(catchErrors);
@@ -265,6 +273,7 @@ async function launchWebKit({ home }) {
           await act((a) => a.move({ origin: target }).press());
         },
         mouseUp: () => act((a) => a.release()),
+        resize: async (w, h) => resize(w, h), // no narrower than MiniBrowser's toolbar
         async reload() {
           earlier = await errors(); // and this page's window is the current one
           await driver.navigate().refresh();

@@ -16,6 +16,7 @@ import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 import { engines } from "./engines.mjs";
+import { channelLevels, delayFigures, LOAD_TEXT } from "./listening.mjs";
 
 const args = process.argv.slice(2);
 const engineName = args[0]?.startsWith("--engine=") ? args.shift().slice("--engine=".length) : "chromium";
@@ -83,6 +84,23 @@ function start(program, args, name) {
   return child;
 }
 
+// In the page: the words of visible text that wrap across lines, and by how much the page is
+// wider than the window.
+function wordsBroken() {
+  const broken = [];
+  const walk = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+  for (let node = walk.nextNode(); node; node = walk.nextNode()) {
+    for (const { 0: word, index } of node.textContent.matchAll(/\S+/g)) {
+      const range = document.createRange();
+      range.setStart(node, index);
+      range.setEnd(node, index + word.length);
+      const tops = [...range.getClientRects()].filter((r) => r.width).map((r) => Math.round(r.top));
+      if (new Set(tops).size > 1) broken.push(word);
+    }
+  }
+  return { broken, overflow: document.documentElement.scrollWidth - document.documentElement.clientWidth };
+}
+
 async function until(what, check, ms = 15000) {
   for (const end = Date.now() + ms; Date.now() < end; await sleep(50)) {
     if (await check()) return;
@@ -105,6 +123,13 @@ try {
   // ?test: the page installs its test hook.
   const page = await browser.open("https://127.0.0.1:50505/?test", { width: 400, height: 860 });
   const station = (call, arg) => page.evaluate(call, arg);
+
+  // Its icons are served; nothing asks for a standalone app, in which iOS takes the microphone.
+  const icons = await station(() => Promise.all(
+    [...document.querySelectorAll("link[rel~=icon], link[rel=apple-touch-icon], link[rel=manifest]")]
+      .map((link) => fetch(link.href).then((r) => `${link.rel} ${r.status} ${r.headers.get("content-type")}`))));
+  assert.deepEqual(icons, ["icon 200 image/svg+xml", "apple-touch-icon 200 image/png"]);
+  assert.equal(await page.count('meta[name$="web-app-capable"]'), 0);
 
   await page.fill("#name", "Follow Spot");
   await until("the roles", () => page.count("#role option"));
@@ -145,6 +170,8 @@ try {
   await until("the talker on the roster", () =>
     station(() => parlavoxStation.state().roster.some((u) => u.name === "Lights" && u.talking)));
   if (screenshots) await page.screenshot(shot("station"), { fullPage: true });
+  await sleep(1200);
+  const heardByPage = tone(Float32Array.from(await station(() => parlavoxStation.output(1).samples)));
 
   // The operator's monitor, meanwhile: both crew members, the talker lit.
   const monitor = await browser.open("https://127.0.0.1:50505/monitor?test", { width: 1280, height: 720 });
@@ -154,11 +181,44 @@ try {
   assert.match(await monitor.text('#crew tr[data-talking="true"]'), /Lights/);
   if (screenshots) await monitor.screenshot(shot("monitor"));
   assert.equal(await talker.ended, 0, talker.errors);
-  const heardByPage = tone(Float32Array.from(await station(() => Array.from(parlavoxStation.heard()))));
-  console.log(`The page heard UDP crew: ${heardByPage.seconds} s of ${heardByPage.hz} Hz, RMS ${heardByPage.rms.toFixed(3)}`);
-  assert.ok(heardByPage.seconds > 0.9, `the page's last second held ${heardByPage.seconds} s of tone`);
-  assert.ok(Math.abs(heardByPage.hz - 440) < 5, `heard ${heardByPage.hz} Hz, played 440 Hz`);
-  assert.ok(heardByPage.rms > 0.2, `heard RMS ${heardByPage.rms}`);
+  console.log(`The page played UDP crew: ${heardByPage.seconds} s of ${heardByPage.hz} Hz, RMS ${heardByPage.rms.toFixed(3)}`);
+  assert.ok(heardByPage.seconds > 0.9, `a second of the page's output held ${heardByPage.seconds} s of tone`);
+  assert.ok(Math.abs(heardByPage.hz - 440) < 5, `played ${heardByPage.hz} Hz, sent 440 Hz`);
+  assert.ok(heardByPage.rms > 0.2, `played RMS ${heardByPage.rms}`);
+
+  const evaluate = (fn, arg) => page.evaluate(fn, arg);
+  for (const { levels, expected } of await channelLevels(evaluate, 50505)) {
+    const text = `heard ${levels.map((l) => l.toFixed(2))} of the two tones, expected ${expected}`;
+    console.log(`Listening per channel: ${text}`);
+    levels.forEach((level, i) => assert.ok(Math.abs(level - expected[i]) < 0.1, text));
+  }
+
+  // Show mode, the page talking; then nothing may overflow or break mid-word on a 320 px phone.
+  await page.click("#show-mode");
+  await page.mouseDown("#ptt");
+  await until("the page talking", () => station(() => parlavoxStation.state().talking));
+  // The window only: the border frames the screen, not the whole page.
+  if (screenshots) await page.screenshot(shot("station-show"));
+  await sleep(400); // held, not a tap: the lift ends the talk
+  await page.mouseUp();
+  await page.resize(320, 640);
+  if (await station(() => innerWidth) > 320) {
+    console.log(`${engine.name}: its window is no narrower than ${await station(() => innerWidth)} px: 320 px not checked`);
+    await page.click("#show-mode");
+  } else {
+    for (const mode of ["show mode", "normal"]) {
+      const { broken, overflow } = await station(wordsBroken);
+      assert.deepEqual({ broken, overflow }, { broken: [], overflow: 0 }, `320 px, ${mode}`);
+      if (mode === "show mode") await page.click("#show-mode");
+    }
+  }
+  await page.resize(400, 860);
+
+  const figures = await delayFigures(evaluate, 50505);
+  const text = (f) => `median ${f.median.toFixed(1)} ms, p90 ${f.p90.toFixed(1)} ms `
+    + `(${f.markers} of ${f.sent} markers), ${f.underruns} underruns`;
+  console.log(`Delay, UDP talker to the page's output, calm: ${text(figures.calm)}`);
+  console.log(`Delay under load (${LOAD_TEXT}): ${text(figures.loaded)}`);
 
   // The talk key: a tap latches; held over the latch it talks on, and the lift ends the talk.
   const talk = () => station(() => [parlavoxStation.state().talking, parlavoxStation.latched()]);

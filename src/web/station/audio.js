@@ -5,6 +5,7 @@ import { FRAME_SAMPLES, SAMPLE_RATE } from "../shared/constants.js";
 // Beside this module, wherever the page is served from.
 const CAPTURE_WORKLET = new URL("./capture-worklet.js", import.meta.url).href;
 const PLAYBACK_WORKLET = new URL("./playback-worklet.js", import.meta.url).href;
+const TAP_WORKLET = new URL("./tap-worklet.js", import.meta.url).href;
 
 const MIC = { channelCount: 1, echoCancellation: true, noiseSuppression: true, autoGainControl: true };
 
@@ -22,6 +23,8 @@ export class StationAudio {
     this.frame = new Float32Array(FRAME_SAMPLES);
     this.fill = 0;
     this.down = null; // decimation state when capturing at the device's own rate
+    this.onTap = null; // ({frame, samples}) => void: set before start() to be handed what plays
+    this.asked = []; // resolvers of playback() waiting for the worklet's answer
   }
 
   // Call straight from the user's gesture: the context and the mic request are both started
@@ -35,10 +38,8 @@ export class StationAudio {
     ctx.resume().catch(() => {});
     const micRequest = this.askMic();
     try {
-      await Promise.all([
-        ctx.audioWorklet.addModule(CAPTURE_WORKLET),
-        ctx.audioWorklet.addModule(PLAYBACK_WORKLET),
-      ]);
+      await Promise.all([CAPTURE_WORKLET, PLAYBACK_WORKLET, ...(this.onTap ? [TAP_WORKLET] : [])]
+        .map((url) => ctx.audioWorklet.addModule(url)));
     } catch (err) {
       micRequest.then((stream) => stream?.getTracks().forEach((t) => t.stop()));
       ctx.close().catch(() => {});
@@ -50,7 +51,16 @@ export class StationAudio {
     this.player = new AudioWorkletNode(ctx, "parlavox-playback", {
       numberOfInputs: 0, numberOfOutputs: 1, outputChannelCount: [1],
     });
+    this.player.port.onmessage = ({ data }) => this.asked.shift()?.(data);
     this.player.connect(this.volume).connect(ctx.destination);
+    if (this.onTap) {
+      // Outputs silence into the destination: only there so that the engine runs it.
+      const tap = new AudioWorkletNode(ctx, "parlavox-tap", {
+        numberOfInputs: 1, numberOfOutputs: 1, outputChannelCount: [1],
+      });
+      tap.port.onmessage = ({ data }) => this.onTap(data);
+      this.volume.connect(tap).connect(ctx.destination);
+    }
     const stream = await micRequest;
     this.hasMic = stream ? await this.attachMic(stream) : false;
     return this.hasMic;
@@ -145,9 +155,22 @@ export class StationAudio {
     }
   }
 
-  // Takes ownership of `samples` (its buffer moves to the audio thread).
-  play(sender, samples) {
-    this.player?.port.postMessage({ sender, samples }, [samples.buffer]);
+  // Takes ownership of `samples` (its buffer moves to the audio thread), scaled by `gain`.
+  // seq: the datagram's number, which tells the jitter buffer a late frame from a lost one.
+  play(sender, samples, gain = 1, seq = undefined) {
+    if (!this.player) return;
+    if (gain !== 1) for (let i = 0; i < samples.length; i++) samples[i] *= gain;
+    this.player.port.postMessage({ sender, seq, samples }, [samples.buffer]);
+  }
+
+  // Resolves to the playback worklet's figures: {underruns, cut, added (samples), talkers:
+  // [{sender, targetMs, latenessMs, queuedMs}]}.
+  playback() {
+    if (!this.player) return Promise.resolve(null);
+    return new Promise((resolve) => {
+      this.asked.push(resolve);
+      this.player.port.postMessage({ stats: true });
+    });
   }
 
   setVolume(gain) {

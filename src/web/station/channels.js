@@ -1,10 +1,10 @@
-// The channels: toggles for those the role may talk on, chips for those it hears.
+// The channels the role may talk on, as toggles (what it hears is listen-view.js's).
 import { maskBits } from "./session.js";
 
 export class ChannelsView {
   // onToggle(channel): the user flipped one talk channel.
-  constructor({ toggles, listening, noChannel }, onToggle) {
-    Object.assign(this, { toggles, listening, noChannel, onToggle });
+  constructor({ toggles, noChannel }, onToggle) {
+    Object.assign(this, { toggles, noChannel, onToggle });
   }
 
   // After each welcome: the role's channels may have changed.
@@ -17,11 +17,6 @@ export class ChannelsView {
       button.addEventListener("click", () => this.onToggle(i));
       button.dataset.bit = i;
       return button;
-    }));
-    this.listening.replaceChildren(...maskBits(session.listenMask).map((i) => {
-      const li = document.createElement("li");
-      li.textContent = session.channelName(i);
-      return li;
     }));
   }
 

@@ -87,7 +87,7 @@ export class Session {
   }
 
   // A datagram from the server. Returns what the page should know of it, or null:
-  //   {type: "audio", sender, channels, samples}  channels: where we heard it
+  //   {type: "audio", sender, channels, seq, samples}  channels: where we heard it
   //   {type: MessageType.error, reason}           refused: back to the join screen
   //   {type: MessageType.config | welcome | roster | rejoin}
   receive(data) {
@@ -131,13 +131,13 @@ export class Session {
   }
 
   // The server relays each datagram with our share of its mask: the channels we heard it on.
-  heard({ sender, mask, samples }) {
+  heard({ sender, mask, seq, samples }) {
     if (!this.joined || sender === this.id) return null;
     const now = this.now();
     this.lastAudio.set(sender, now);
     const channels = maskBits(mask);
     for (const i of channels) this.lastOnChannel[i] = now;
-    return { type: "audio", sender, channels, samples };
+    return { type: "audio", sender, channels, seq, samples };
   }
 
   isTalking(id, now = this.now()) {

@@ -6,12 +6,15 @@ import { buzz, playAlert, renderAlarms } from "./alerts.js";
 import { StationAudio } from "./audio.js";
 import { ChannelsView } from "./channels.js";
 import { JoinScreen, nameTakenText } from "./join-screen.js";
+import { ListenView } from "./listen-view.js";
+import { Listening } from "./listening.js";
 import { bindMediaSession, showMediaSession } from "./media-session.js";
 import { micHelp } from "./mic-help.js";
 import { sameNameOnCrew } from "./names.js";
 import { RosterView } from "./roster.js";
 import { Session } from "./session.js";
-import { tabJoin } from "./store.js";
+import { bindShowMode } from "./show-mode.js";
+import { store, tabJoin } from "./store.js";
 import { bindTalkButton, renderTalkButton } from "./talk-button.js";
 import { TalkKey } from "./talk-key.js";
 import { installStationHook, testHookWanted } from "./test-hook.js";
@@ -62,7 +65,7 @@ const join = new JoinScreen({
   onChange: render,
 });
 const channels = new ChannelsView(
-  { toggles: $("channels"), listening: $("listening"), noChannel: $("no-channel") },
+  { toggles: $("channels"), noChannel: $("no-channel") },
   (channel) => {
     session.toggle(channel);
     renderTalk();
@@ -70,14 +73,18 @@ const channels = new ChannelsView(
 const roster = new RosterView($("roster"), $("crew-more"));
 const volume = bindVolume($("volume"), $("volume-out"), (gain) => audio.setVolume(gain));
 let rejoinTried = false;
+const listening = new Listening(store);
+const listenView = new ListenView($("listen"), listening);
+bindShowMode($("show-mode"));
 
 function receive(data) {
   const event = session.receive(data);
   switch (event?.type) {
-    case "audio":
-      heard?.push(event.samples); // before play() takes the buffer away
-      audio.play(event.sender, event.samples);
+    case "audio": {
+      const gain = listening.gain(event.sender, event.channels);
+      if (gain > 0) audio.play(event.sender, event.samples, gain, event.seq);
       return;
+    }
     case MessageType.config: {
       join.fillRoles(session.config.roles);
       // A reloaded or discarded tab that was joined joins again by itself.
@@ -92,6 +99,7 @@ function receive(data) {
     case MessageType.welcome:
       join.error = "";
       channels.build(session);
+      listenView.build(session, show);
       roster.render(session);
       updateTalking(); // a press still held through a rejoin carries on
       break;
@@ -227,17 +235,24 @@ function renderTalk() {
   } : null, talking);
 }
 
-const heard = testHookWanted() ? installStationHook(session, {
-  alarms: () => now().alarms.map((a) => a.kind), audio: () => audio.state, wakeLock: () => screenLock.state,
-  latched: () => key.latched, alerts: () => seen.alerts, rosters: () => seen.rosters, crewCost: () => roster.cost,
-  suspendAudio: () => audio.ctx?.suspend(),
-}) : null;
+if (testHookWanted()) {
+  installStationHook(session, audio, {
+    alarms: () => now().alarms.map((a) => a.kind), audio: () => audio.state, wakeLock: () => screenLock.state,
+    latched: () => key.latched, alerts: () => seen.alerts, rosters: () => seen.rosters, crewCost: () => roster.cost,
+    suspendAudio: () => audio.ctx?.suspend(),
+  });
+}
 
-setInterval(() => onStation() && roster.light(session), 100);
+setInterval(() => {
+  if (!onStation()) return;
+  roster.light(session);
+  listenView.light(session);
+}, 100);
 
 render();
 link.start();
 fetch(PATHS.stationInfo).then((answer) => answer.json()).then((info) => {
   show = typeof info?.show === "string" ? info.show : "";
+  if (session.joined) listenView.build(session, show); // settings are kept per show
   render();
 }).catch(() => {}); // the page works without it: only the tab and the lock screen name the show

@@ -33,18 +33,35 @@ export class SampleRing {
   }
 }
 
-//   parlavoxStation.state() -> {connected, joined, id, name, role, talking, talkMask, listenMask,
-//                               hearing: [channel], roster: [{id, name, role, you, talking}]}
-//   parlavoxStation.heard() -> Float32Array: the last (up to) one second of received samples,
-//                              decoded, oldest first, all talkers in arrival order, before jitter
-//                              buffering
-//   parlavoxStation.sent()  -> number of audio datagrams sent so far
+const OUTPUT_SECONDS = 14;
+
+//   parlavoxStation.state()  -> {connected, joined, id, name, role, talking, talkMask, listenMask,
+//                                hearing: [channel], roster: [{id, name, role, you, talking}]}
+//   parlavoxStation.output(seconds) -> what the station played last (up to OUTPUT_SECONDS), after
+//                                the master volume: {samples, endFrame (the audio clock's frame
+//                                after the last sample), contextTime and performanceTime (the
+//                                context's output timestamp, performance.now()'s clock),
+//                                timeOrigin}
+//   parlavoxStation.playback() -> a promise of the playback worklet's figures
+//   parlavoxStation.sent()    -> number of audio datagrams sent so far
 // and what the page adds (`page`): the alarms up, the sound's and the screen lock's states, the
 // latch, alerts sounded, rosters received, milliseconds spent on the crew list; suspendAudio()
 // stops the sound as a phone's system would.
-// Returns the ring to push each received frame into.
-export function installStationHook(session, page = {}) {
-  const heard = new SampleRing(SAMPLE_RATE);
+export function installStationHook(session, audio, page = {}) {
+  const output = new SampleRing(OUTPUT_SECONDS * SAMPLE_RATE);
+  let endFrame = 0;
+  audio.onTap = ({ frame, samples }) => {
+    output.push(samples);
+    endFrame = frame + samples.length;
+  };
+  const outputStamp = () => {
+    const { ctx } = audio;
+    const stamp = ctx.getOutputTimestamp?.();
+    // What has been played lies in the past: WebKitGTK's stamp is ahead of the clock it is on.
+    if (stamp && stamp.performanceTime <= performance.now()) return stamp;
+    const latency = (ctx.baseLatency || 0) + (ctx.outputLatency || 0);
+    return { contextTime: ctx.currentTime, performanceTime: performance.now() + latency * 1000 };
+  };
   window.parlavoxStation = {
     ...page,
     state: () => ({
@@ -53,8 +70,16 @@ export function installStationHook(session, page = {}) {
       talkMask: session.talkMask, listenMask: session.listenMask, hearing: session.hearing(),
       roster: session.rosterView(),
     }),
-    heard: () => heard.latest(),
+    output: (seconds = OUTPUT_SECONDS) => {
+      const all = output.latest();
+      const samples = all.subarray(Math.max(0, all.length - Math.round(seconds * SAMPLE_RATE)));
+      const { contextTime, performanceTime } = outputStamp();
+      return {
+        samples: Array.from(samples), endFrame, contextTime, performanceTime,
+        timeOrigin: performance.timeOrigin,
+      };
+    },
+    playback: () => audio.playback(),
     sent: () => session.sent,
   };
-  return heard;
 }

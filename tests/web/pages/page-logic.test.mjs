@@ -1,16 +1,16 @@
 // The pages' small pieces of logic: push-to-talk, names, the crew list's order, the microphone help,
-// the monitor's link grades, the test hook's ring.
+// per-channel listening, the monitor's link grades.
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import { load } from "./web-root.mjs";
 
 const { ANNOUNCER_ID, LINK_GRADES, NAME_LIMIT } = await load("shared/constants.js");
+const { Listening } = await load("station/listening.js");
 const { TAP_MS, TalkKey } = await load("station/talk-key.js");
 const { fitName, sameNameOnCrew } = await load("station/names.js");
 const { arrangeCrew, roleMasks, sortCrew } = await load("station/crew.js");
 const { micHelp } = await load("station/mic-help.js");
 const { linkFigures } = await load("monitor/format.js");
-const { SampleRing } = await load("station/test-hook.js");
 
 test("push-to-talk works as a beltpack's talk key", () => {
   // [action, ms, what the key wants after it]: "off", "talk" (while held), "latched" (talks on
@@ -131,6 +131,52 @@ test("a blocked microphone: how to allow it, in the browser at hand", () => {
   }
 });
 
+test("each datagram plays at the level of its loudest channel that is on; announcements always", () => {
+  const listening = new Listening({ get: (key, fallback) => fallback, set: () => {} });
+  listening.load("Hamlet", "Sound", [{ bit: 0, name: "Main" }, { bit: 2, name: "Stage" }, { bit: 5, name: "FOH" }]);
+  [[0, { level: 80 }], [2, { on: false, level: 90 }], [5, { level: 40 }]].forEach((a) => listening.set(...a));
+  listening.setAnnouncements(30);
+  const cases = [ // sender, channels heard on, gain
+    [4, [0], 0.8], [4, [2], 0], [4, [0, 2], 0.8], [4, [0, 5], 0.8], [4, [5], 0.4], [4, [1], 0],
+    [ANNOUNCER_ID, [], 0.3], [ANNOUNCER_ID, [2], 0.3],
+  ];
+  for (const [sender, channels, gain] of cases) {
+    assert.equal(listening.gain(sender, channels), gain, `${sender} on ${channels}`);
+  }
+  listening.set(0, { on: false });
+  listening.setAnnouncements(0);
+  assert.deepEqual([listening.gain(4, [0, 5]), listening.gain(4, [0, 2])], [0.4, 0]);
+});
+
+test("listening is remembered per show and role, by channel name", () => {
+  const saved = new Map();
+  const storage = { get: (key, fallback) => saved.get(key) ?? fallback, set: (key, v) => saved.set(key, v) };
+  const main = [{ bit: 0, name: "Main" }, { bit: 1, name: "Tech" }];
+  const settings = (l) => [...l.channels.map((c) => `${c.name} ${c.on ? "on" : "off"} ${c.level}`), l.announcements];
+  const first = new Listening(storage);
+  first.load("Hamlet", "Sound", main);
+  [[0, { on: false, level: 150 }], [1, { level: -5 }]].forEach((a) => first.set(...a));
+  first.setAnnouncements(55);
+  const cases = [ // show, role, channels, settings found
+    ["Hamlet", "Sound", main, ["Main off 100", "Tech on 0", 55]],
+    ["Hamlet", "Lighting", main, ["Main on 100", "Tech on 100", 100]],
+    ["Macbeth", "Sound", main, ["Main on 100", "Tech on 100", 100]],
+    ["Hamlet", "Sound", [{ bit: 3, name: "Tech" }, { bit: 4, name: "Main" }], ["Tech on 0", "Main off 100", 55]],
+  ];
+  const found = (show, role, channels) => {
+    const again = new Listening(storage);
+    again.load(show, role, channels);
+    return settings(again);
+  };
+  for (const [show, role, channels, expected] of cases) {
+    assert.deepEqual(found(show, role, channels), expected, `${show}, ${role}`);
+  }
+  for (const junk of ["{", "null", "[1]", '{"channels":{"Main":7},"announcements":"loud"}']) {
+    saved.set(first.key, junk);
+    assert.deepEqual(found("Hamlet", "Sound", main), ["Main on 100", "Tech on 100", 100], junk);
+  }
+});
+
 test("the monitor grades each link figure by its own thresholds", () => {
   const fields = { loss: "loss", jitterMs: "jitter", lastHeardMs: "seen" };
   const peerField = { loss: "loss", jitterMs: "jitterMs", lastHeardMs: "lastSeenMs" };
@@ -151,14 +197,3 @@ test("the monitor grades each link figure by its own thresholds", () => {
   assert.deepEqual(Object.values(shown).map((f) => f.text), ["5.0 %", "12.3 ms", "4 s ago"]);
 });
 
-test("the heard ring keeps the latest samples, oldest first", () => {
-  const ring = new SampleRing(4);
-  const cases = [ // pushed, then held
-    [[], []], [[1, 2], [1, 2]], [[3], [1, 2, 3]], [[4, 5, 6], [3, 4, 5, 6]],
-    [[7, 8, 9, 10, 11], [8, 9, 10, 11]],
-  ];
-  for (const [push, latest] of cases) {
-    ring.push(new Float32Array(push));
-    assert.deepEqual(Array.from(ring.latest()), latest, `after ${push}`);
-  }
-});

@@ -113,14 +113,14 @@ test("hears who talks, on which channels, lit for a moment after their last fram
     [ANNOUNCER_ID, 0b100, [2]],
     [7, 0b010, null], // our own voice back
   ];
-  for (const [sender, mask, channels] of cases) {
-    const event = session.receive(encodeAudio(sender, mask, 0, frame));
+  for (const [i, [sender, mask, channels]] of cases.entries()) {
+    const event = session.receive(encodeAudio(sender, mask, 65534 + i, frame));
     if (!channels) {
       assert.equal(event, null, `from ${sender}`);
       continue;
     }
     assert.deepEqual({ ...event, samples: Array.from(event.samples) },
-      { type: "audio", sender, channels, samples: [0.5, -0.25] });
+      { type: "audio", sender, channels, seq: (65534 + i) % 65536, samples: [0.5, -0.25] });
   }
   assert.deepEqual(session.hearing(), [1, 2]);
   tick(100);
