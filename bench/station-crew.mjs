@@ -5,17 +5,22 @@
 // Performance.getMetrics), and what the page itself counted in its crew list where it keeps
 // such a count (window.parlavoxStation.crewCost).
 //
-//   tests/e2e/netns-run node bench/station-crew.mjs build/dev/bin/parlavox [CREW] [CHURN_MS] [all]
+//   PARLAVOX_WEB_ROOT=build/dev/src/web/root \
+//     tests/e2e/netns-run node bench/station-crew.mjs build/dev/bin/parlavox [CREW] [CHURN_MS] [all]
 //
 // Run it in a network namespace of its own (netns-run): it uses the fixed intercom port.
 import { spawn } from "node:child_process";
-import dgram from "node:dgram";
 import { mkdtempSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join, resolve } from "node:path";
 
-const { chromium } = await import(new URL("../tests/browser/node_modules/playwright-core/index.mjs",
-  import.meta.url).href);
+// The devkit's drivers: Chromium's own performance counters are the point here, so playwright
+// directly rather than the engines' common interface. PARLAVOX_WEB_ROOT names the staged pages,
+// whose codec the crew speaks (build/<preset>/src/web/root).
+const devkit = new URL("../tools/devkit/browser/", import.meta.url);
+const { chromium } = await import(new URL("node_modules/playwright-core/index.mjs", devkit).href);
+const { sine, UdpCrew } = await import(new URL("udp-crew.mjs", devkit).href);
+const tone = sine(400, 0.25);
 
 const [program, crewArg = "500", churnArg = "1000", showAll] = process.argv.slice(2);
 const parlavox = resolve(program);
@@ -47,48 +52,28 @@ const server = spawn(parlavox, [join(dir, "roles.json")], { cwd: dir, stdio: ["i
 let serverOut = "";
 server.stdout.setEncoding("utf8").on("data", (text) => (serverOut += text));
 
-const control = (message) => Buffer.concat([Buffer.from([1]), Buffer.from(JSON.stringify(message))]);
-
-// One UDP crew member: joins, pings, and talks on its own department's channel when asked.
+// One UDP crew member, from an address of its own (127.1.x.y): it joins, keeps alive, and talks
+// on its own department's channel when asked.
 class Member {
   constructor(i) {
-    this.i = i;
     this.name = `Crew ${String(i).padStart(3, "0")}`;
     this.role = roleOf(i);
-    this.address = `127.1.${Math.floor(i / 250)}.${(i % 250) + 1}`;
-    this.socket = dgram.createSocket("udp4");
-    this.welcomed = false;
-    this.socket.on("message", (m) => {
-      if (m[0] === 1 && m.includes('"welcome"')) this.welcomed = true;
-    });
+    this.from = `127.1.${Math.floor(i / 250)}.${(i % 250) + 1}`;
+    this.mask = 1 << channels.indexOf(this.role);
+    this.crew = null;
   }
 
-  async open() {
-    await new Promise((done) => this.socket.bind(0, this.address, done));
-    this.join();
-  }
-
-  send(bytes) {
-    this.socket.send(bytes, PORT, "127.0.0.1");
-  }
-
-  join() {
-    this.send(control({ t: "join", name: this.name, role: this.role }));
+  async join() {
+    this.crew = await UdpCrew.join(PORT, this.role, this.name, this.from);
   }
 
   leave() {
-    this.welcomed = false;
-    this.send(control({ t: "bye" }));
+    this.crew?.leave();
+    this.crew = null;
   }
 
-  talk(seq) {
-    const mask = 1 << channels.indexOf(this.role);
-    const datagram = Buffer.alloc(9 + 640);
-    datagram.writeUInt8(2, 0);
-    datagram.writeUInt32LE(mask >>> 0, 3);
-    datagram.writeUInt16LE(seq & 0xffff, 7);
-    for (let s = 0; s < 320; s++) datagram.writeInt16LE(Math.round(8000 * Math.sin(s / 5)), 9 + 2 * s);
-    this.send(datagram);
+  talk(k) {
+    this.crew?.sendFrame(this.mask, tone(k));
   }
 }
 
@@ -100,13 +85,7 @@ try {
     await sleep(50);
   }
   const crew = Array.from({ length: CREW - 1 }, (_, i) => new Member(i));
-  for (const member of crew) await member.open();
-  timers.push(setInterval(() => crew.forEach((m) => m.send(control({ t: "ping" }))), 2000));
-  for (let t = 0; crew.some((m) => !m.welcomed); t++) {
-    if (t > 100) throw new Error(`${crew.filter((m) => !m.welcomed).length} crew not welcomed`);
-    if (t % 10 === 9) crew.filter((m) => !m.welcomed).forEach((m) => m.join());
-    await sleep(100);
-  }
+  await Promise.all(crew.map((member) => member.join()));
 
   browser = await chromium.launch({
     executablePath: "/usr/bin/chromium",
@@ -127,10 +106,10 @@ try {
   // Two talkers the station hears (Sound), two it does not (Lighting, Stage).
   const first = (role, n) => crew.filter((m) => m.role === role).slice(0, n);
   const talkers = [...first("Sound", 2), ...first("Lighting", 1), ...first("Stage", 1)];
-  let seq = 0;
+  let frame = 0;
   timers.push(setInterval(() => {
-    seq++;
-    talkers.forEach((m) => m.talk(seq));
+    frame++;
+    talkers.forEach((m) => m.talk(frame));
   }, 20));
   // The churn: someone who is neither talking nor a stage manager leaves, and comes back.
   const coming = crew.filter((m) => !talkers.includes(m) && m.role !== "Stage Manager");
@@ -139,7 +118,7 @@ try {
     timers.push(setInterval(() => {
       const member = coming[next++ % coming.length];
       member.leave();
-      setTimeout(() => member.join(), CHURN_MS / 2);
+      setTimeout(() => member.join().catch(() => {}), CHURN_MS / 2);
     }, CHURN_MS));
   }
 

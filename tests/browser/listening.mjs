@@ -4,8 +4,8 @@
 // when the link and the machine are busy. `evaluate(fn, arg)` runs fn in the station's page.
 import assert from "node:assert/strict";
 import { performance } from "node:perf_hooks";
-import { FRAME_MS, sine, UdpCrew } from "./udp-crew.mjs";
-import { load } from "../web/pages/web-root.mjs";
+import { load } from "../../tools/devkit/browser/pages.mjs";
+import { FRAME_MS, sine, UdpCrew } from "../../tools/devkit/browser/udp-crew.mjs";
 
 const { FRAME_SAMPLES, SAMPLE_RATE } = await load("shared/constants.js");
 

@@ -1,5 +1,5 @@
 // The crew station and the operator's monitor in a real browser (Chromium, Firefox ESR or
-// WebKitGTK, see engines.mjs), its fake microphone playing a tone, against the real server and a
+// WebKitGTK, see tools/devkit/browser/engines.mjs), its fake microphone playing a tone, against the real server and a
 // real UDP crew member (parlavox-client) on loopback.
 //
 //   node station-test.mjs [--engine=chromium|firefox|webkit] PARLAVOX PARLAVOX_CLIENT WORKDIR [SCREENSHOT_DIR]
@@ -15,7 +15,7 @@ import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
-import { engines } from "./engines.mjs";
+import { engines } from "../../tools/devkit/browser/engines.mjs";
 import { channelLevels, delayFigures, LOAD_TEXT } from "./listening.mjs";
 
 const args = process.argv.slice(2);

@@ -3,7 +3,7 @@
 // quanta on a busy audio thread) and what it plays is read back sample by sample.
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { load } from "./web-root.mjs";
+import { load } from "../../../tools/devkit/browser/pages.mjs";
 
 const { FRAME_SAMPLES: FRAME, SAMPLE_RATE: RATE } = await load("shared/constants.js");
 const { JitterBuffer, TUNING } = await load("station/jitter-buffer.js");

@@ -2,7 +2,7 @@
 // wrong, and its hold on the screen's wake lock through refusals and hidden spells.
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { load } from "./web-root.mjs";
+import { load } from "../../../tools/devkit/browser/pages.mjs";
 
 const { AUDIO_STOPPED, AlarmEdges, NO_WAKE_LOCK, assess } = await load("station/alarms.js");
 const { LOST_TEXT } = await load("shared/connection.js");

@@ -2,7 +2,7 @@
 // per-channel listening, the monitor's link grades.
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { load } from "./web-root.mjs";
+import { load } from "../../../tools/devkit/browser/pages.mjs";
 
 const { ANNOUNCER_ID, LINK_GRADES, NAME_LIMIT } = await load("shared/constants.js");
 const { Listening } = await load("station/listening.js");

@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import { FakeTime } from "./fake-time.mjs";
-import { load } from "./web-root.mjs";
+import { load } from "../../../tools/devkit/browser/pages.mjs";
 
 const { ANNOUNCER_ID, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
 const { decode, encodeAudio, encodeControl } = await load("station/protocol.js");

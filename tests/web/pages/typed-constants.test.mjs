@@ -4,7 +4,7 @@ import assert from "node:assert/strict";
 import { readdirSync, readFileSync } from "node:fs";
 import { join } from "node:path";
 import { test } from "node:test";
-import { load, root } from "./web-root.mjs";
+import { load, root } from "../../../tools/devkit/browser/pages.mjs";
 
 const constants = await load("shared/constants.js");
 

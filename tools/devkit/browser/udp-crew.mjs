@@ -1,10 +1,12 @@
-// A crew member on the UDP protocol, written with the pages' own codec, whose frames go out when
-// the test says: on a 20 ms schedule it keeps (or strays from on purpose), each stamped with the
-// time it was due, so that what the page plays can be timed against it.
+// A crew member on the UDP protocol, written with the pages' own codec (the staged pages, see
+// pages.mjs), for the browser test and the bench: it joins from an address of its own, keeps
+// alive, and sends frames when told, one at a time or on a 20 ms schedule that it keeps (or
+// strays from on purpose), each stamped with the time it was due, so that what the page plays can
+// be timed against it.
 import dgram from "node:dgram";
 import { once } from "node:events";
 import { performance } from "node:perf_hooks";
-import { load } from "../web/pages/web-root.mjs";
+import { load } from "./pages.mjs";
 
 const { FRAME_SAMPLES, KEEPALIVE_MS, MessageType, SAMPLE_RATE } = await load("shared/constants.js");
 const { decode, encodeAudio, encodeControl } = await load("station/protocol.js");
@@ -17,9 +19,10 @@ export const sine = (hz, amplitude) => (k) => Float32Array.from({ length: FRAME_
   (_, i) => amplitude * Math.sin((2 * Math.PI * hz * (k * FRAME_SAMPLES + i)) / SAMPLE_RATE));
 
 export class UdpCrew {
-  static async join(port, role, name) {
+  // `from`: its own address on loopback (127.0.0.0/8), one device each.
+  static async join(port, role, name, from = "127.0.0.1") {
     const crew = Object.assign(new UdpCrew(), { socket: dgram.createSocket("udp4"), port, seq: 0 });
-    crew.socket.bind(0, "127.0.0.1");
+    crew.socket.bind(0, from);
     await once(crew.socket, "listening");
     await crew.ask({ t: MessageType.hi }, MessageType.config);
     const { id, talkMask } = await crew.ask({ t: MessageType.join, name, role }, MessageType.welcome);
@@ -31,15 +34,38 @@ export class UdpCrew {
     this.socket.send(bytes, this.port, "127.0.0.1");
   }
 
-  // Sends a control message and waits for the server's answer of the type `type`.
+  // Sends a control message, again each second a datagram may have been lost, until the server
+  // answers with one of the type `type`.
   async ask(message, type) {
-    this.send(encodeControl(message));
-    for (;;) {
-      const [data] = await once(this.socket, "message");
-      const answer = decode(data)?.message;
-      if (answer?.t === type) return answer;
-      if (answer?.t === MessageType.error) throw new Error(`refused: ${answer.reason}`);
+    for (let tries = 0; tries < 10; tries++) {
+      this.send(encodeControl(message));
+      const answer = await this.answer(type, 1000);
+      if (answer) return answer;
     }
+    throw new Error(`no ${type} from the server`);
+  }
+
+  // The server's next message of the type `type` within `ms`, or null; a refusal throws.
+  answer(type, ms) {
+    return new Promise((resolve, reject) => {
+      const end = (settle, value) => {
+        clearTimeout(timer);
+        this.socket.off("message", heard);
+        settle(value);
+      };
+      const heard = (data) => {
+        const answer = decode(data)?.message;
+        if (answer?.t === type) end(resolve, answer);
+        else if (answer?.t === MessageType.error) end(reject, new Error(`refused: ${answer.reason}`));
+      };
+      const timer = setTimeout(() => end(resolve, null), ms);
+      this.socket.on("message", heard);
+    });
+  }
+
+  // One frame of `samples` on `mask`, now.
+  sendFrame(mask, samples) {
+    this.send(new Uint8Array(encodeAudio(this.id, mask, this.seq++, samples)));
   }
 
   // Sends `frames` frames on `mask`: frame k is frame(k), due FRAME_MS after frame k - 1 and sent
@@ -55,7 +81,7 @@ export class UdpCrew {
       at(k);
       last = Math.max(last, start + k * FRAME_MS + lateMs(k));
       await sleep(last - performance.now());
-      this.send(new Uint8Array(encodeAudio(this.id, mask, this.seq++, frame(k))));
+      this.sendFrame(mask, frame(k));
     }
     return due;
   }
