@@ -30,8 +30,8 @@ export class UdpCrew {
     return Object.assign(crew, { id, talkMask });
   }
 
-  send(bytes) {
-    this.socket.send(bytes, this.port, "127.0.0.1");
+  send(bytes, sent) {
+    this.socket.send(bytes, this.port, "127.0.0.1", sent);
   }
 
   // Sends a control message, again each second a datagram may have been lost, until the server
@@ -88,7 +88,7 @@ export class UdpCrew {
 
   leave() {
     clearInterval(this.keepalive);
-    this.send(encodeControl({ t: MessageType.bye }));
-    this.socket.close();
+    // Closed once the "bye" is out: Node sends after a lookup, and a close before it drops it.
+    this.send(encodeControl({ t: MessageType.bye }), () => this.socket.close());
   }
 }
