@@ -210,7 +210,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
         askedAt[i] = 0;
       }
       if (askedAt[i] == 0 && waiting < kInFlight) {
-        sendFrom(i, port, control({wire::MessageType::join, "crew-" + std::to_string(i), role}));
+        sendFrom(i, port, control(wire::Incoming::join("crew-" + std::to_string(i), role)));
         askedAt[i] = now;
         ++waiting;
       }
@@ -233,7 +233,7 @@ bool LoadGenerator::join(std::uint16_t port, const std::string& role,
 
 void LoadGenerator::leave(std::uint16_t port) {
   for (std::size_t i = 0; i < fds_.size(); ++i) {
-    sendFrom(i, port, control({wire::MessageType::bye, std::nullopt, std::nullopt}));
+    sendFrom(i, port, control(wire::Incoming::of(wire::MessageType::bye)));
   }
 }
 
@@ -244,8 +244,7 @@ RunResult LoadGenerator::run(const RunPlan& plan) {
   const std::size_t talkers = std::min(plan.talkers, clients);
   const sockaddr_in target = loopback(plan.targetPort);
   const sockaddr_in pingTarget = loopback(plan.pingPort);
-  const std::vector<std::uint8_t> ping =
-      control({wire::MessageType::ping, std::nullopt, std::nullopt});
+  const std::vector<std::uint8_t> ping = control(wire::Incoming::of(wire::MessageType::ping));
 
   std::vector<std::vector<std::uint8_t>> outgoing(talkers,
                                                   std::vector<std::uint8_t>(kDatagramSize));

@@ -32,7 +32,7 @@ void relayToEveryone(benchmark::State& state) {
   }
   std::vector<JoinedPeer> crew;
   for (std::size_t i = 0; i < peers; ++i) {
-    crew.push_back({static_cast<std::uint16_t>(i + 1), 0x1, &transport, &addresses[i]});
+    crew.push_back({static_cast<std::uint16_t>(i + 1), {}, 0x1, &transport, &addresses[i]});
   }
   Peer sender;
   sender.address = addresses[0];

@@ -73,7 +73,7 @@ struct StationPeers::State {
   // The server forgets a peer silent for 8 s; listening stations say nothing otherwise.
   void ping() {
     for (auto& station : stations) {
-      station->send(control({wire::MessageType::ping, std::nullopt, std::nullopt}));
+      station->send(control(wire::Incoming::of(wire::MessageType::ping)));
     }
     pinger.expires_after(wire::kKeepaliveInterval);
     pinger.async_wait([this](ErrorCode error) {
@@ -136,7 +136,7 @@ bool StationPeers::join(const std::string& role, std::chrono::milliseconds timeo
   State& s = *state_;
   asio::post(s.io, [&s, role] {
     for (std::size_t i = 0; i < s.stations.size(); ++i) {
-      s.stations[i]->send(control({wire::MessageType::join, "station-" + std::to_string(i), role}));
+      s.stations[i]->send(control(wire::Incoming::join("station-" + std::to_string(i), role)));
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + timeout;

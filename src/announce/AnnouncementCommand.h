@@ -10,10 +10,12 @@ namespace parlavox {
 // What an OSC address asks of the announcer.
 struct AnnouncementTarget {
   enum class Kind {
-    ignore,          // not an announcement address
-    unknownChannel,  // "/parlavox/say/{channel}" naming no configured channel
-    announce,        // speak to `mask`
-    stop,            // "/parlavox/stop": end what is spoken, drop what waits
+    ignore,              // not an announcement address
+    unknownChannel,      // "/parlavox/say/{channel}" naming no configured channel
+    unknownCallChannel,  // "/parlavox/call/{channel}" likewise
+    announce,            // speak to `mask`
+    stop,                // "/parlavox/stop": end what is spoken, drop what waits
+    call,                // call the crew on `mask`
   };
   Kind kind = Kind::ignore;
   std::uint32_t mask = 0;
@@ -21,7 +23,8 @@ struct AnnouncementTarget {
 };
 
 // "/parlavox/say" reaches every configured channel; "/parlavox/say/{channel}" one channel by name.
-// "/parlavox/stop" is the show's "stop all".
+// "/parlavox/call" and "/parlavox/call/{channel}" likewise. "/parlavox/stop" is the show's "stop
+// all".
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "announce/AnnouncementCommand.h"
+#include "announce/Chime.h"
 #include "config/Printable.h"
 #include "wire/Audio.h"
 #include "wire/Protocol.h"
@@ -29,20 +30,21 @@ std::size_t codePoints(std::string_view text) {
 std::shared_ptr<Announcements> Announcements::create(const Show& show, platform::EventLoop& loop,
                                                      platform::Network& network,
                                                      platform::Console& console, Speaker& speaker,
-                                                     FanOut fanOut) {
+                                                     Crew& crew) {
   return std::shared_ptr<Announcements>(
-      new Announcements(show, loop, network, console, speaker, std::move(fanOut)));
+      new Announcements(show, loop, network, console, speaker, crew));
 }
 
 Announcements::Announcements(const Show& show, platform::EventLoop& loop,
                              platform::Network& network, platform::Console& console,
-                             Speaker& speaker, FanOut fanOut)
+                             Speaker& speaker, Crew& crew)
     : channels_(show.channels()),
       oscPort_(show.oscPort()),
       loop_(loop),
       console_(console),
       speaker_(speaker),
-      fanOut_(std::move(fanOut)),
+      crew_(crew),
+      chime_(std::make_shared<const std::vector<std::int16_t>>(renderChime())),
       oscListener_(network, console) {}
 
 void Announcements::start() {
@@ -58,48 +60,59 @@ void Announcements::start() {
 
 void Announcements::handleOSC(const std::string& address, const std::optional<std::string>& text) {
   const AnnouncementTarget target = resolveAnnouncement(address, channels_);
-  if (target.kind == AnnouncementTarget::Kind::stop) {
-    speaker_.stop();
-    console_.info(platform::EventKind::announcement, "📣 Announcements stopped");
-    return;
-  }
-  if (!text) {
-    return;  // only the stop cue goes without a text
-  }
   switch (target.kind) {
     case AnnouncementTarget::Kind::ignore:
-    case AnnouncementTarget::Kind::stop:
       return;
     case AnnouncementTarget::Kind::unknownChannel:
+      if (!text) {
+        return;  // an announcement without words is no command at all
+      }
+      [[fallthrough]];
+    case AnnouncementTarget::Kind::unknownCallChannel:
       console_.warning(
           platform::EventKind::announcement,
           fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
       return;
+    case AnnouncementTarget::Kind::stop:
+      speaker_.stop();
+      console_.info(platform::EventKind::announcement, "📣 Announcements stopped");
+      return;
+    case AnnouncementTarget::Kind::call:
+      crew_.callFromShowControl(target.mask);
+      return;
     case AnnouncementTarget::Kind::announce:
-      break;
+      if (text) {
+        announce(*text, target.mask);
+      }
+      return;
   }
-  if (const std::size_t length = codePoints(*text); length > kMaxTextLength) {
+}
+
+void Announcements::announce(const std::string& text, std::uint32_t mask) {
+  if (const std::size_t length = codePoints(text); length > kMaxTextLength) {
     console_.warning(platform::EventKind::announcement,
                      fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",
                                  length, kMaxTextLength));
     return;
   }
   console_.info(platform::EventKind::announcement,
-                fmt::format("📣 Announcing: \"{}\"", printable(*text)));
-  pending_.push_back(*text);
+                fmt::format("📣 Announcing: \"{}\"", printable(text)));
+  pending_.push_back(text);
   ++asked_;
   // Both run on the speaker's thread: they touch nothing here, only hand over to the loop.
   speaker_.speak(
-      *text,
-      [weak = weak_from_this(), loop = &loop_, mask = target.mask](Bytes frame) {
+      text,
+      [weak = weak_from_this(), loop = &loop_, mask, text, first = true](Bytes frame) mutable {
         if (weak.expired()) {
           return;
         }
-        loop->post([weak, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+        loop->post([weak, mask, words = first ? std::make_optional(text) : std::nullopt,
+                    copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
           if (auto self = weak.lock()) {
-            self->broadcastAnnouncement(copy, mask);
+            self->broadcastAnnouncement(copy, mask, words ? &*words : nullptr);
           }
         });
+        first = false;
       },
       [weak = weak_from_this(), loop = &loop_] {
         // The speaker ends its announcements in the order they were asked for.
@@ -111,10 +124,39 @@ void Announcements::handleOSC(const std::string& address, const std::optional<st
       });
 }
 
-void Announcements::broadcastAnnouncement(Bytes frame, std::uint32_t mask) {
-  ++announcerSeq_;  // every frame takes a number, heard or not
-  const auto header = wire::AudioHeader{wire::announcerID, mask, announcerSeq_}.bytes();
-  fanOut_(mask, header, frame);
+void Announcements::ringChime(std::uint16_t caller, std::uint32_t mask) {
+  speaker_.play(
+      chime_, kChimeWait, [weak = weak_from_this(), loop = &loop_, caller, mask](Bytes frame) {
+        if (weak.expired()) {
+          return;
+        }
+        loop->post(
+            [weak, caller, mask, copy = std::vector<std::uint8_t>(frame.begin(), frame.end())] {
+              if (auto self = weak.lock()) {
+                self->broadcastChime(copy, caller, mask);
+              }
+            });
+      });
+}
+
+wire::AudioHeader Announcements::nextHeader(std::uint32_t mask) {
+  return {wire::announcerID, mask, ++announcerSeq_};
+}
+
+// The words go just before the first frame, so that a station shows them as they are heard, not
+// while they wait behind other announcements.
+void Announcements::broadcastAnnouncement(Bytes frame, std::uint32_t mask,
+                                          const std::string* text) {
+  if (text != nullptr) {
+    crew_.sendAnnouncementText(*text, mask);
+  }
+  const auto header = nextHeader(mask).bytes();
+  crew_.sendToChannels(mask, header, frame);
+}
+
+void Announcements::broadcastChime(Bytes frame, std::uint16_t caller, std::uint32_t mask) {
+  auto header = nextHeader(mask).bytes();
+  crew_.sendChime(caller, mask, header, frame);
 }
 
 }  // namespace parlavox

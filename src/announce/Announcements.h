@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -14,24 +15,28 @@
 #include "platform/Console.h"
 #include "platform/EventLoop.h"
 #include "platform/Network.h"
+#include "relay/Crew.h"
+#include "wire/Audio.h"
 
 namespace parlavox {
 
-// Show control speaking to the crew: OSC messages on the show's OSC port are spoken by the
-// speaker, and each frame goes to the crew that listens on the addressed channels, numbered and
-// sent under the announcer's id; "/parlavox/stop" silences the speaker. State lives on the server
-// loop; the speaker's thread only hands frames over to it.
+// The show's own voice, sent under the announcer's id with one run of numbers: OSC messages on the
+// show's OSC port are spoken by the speaker, each frame going to the crew that listens on the
+// addressed channels (the words first, to the clients that read them); "/parlavox/stop" silences
+// the speaker; "/parlavox/call" calls the crew; and the call chime is played here, in the gaps
+// between announcements. State lives on the server loop; the speaker's thread only hands frames
+// over to it.
 class Announcements : public std::enable_shared_from_this<Announcements> {
  public:
-  // How frames reach the crew: `head` and `body` as one datagram to every joined peer that listens
-  // on a channel of `mask`. Called on the loop thread.
-  using FanOut = std::function<void(std::uint32_t mask, Bytes head, Bytes body)>;
+  // How long a chime may wait for an announcement being spoken to end before it is dropped.
+  static constexpr std::chrono::milliseconds kChimeWait{5000};
 
-  // Any thread. Starts nothing and prints nothing. `speaker` outlives this object.
+  // Any thread. Starts nothing and prints nothing; renders the chime. `speaker` and `crew`
+  // outlive this object.
   static std::shared_ptr<Announcements> create(const Show& show, platform::EventLoop& loop,
                                                platform::Network& network,
                                                platform::Console& console, Speaker& speaker,
-                                               FanOut fanOut);
+                                               Crew& crew);
 
   // Main thread, once, before the loop runs. Opens the OSC port; throws std::system_error when it
   // cannot be had.
@@ -42,19 +47,28 @@ class Announcements : public std::enable_shared_from_this<Announcements> {
   // Loop thread. How many announcements have been asked for since the start.
   std::uint64_t asked() const { return asked_; }
 
+  // Loop thread. Plays the call chime for a call from `caller` on `mask` (see Crew::sendChime).
+  void ringChime(std::uint16_t caller, std::uint32_t mask);
+
  private:
   Announcements(const Show& show, platform::EventLoop& loop, platform::Network& network,
-                platform::Console& console, Speaker& speaker, FanOut fanOut);
+                platform::Console& console, Speaker& speaker, Crew& crew);
 
   void handleOSC(const std::string& address, const std::optional<std::string>& text);
-  void broadcastAnnouncement(Bytes frame, std::uint32_t mask);
+  void announce(const std::string& text, std::uint32_t mask);
+  // `text` is the announcement's words with its first frame, else null.
+  void broadcastAnnouncement(Bytes frame, std::uint32_t mask, const std::string* text);
+  void broadcastChime(Bytes frame, std::uint16_t caller, std::uint32_t mask);
+  // The next header under the announcer's id: every frame takes a number, heard or not.
+  wire::AudioHeader nextHeader(std::uint32_t mask);
 
   const std::vector<std::string> channels_;
   const std::uint16_t oscPort_;
   platform::EventLoop& loop_;
   platform::Console& console_;
   Speaker& speaker_;
-  FanOut fanOut_;
+  Crew& crew_;
+  const Speaker::Clip chime_;
   OSCListener oscListener_;
   std::uint16_t announcerSeq_ = 0;
   std::deque<std::string> pending_;

@@ -172,6 +172,16 @@ void Announcer::stop() {
   impl_->stop();
 }
 
+void Announcer::play(Clip clip, std::chrono::milliseconds maxWait, FrameHandler onFrame) {
+  Impl* impl = impl_.get();
+  const platform::MonoTime latest = impl->clock.now() + maxWait;
+  impl->queue.submit([impl, latest, clip = std::move(clip), onFrame = std::move(onFrame)] {
+    if (impl->clock.now() <= latest) {
+      streamFrames(*clip, impl->clock, onFrame);
+    }
+  });
+}
+
 std::string defaultSayCommand() {
   static constexpr const char* kHostSay = "/usr/bin/say";
   if (platform::isExecutableFile(kHostSay)) {

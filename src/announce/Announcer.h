@@ -28,6 +28,7 @@ class Announcer final : public Speaker {
 
   void speak(std::string text, FrameHandler onFrame, DoneHandler onDone) override;
   void stop() override;
+  void play(Clip clip, std::chrono::milliseconds maxWait, FrameHandler onFrame) override;
 
  private:
   struct Impl;

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/Bytes.h"
 
@@ -13,6 +17,7 @@ class Speaker {
  public:
   using FrameHandler = std::function<void(Bytes frame)>;
   using DoneHandler = std::function<void()>;
+  using Clip = std::shared_ptr<const std::vector<std::int16_t>>;
   virtual ~Speaker() = default;
   // Any thread. Queues one announcement and returns at once; `onFrame` is called with each frame
   // on the speaker's own thread, never on the caller's, and `onDone` (if set) there once when the
@@ -21,6 +26,10 @@ class Speaker {
   // Any thread. Ends the announcement being spoken before its next frame (a speech command still
   // running is killed) and drops the ones queued; those asked for later are spoken as usual.
   virtual void stop() = 0;
+  // Any thread. Queues `clip`, samples in the network audio format, to be handed over in frames
+  // like an announcement's, after what is queued before it and never in the middle of it; dropped
+  // when it cannot start within `maxWait` of this call. stop() leaves it be.
+  virtual void play(Clip clip, std::chrono::milliseconds maxWait, FrameHandler onFrame) = 0;
 };
 
 }  // namespace parlavox

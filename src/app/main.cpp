@@ -226,11 +226,11 @@ int run(int argc, char** argv, platform::Console& terminal) {
   Announcer announcer(defaultSayCommand(), console, clock);
   const auto relay =
       IntercomServer::create(show, ServerPlatform{loop, advertiser, clock, console}, endProcess);
-  const auto announcements =
-      Announcements::create(show, loop, network, console, announcer,
-                            [&relay = *relay](std::uint32_t mask, Bytes head, Bytes body) {
-                              relay.sendToChannels(mask, head, body);
-                            });
+  const auto announcements = Announcements::create(show, loop, network, console, announcer, *relay);
+  relay->setChimeCallback(
+      [&announcements = *announcements](std::uint16_t caller, std::uint32_t mask) {
+        announcements.ringChime(caller, mask);
+      });
   std::unique_ptr<platform::PeerListener> intercom;
   try {
     intercom = network.listenPeers(wire::kIntercomPort);

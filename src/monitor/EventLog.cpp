@@ -4,7 +4,7 @@ namespace parlavox {
 namespace {
 
 bool worthKeeping(const platform::ConsoleEvent& event) {
-  return event.kind == platform::EventKind::crew ||
+  return event.kind == platform::EventKind::crew || event.kind == platform::EventKind::call ||
          event.kind == platform::EventKind::announcement ||
          event.severity != platform::Severity::info;
 }

@@ -102,6 +102,8 @@ std::string Monitor::metrics() const {
   out += fmt::format("parlavox_audio_copies_sent_total {}\n", counts.copiesSent);
   metric(out, "parlavox_announcements_total", "counter", "Announcements asked for over OSC.");
   out += fmt::format("parlavox_announcements_total {}\n", announcements_.asked());
+  metric(out, "parlavox_calls_total", "counter", "Calls made, by the crew and by show control.");
+  out += fmt::format("parlavox_calls_total {}\n", counts.calls);
   metric(out, "parlavox_uptime_seconds", "gauge", "Seconds since the server started.");
   out += fmt::format("parlavox_uptime_seconds {:.3f}\n", Seconds(now - started_).count());
 

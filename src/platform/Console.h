@@ -10,6 +10,7 @@ enum class EventKind {
   report,        // the start-up report and the ports coming up
   crew,          // joins, departures, time-outs
   announcement,  // announcements asked for, spoken, stopped, failed
+  call,          // a call from the crew or from show control
   link,          // a talker's audio breaking up, and back to normal
   service,       // the server's own workings: files, ports, advertisement, certificate
 };

@@ -1,6 +1,7 @@
 #include "relay/IntercomServer.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cmath>
 
@@ -13,6 +14,17 @@ namespace {
 
 constexpr const char* kUnknownRole = "That role no longer exists. Pick another.";
 constexpr const char* kFull = "The intercom is full.";
+
+// The names of `mask`'s channels, for the operator.
+std::string channelNames(const std::vector<std::string>& channels, std::uint32_t mask) {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < channels.size() && i < kChannelLimit; ++i) {
+    if ((mask >> i & 1U) != 0) {
+      names.push_back(printable(channels[i]));
+    }
+  }
+  return fmt::format("{}", fmt::join(names, ", "));
+}
 
 }  // namespace
 
@@ -177,6 +189,13 @@ void IntercomServer::handleControl(Bytes payload, const Peer& peer) {
     case MessageType::bye:
       remove(peer.address);  // `peer` is gone from here on
       break;
+    case MessageType::call:
+      // Narrowed as audio is, before the limit: a call on nothing costs the caller nothing.
+      if (const std::uint32_t mask = message->mask.value_or(0) & peer.talkMask;
+          peer.joined && mask != 0 && peers_.allowCall(peer.address, platform_.clock.now())) {
+        call(peer.id, mask, fmt::format("{} ({})", printable(peer.name), printable(peer.role)));
+      }
+      break;
     default:
       break;  // the server's own messages mean nothing coming from a client
   }
@@ -188,7 +207,7 @@ void IntercomServer::join(const wire::Incoming& message, const Peer& peer) {
     send(wire::SimpleMsg{wire::MessageType::error, kUnknownRole}, peer.address);
     return;
   }
-  if (!peers_.join(peer.address, message.name.value_or("Crew"), *role)) {
+  if (!peers_.join(peer.address, message.name.value_or("Crew"), *role, message.features)) {
     send(wire::SimpleMsg{wire::MessageType::error, kFull}, peer.address);
     return;
   }
@@ -249,6 +268,53 @@ void IntercomServer::broadcastRoster() {
 void IntercomServer::sendToChannels(std::uint32_t mask, Bytes head, Bytes body) {
   for (const JoinedPeer& member : peers_.joined()) {
     if ((member.listenMask & mask) != 0) {
+      member.send(head, body);
+    }
+  }
+}
+
+void IntercomServer::sendAnnouncementText(const std::string& text, std::uint32_t mask) {
+  for (const JoinedPeer& member : peers_.joined()) {
+    if (const std::uint32_t share = member.listenMask & mask;
+        share != 0 && member.features.has(wire::Feature::text)) {
+      send(wire::AnnounceMsg{text, share}, *member.address);
+    }
+  }
+}
+
+void IntercomServer::callFromShowControl(std::uint32_t mask) {
+  call(wire::announcerID, mask, "Show control");
+}
+
+// Those who understand call messages get one at once; the rest hear the chime, which needs the
+// announcer's voice free and so comes through the callback.
+void IntercomServer::call(std::uint16_t caller, std::uint32_t mask, std::string_view who) {
+  bool chime = false;
+  for (const JoinedPeer& member : peers_.joined()) {
+    const std::uint32_t share = member.listenMask & mask;
+    if (share == 0 || member.id == caller) {
+      continue;
+    }
+    if (member.features.has(wire::Feature::call)) {
+      send(wire::CallMsg{caller, share}, *member.address);
+    } else {
+      chime = true;
+    }
+  }
+  ++counts_.calls;
+  platform_.console.info(platform::EventKind::call,
+                         fmt::format("📞 {} called {}", who, channelNames(show_.channels(), mask)));
+  if (chime && chime_) {
+    chime_(caller, mask);
+  }
+}
+
+void IntercomServer::sendChime(std::uint16_t caller, std::uint32_t mask,
+                               std::span<std::uint8_t, wire::AudioHeader::kSize> head, Bytes body) {
+  for (const JoinedPeer& member : peers_.joined()) {
+    const std::uint32_t share = member.listenMask & mask;
+    if (share != 0 && member.id != caller && !member.features.has(wire::Feature::call)) {
+      wire::rewriteMask(head, share);
       member.send(head, body);
     }
   }

@@ -14,6 +14,7 @@
 #include "platform/Console.h"
 #include "platform/EventLoop.h"
 #include "platform/Network.h"
+#include "relay/Crew.h"
 #include "relay/PeerTable.h"
 #include "relay/RateLimiter.h"
 #include "wire/ControlMessages.h"
@@ -32,6 +33,7 @@ struct ServerPlatform {
 struct RelayCounts {
   std::uint64_t audioReceived = 0;  // audio datagrams from joined talkers
   std::uint64_t copiesSent = 0;     // copies of them relayed to listeners
+  std::uint64_t calls = 0;          // calls made, by the crew and by show control
 };
 
 struct CrewCount {
@@ -41,12 +43,15 @@ struct CrewCount {
 
 // The intercom relay: serves the peers of its transports (joining, control messages, the audio
 // fan-out, rosters, liveness). All of its state lives on the server loop; nothing here takes a
-// lock. Announcements reach it only through sendToChannels().
+// lock. Announcements and show control reach it only as the Crew.
 class IntercomServer final : public platform::Transport::Receiver,
+                             public Crew,
                              public std::enable_shared_from_this<IntercomServer> {
  public:
   // What happens when the intercom port is lost for good: the process ends with `status`.
   using ExitPolicy = std::function<void(int status)>;
+  // Rings the call chime for a call from `caller` on `mask` (see Crew::sendChime). Loop thread.
+  using ChimeCallback = std::function<void(std::uint16_t caller, std::uint32_t mask)>;
 
   static constexpr auto kSweepPeriod = std::chrono::seconds(2);
   // Rosters go out at most once per this period, the last one always the current crew: a burst
@@ -64,15 +69,21 @@ class IntercomServer final : public platform::Transport::Receiver,
   // the loop thread once the port answers. The peers of any other transport (the browsers') are
   // served as they come, through deliver() and ended().
   void start(platform::PeerListener& intercom, std::function<void()> onReady = {});
+  // Main thread, before the loop runs. Who rings the chime for the called peers that did not say
+  // they understand call messages; without one, they are not called.
+  void setChimeCallback(ChimeCallback callback) { chime_ = std::move(callback); }
 
   // Loop thread.
   CrewCount crew() const;
   const PeerTable& peers() const { return peers_; }
   RelayCounts counts() const { return counts_; }
 
-  // Loop thread. `head` and `body` as one datagram to every joined peer that listens on a
-  // channel of `mask`: how announcement frames reach the crew.
-  void sendToChannels(std::uint32_t mask, Bytes head, Bytes body);
+  // Loop thread: the Crew.
+  void sendToChannels(std::uint32_t mask, Bytes head, Bytes body) override;
+  void sendAnnouncementText(const std::string& text, std::uint32_t mask) override;
+  void callFromShowControl(std::uint32_t mask) override;
+  void sendChime(std::uint16_t caller, std::uint32_t mask,
+                 std::span<std::uint8_t, wire::AudioHeader::kSize> head, Bytes body) override;
 
   // Loop thread; called by the transports.
   void deliver(const platform::PeerAddress& from, Bytes datagram) override;
@@ -83,6 +94,8 @@ class IntercomServer final : public platform::Transport::Receiver,
 
   void handleControl(Bytes payload, const Peer& peer);
   void join(const wire::Incoming& message, const Peer& peer);
+  // `caller` (named `who` to the operator) calls the joined peers that listen on `mask`.
+  void call(std::uint16_t caller, std::uint32_t mask, std::string_view who);
   // By value: callers may pass the address held by the peer that goes.
   void remove(platform::PeerAddress address);
   void sweep();
@@ -97,6 +110,7 @@ class IntercomServer final : public platform::Transport::Receiver,
   const Show show_;
   ServerPlatform platform_;
   ExitPolicy exit_;
+  ChimeCallback chime_;
   const std::string configReply_;  // the answer to every "hi", encoded once
   PeerTable peers_;
   RelayCounts counts_;

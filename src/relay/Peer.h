@@ -8,6 +8,8 @@
 #include "platform/Clock.h"
 #include "platform/Transport.h"
 #include "relay/LinkHealth.h"
+#include "relay/TokenBucket.h"
+#include "wire/ControlMessages.h"
 
 namespace parlavox {
 
@@ -21,15 +23,18 @@ struct Peer {
   std::uint32_t talkMask = 0;
   std::uint32_t listenMask = 0;
   bool joined = false;
+  wire::Features features;  // what it said it understands when it joined
   platform::MonoTime lastSeen;
   std::optional<platform::MonoTime> lastAudio;  // for the count of who is talking
   LinkHealth health;                            // of its audio, once joined
+  std::optional<TokenBucket> calls;             // its calls, from its first
 };
 
 // A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small
 // contiguous array of these is walked per datagram instead of the table's nodes.
 struct JoinedPeer {
   std::uint16_t id = 0;
+  wire::Features features;  // in the padding after the id: the array's stride stays 24 bytes
   std::uint32_t listenMask = 0;
   // The peer's transport (kept here, one load less per copy) and its own address in the
   // registry's table; the array is rebuilt before a peer goes.
@@ -38,5 +43,6 @@ struct JoinedPeer {
 
   void send(Bytes head, Bytes body = {}) const { transport->send(*address, head, body); }
 };
+static_assert(sizeof(void*) != 8 || sizeof(JoinedPeer) == 24, "one fan-out entry, 24 bytes");
 
 }  // namespace parlavox

@@ -69,7 +69,7 @@ const Peer* PeerTable::find(const platform::PeerAddress& address) const {
 }
 
 bool PeerTable::join(const platform::PeerAddress& address, std::string_view name,
-                     const RoleRights& role) {
+                     const RoleRights& role, wire::Features features) {
   const auto found = peers_.find(address);
   if (found == peers_.end()) {
     return false;
@@ -87,9 +87,22 @@ bool PeerTable::join(const platform::PeerAddress& address, std::string_view name
   peer.role = role.name;
   peer.talkMask = role.talkMask;
   peer.listenMask = role.listenMask;
+  peer.features = features;
   peer.joined = true;
   joinedChanged();
   return true;
+}
+
+bool PeerTable::allowCall(const platform::PeerAddress& address, platform::MonoTime now) {
+  const auto found = peers_.find(address);
+  if (found == peers_.end() || !found->second.peer.joined) {
+    return false;
+  }
+  std::optional<TokenBucket>& calls = found->second.peer.calls;
+  if (!calls) {
+    calls.emplace(kCallBurst, now);
+  }
+  return calls->take(now, kCallBurst, kCallsPerSecond);
 }
 
 std::optional<Peer> PeerTable::remove(const platform::PeerAddress& address) {
@@ -145,7 +158,8 @@ void PeerTable::joinedChanged() {
   joined_.clear();
   for (const auto& [address, entry] : peers_) {
     if (entry.peer.joined) {
-      joined_.push_back({entry.peer.id, entry.peer.listenMask, address.transport, &address});
+      joined_.push_back(
+          {entry.peer.id, entry.peer.features, entry.peer.listenMask, address.transport, &address});
     }
   }
   std::sort(joined_.begin(), joined_.end(),

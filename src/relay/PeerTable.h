@@ -49,7 +49,14 @@ class PeerTable {
   // Joins the peer at `address` as `role` under `name` (cut to wire::kNameLimit characters), or
   // joins it again: a first join takes the next free id, a later one keeps it. False, the peer
   // unchanged, when kJoinedLimit peers have joined already or every id is taken.
-  bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role);
+  bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role,
+            wire::Features features = {});
+
+  // Whether the joined peer at `address` may call now: kCallBurst calls at once, then one every
+  // 1/kCallsPerSecond seconds, so that a caller leaning on the key makes a few calls, not a flood.
+  static constexpr double kCallBurst = 3;
+  static constexpr double kCallsPerSecond = 0.5;
+  bool allowCall(const platform::PeerAddress& address, platform::MonoTime now);
 
   // Takes the peer at `address` out of the table: what it was, or nothing if it was not there.
   std::optional<Peer> remove(const platform::PeerAddress& address);

@@ -1,7 +1,6 @@
 #include "relay/RateLimiter.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace parlavox {
 
@@ -21,17 +20,9 @@ bool RateLimiter::allow(const Host& host, platform::MonoTime now) {
       order_[oldest_] = host;
       oldest_ = (oldest_ + 1) % order_.size();
     }
-    found = buckets_.emplace(host, Bucket{burst_, now}).first;
+    found = buckets_.emplace(host, TokenBucket(burst_, now)).first;
   }
-  Bucket& bucket = found->second;
-  const double elapsed = std::chrono::duration<double>(now - bucket.filledAt).count();
-  bucket.tokens = std::min(burst_, bucket.tokens + elapsed * perSecond_);
-  bucket.filledAt = now;
-  if (bucket.tokens < 1.0) {
-    return false;
-  }
-  bucket.tokens -= 1.0;
-  return true;
+  return found->second.take(now, burst_, perSecond_);
 }
 
 }  // namespace parlavox

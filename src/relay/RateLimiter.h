@@ -7,6 +7,7 @@
 
 #include "platform/Clock.h"
 #include "platform/HostAddress.h"
+#include "relay/TokenBucket.h"
 
 namespace parlavox {
 
@@ -24,15 +25,10 @@ class RateLimiter {
   bool allow(const Host& host, platform::MonoTime now);
 
  private:
-  struct Bucket {
-    double tokens = 0;
-    platform::MonoTime filledAt;
-  };
-
   const double burst_;
   const double perSecond_;
   const std::size_t hosts_;
-  std::unordered_map<Host, Bucket, platform::HostAddressHash> buckets_;
+  std::unordered_map<Host, TokenBucket, platform::HostAddressHash> buckets_;
   std::vector<Host> order_;  // a ring, in the order hosts were first seen
   std::size_t oldest_ = 0;
 };

@@ -124,6 +124,40 @@ bool readObjects(const Json& object, const char* key, std::vector<Entry>& out, R
   return true;
 }
 
+// Read leniently, since the list is how clients of the original protocol are told apart: anything
+// but an array, and any item that names no feature, stands for nothing.
+Features readFeatures(const Json& object) {
+  Features features;
+  const auto it = object.find("features");
+  if (it == object.end() || !it->is_array()) {
+    return features;
+  }
+  for (const Json& item : *it) {
+    if (!item.is_string()) {
+      continue;
+    }
+    for (const auto& [feature, name] : kFeatures) {
+      if (item.get_ref<const std::string&>() == name) {
+        features.add(feature);
+      }
+    }
+  }
+  return features;
+}
+
+template <typename Unsigned>
+bool readOptionalUnsigned(const Json& object, const char* key, std::optional<Unsigned>& out) {
+  if (!object.contains(key)) {
+    return true;
+  }
+  Unsigned value = 0;
+  if (!readUnsigned(object, key, value)) {
+    return false;
+  }
+  out = value;
+  return true;
+}
+
 std::optional<ConfigMsg> readConfig(const Json& object) {
   ConfigMsg message;
   if (!readStrings(object, "channels", message.channels) ||
@@ -157,6 +191,22 @@ std::optional<RosterMsg> readRoster(const Json& object) {
   return message;
 }
 
+std::optional<CallMsg> readCall(const Json& object) {
+  CallMsg message;
+  if (!readUnsigned(object, "id", message.id) || !readUnsigned(object, "mask", message.mask)) {
+    return std::nullopt;
+  }
+  return message;
+}
+
+std::optional<AnnounceMsg> readAnnounce(const Json& object) {
+  AnnounceMsg message;
+  if (!readString(object, "text", message.text) || !readUnsigned(object, "mask", message.mask)) {
+    return std::nullopt;
+  }
+  return message;
+}
+
 }  // namespace
 
 std::string_view nameOf(MessageType type) {
@@ -177,6 +227,18 @@ std::optional<MessageType> messageTypeNamed(std::string_view name) {
   return std::nullopt;
 }
 
+MessageType typeOf(const ServerMessage& message) {
+  struct Type {
+    MessageType operator()(const ConfigMsg&) const { return MessageType::config; }
+    MessageType operator()(const WelcomeMsg&) const { return MessageType::welcome; }
+    MessageType operator()(const SimpleMsg& simple) const { return simple.t; }
+    MessageType operator()(const RosterMsg&) const { return MessageType::roster; }
+    MessageType operator()(const CallMsg&) const { return MessageType::call; }
+    MessageType operator()(const AnnounceMsg&) const { return MessageType::announce; }
+  };
+  return std::visit(Type{}, message);
+}
+
 std::string controlDatagram(std::string_view json) {
   std::string out;
   out.reserve(1 + json.size());
@@ -194,6 +256,17 @@ std::string encodeControl(const Incoming& message) {
     }
     if (message.role) {
       json["role"] = *message.role;
+    }
+    if (message.features.bits != 0) {
+      json["features"] = OrderedJson::array();
+      for (const auto& [feature, name] : kFeatures) {
+        if (message.features.has(feature)) {
+          json["features"].push_back(name);
+        }
+      }
+    }
+    if (message.mask) {
+      json["mask"] = *message.mask;
     }
     return json;
   });
@@ -252,6 +325,26 @@ std::string encodeControl(const RosterMsg& message) {
   });
 }
 
+std::string encodeControl(const CallMsg& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = nameOf(MessageType::call);
+    json["id"] = message.id;
+    json["mask"] = message.mask;
+    return json;
+  });
+}
+
+std::string encodeControl(const AnnounceMsg& message) {
+  return datagram([&] {
+    OrderedJson json = OrderedJson::object();
+    json["t"] = nameOf(MessageType::announce);
+    json["text"] = message.text;
+    json["mask"] = message.mask;
+    return json;
+  });
+}
+
 // Duplicate keys: the last occurrence wins, as nlohmann's parser keeps it; {"t":"hi","t":5} is
 // therefore refused for its non-string "t".
 std::optional<Incoming> decodeIncoming(Bytes payload) {
@@ -263,6 +356,11 @@ std::optional<Incoming> decodeIncoming(Bytes payload) {
         !readOptionalString(object, "role", message.role)) {
       return std::nullopt;
     }
+    // Only a call's mask is read: any other message keeps ignoring a "mask" it may carry.
+    if (message.t == MessageType::call && !readOptionalUnsigned(object, "mask", message.mask)) {
+      return std::nullopt;
+    }
+    message.features = readFeatures(object);
     return message;
   } catch (const std::exception&) {
     return std::nullopt;  // out of memory: drop the datagram like any other bad one
@@ -283,6 +381,10 @@ std::optional<ServerMessage> decodeServerMessage(Bytes payload) {
         return readWelcome(object);
       case MessageType::roster:
         return readRoster(object);
+      case MessageType::call:
+        return readCall(object);
+      case MessageType::announce:
+        return readAnnounce(object);
       default:
         break;
     }

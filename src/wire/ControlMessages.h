@@ -17,13 +17,27 @@
 // field order; readers do not depend on the order.
 namespace parlavox::wire {
 
-// What a message is, as its "t" names it. From clients: hi, join, ping, bye; from the server:
-// config, welcome, pong, rejoin, error, roster.
-enum class MessageType { hi, join, ping, bye, config, welcome, pong, rejoin, error, roster };
+// What a message is, as its "t" names it. From clients: hi, join, ping, bye, call; from the
+// server: config, welcome, pong, rejoin, error, roster, and to clients that asked for them in their
+// join, call and announce.
+enum class MessageType {
+  hi,
+  join,
+  ping,
+  bye,
+  config,
+  welcome,
+  pong,
+  rejoin,
+  error,
+  roster,
+  call,
+  announce
+};
 
 // Every type with its name on the wire: the one list the encoders, the decoders and the pages'
 // constants are made from.
-inline constexpr std::array<std::pair<MessageType, std::string_view>, 10> kMessageTypes{{
+inline constexpr std::array<std::pair<MessageType, std::string_view>, 12> kMessageTypes{{
     {MessageType::hi, "hi"},
     {MessageType::join, "join"},
     {MessageType::ping, "ping"},
@@ -34,18 +48,61 @@ inline constexpr std::array<std::pair<MessageType, std::string_view>, 10> kMessa
     {MessageType::rejoin, "rejoin"},
     {MessageType::error, "error"},
     {MessageType::roster, "roster"},
+    {MessageType::call, "call"},
+    {MessageType::announce, "announce"},
 }};
+
+// What a client understands beyond the original protocol, as its join lists them in "features":
+// "call" (call messages instead of the call chime), "text" (the words of each announcement). A
+// client that lists none is sent only what the original protocol defines.
+enum class Feature : std::uint8_t { call = 1U << 0U, text = 1U << 1U };
+
+inline constexpr std::array<std::pair<Feature, std::string_view>, 2> kFeatures{{
+    {Feature::call, "call"},
+    {Feature::text, "text"},
+}};
+
+// A set of features, one bit each.
+struct Features {
+  std::uint8_t bits = 0;
+  bool has(Feature feature) const { return (bits & static_cast<std::uint8_t>(feature)) != 0; }
+  void add(Feature feature) { bits |= static_cast<std::uint8_t>(feature); }
+  bool operator==(const Features&) const = default;
+};
 
 // Any thread. The name of `type` in "t", and back; a name of no type is nothing.
 std::string_view nameOf(MessageType type);
 std::optional<MessageType> messageTypeNamed(std::string_view name);
 
-// From a client: "hi", "join" (name, role), "ping", "bye". Other keys are ignored.
+// From a client: "hi", "join" (name, role, features), "ping", "bye", "call" (mask). Other keys
+// are ignored, and so are feature names of no feature.
 struct Incoming {
   MessageType t = MessageType::hi;
   std::optional<std::string> name;  // null and absent alike
   std::optional<std::string> role;
+  Features features;
+  std::optional<std::uint32_t> mask;
   bool operator==(const Incoming&) const = default;
+
+  // Any thread. The messages a client sends.
+  static Incoming of(MessageType t) {
+    Incoming message;
+    message.t = t;
+    return message;
+  }
+  static Incoming join(std::optional<std::string> name, std::optional<std::string> role,
+                       Features features = {}) {
+    Incoming message = of(MessageType::join);
+    message.name = std::move(name);
+    message.role = std::move(role);
+    message.features = features;
+    return message;
+  }
+  static Incoming call(std::uint32_t mask) {
+    Incoming message = of(MessageType::call);
+    message.mask = mask;
+    return message;
+  }
 };
 
 // From the server, in reply to "hi": the show's channels in mask-bit order and its roles.
@@ -84,7 +141,27 @@ struct RosterMsg {
   bool operator==(const RosterMsg&) const = default;
 };
 
-using ServerMessage = std::variant<ConfigMsg, WelcomeMsg, SimpleMsg, RosterMsg>;
+// From the server to a client that understands calls: `id` (a crew member's, or the announcer's
+// for show control) calls on the channels of `mask`, the receiver's share.
+struct CallMsg {
+  std::uint16_t id = 0;
+  std::uint32_t mask = 0;
+  bool operator==(const CallMsg&) const = default;
+};
+
+// From the server to a client that understands text, as an announcement starts to play: its words
+// and the receiver's share of its mask.
+struct AnnounceMsg {
+  std::string text;
+  std::uint32_t mask = 0;
+  bool operator==(const AnnounceMsg&) const = default;
+};
+
+using ServerMessage =
+    std::variant<ConfigMsg, WelcomeMsg, SimpleMsg, RosterMsg, CallMsg, AnnounceMsg>;
+
+// Any thread. What `message` is.
+MessageType typeOf(const ServerMessage& message);
 
 // Any thread. Whole control datagrams: the kind byte, then the message as compact JSON. Empty when
 // the message cannot be encoded (a string that is not valid UTF-8).
@@ -93,6 +170,8 @@ std::string encodeControl(const ConfigMsg& message);
 std::string encodeControl(const WelcomeMsg& message);
 std::string encodeControl(const SimpleMsg& message);
 std::string encodeControl(const RosterMsg& message);
+std::string encodeControl(const CallMsg& message);
+std::string encodeControl(const AnnounceMsg& message);
 
 // Any thread. A control datagram carrying `json` as it is.
 std::string controlDatagram(std::string_view json);

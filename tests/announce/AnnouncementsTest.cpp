@@ -1,5 +1,6 @@
 // OSC in, frames out: the announcements with a fake port, a speaker the test plays, and the
 // simulated loop between them, so the handoff from the speaker's thread is seen without threads.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "announce/AnnouncementCommand.h"
@@ -43,6 +44,11 @@ TEST(ResolveAnnouncement, MapsAddressesOntoTheChannels) {
       {wide, "/parlavox/say/C32", Kind::announce, 0, ""},
       {{"A", "Tech", "Tech"}, "/parlavox/say/Tech", Kind::announce, 0x2, ""},
       {{"Main", "R\xC3\xA9gie"}, "/parlavox/say/Re\xCC\x81gie", Kind::announce, 0x2, ""},
+      {show, "/parlavox/call", Kind::call, 0xF, ""},
+      {show, "/parlavox/call/Backstage", Kind::call, 0x4, ""},
+      {show, "/parlavox/call/Nowhere", Kind::unknownCallChannel, 0, "Nowhere"},
+      {show, "/parlavox/calls", Kind::ignore, 0, ""},
+      {show, "/parlavox/stop", Kind::stop, 0, ""},
   };
   for (const auto& c : cases) {
     const AnnouncementTarget target = resolveAnnouncement(c.address, c.channels);
@@ -62,25 +68,60 @@ class FakeSpeaker final : public Speaker {
     done.push_back(std::move(onDone));
   }
   void stop() override {}
+  void play(Clip clip, std::chrono::milliseconds maxWait, FrameHandler onFrame) override {
+    clips.push_back(std::move(clip));
+    waits.push_back(maxWait);
+    handlers.push_back(std::move(onFrame));
+  }
   std::vector<std::string> spoken;
-  std::vector<FrameHandler> handlers;
+  std::vector<FrameHandler> handlers;  // speak()'s and play()'s, in the order asked
   std::vector<DoneHandler> done;
+  std::vector<Clip> clips;
+  std::vector<std::chrono::milliseconds> waits;
+};
+
+// What reaches the crew, as one line each: the announcer's frames by their mask and seq.
+class FakeCrew final : public Crew {
+ public:
+  void sendToChannels(std::uint32_t mask, Bytes head, Bytes body) override {
+    Datagram datagram(head.begin(), head.end());
+    datagram.insert(datagram.end(), body.begin(), body.end());
+    const auto header = wire::AudioHeader::read(datagram);
+    sent.push_back(fmt::format("frame {:x} seq {} {} bytes", mask, header->seq, datagram.size()));
+    frames.push_back(std::move(datagram));
+  }
+  void sendAnnouncementText(const std::string& text, std::uint32_t mask) override {
+    sent.push_back(fmt::format("text {:x} {}", mask, text));
+  }
+  void callFromShowControl(std::uint32_t mask) override {
+    sent.push_back(fmt::format("call {:x}", mask));
+  }
+  void sendChime(std::uint16_t caller, std::uint32_t mask,
+                 std::span<std::uint8_t, wire::AudioHeader::kSize> head, Bytes body) override {
+    const auto header = wire::AudioHeader::read(Bytes(head));
+    sent.push_back(fmt::format("chime from {} {:x} under {:x} seq {} {} bytes", caller, mask,
+                               header->senderID, header->seq, head.size() + body.size()));
+  }
+  std::vector<std::string> sent;
+  std::vector<Datagram> frames;
 };
 
 class AnnouncementsTest : public testing::Test {
  protected:
   void SetUp() override {
     announcements =
-        Announcements::create(Show(defaultConfig()), loop, network, console, speaker,
-                              [this](std::uint32_t mask, Bytes head, Bytes body) {
-                                Datagram datagram(head.begin(), head.end());
-                                datagram.insert(datagram.end(), body.begin(), body.end());
-                                sent.emplace_back(mask, std::move(datagram));
-                              });
+        Announcements::create(Show(defaultConfig()), loop, network, console, speaker, crew);
     announcements->start();
   }
   void osc(const std::string& address, const std::string& text) {
     network.datagrams->deliver(wire::OSCMessage{address, text}.encode());
+  }
+  // An OSC message without arguments: its address and the type tag string ",".
+  void osc(const std::string& address) {
+    Datagram datagram(address.begin(), address.end());
+    datagram.resize((address.size() + 4) / 4 * 4, 0);
+    datagram.insert(datagram.end(), {',', 0, 0, 0});
+    network.datagrams->deliver(datagram);
   }
 
   test::FakeClock clock;
@@ -88,7 +129,7 @@ class AnnouncementsTest : public testing::Test {
   test::FakeNetwork network;
   test::FakeConsole console;
   FakeSpeaker speaker;
-  std::vector<std::pair<std::uint32_t, Datagram>> sent;
+  FakeCrew crew;
   std::shared_ptr<Announcements> announcements;
 };
 
@@ -110,23 +151,21 @@ TEST_F(AnnouncementsTest, SpeaksWhatShowControlSaysAndReportsTheRest) {
   EXPECT_EQ(speaker.spoken, (Lines{"Standby lights", longest}));
 }
 
-TEST_F(AnnouncementsTest, FramesReachTheLoopNumberedUnderTheAnnouncersId) {
+TEST_F(AnnouncementsTest, FramesReachTheLoopNumberedUnderTheAnnouncersIdWordsFirst) {
   osc("/parlavox/say/Green Room", "Beginners please");
   osc("/parlavox/say", "Places please");
   const std::vector<std::uint8_t> frame(640, 0x11);
   speaker.handlers[0](frame);
   speaker.handlers[0](frame);
-  EXPECT_TRUE(sent.empty()) << "nothing leaves the speaker's thread but a posted task";
+  EXPECT_TRUE(crew.sent.empty()) << "nothing leaves the speaker's thread but a posted task";
   loop.runPosted();
   speaker.handlers[1](frame);
   loop.runPosted();
-  ASSERT_EQ(sent.size(), 3U);
-  EXPECT_EQ(sent[0].first, 0x8U);
-  EXPECT_EQ(Datagram(sent[0].second.begin(), sent[0].second.begin() + 9),
+  EXPECT_EQ(crew.sent,
+            (Lines{"text 8 Beginners please", "frame 8 seq 1 649 bytes", "frame 8 seq 2 649 bytes",
+                   "text f Places please", "frame f seq 3 649 bytes"}));
+  EXPECT_EQ(Datagram(crew.frames[0].begin(), crew.frames[0].begin() + 9),
             (Datagram{0x02, 0xFF, 0xFF, 0x08, 0, 0, 0, 0x01, 0x00}));
-  EXPECT_EQ(sent[2].first, 0xFU);
-  EXPECT_EQ(wire::AudioHeader::read(sent[2].second)->seq, 3) << "seq counts every frame";
-  EXPECT_EQ(sent[2].second.size(), 649U);
 
   // What the monitor shows: the one being spoken first, gone once the loop hears it is over.
   EXPECT_EQ(announcements->pending(),
@@ -136,6 +175,27 @@ TEST_F(AnnouncementsTest, FramesReachTheLoopNumberedUnderTheAnnouncersId) {
   loop.runPosted();
   EXPECT_EQ(announcements->pending(), std::deque<std::string>{"Places please"});
   EXPECT_EQ(announcements->asked(), 2U);
+}
+
+// Calls need no argument; the chime is the announcer's voice too, numbered in the same run.
+TEST_F(AnnouncementsTest, ShowControlCallsAndTheChimeTakesTheNextNumbers) {
+  console.take();
+  osc("/parlavox/call");
+  osc("/parlavox/call/Tech", "any argument");
+  osc("/parlavox/call/tech");
+  osc("/parlavox/say/tech");  // an announcement without words is nothing, unknown channel or not
+  EXPECT_EQ(console.take(), Lines{"⚠️  OSC: unknown channel \"tech\""});
+
+  osc("/parlavox/say", "Places please");
+  speaker.handlers[0](std::vector<std::uint8_t>(640, 0x11));
+  announcements->ringChime(7, 0x3);
+  ASSERT_EQ(speaker.clips.size(), 1U);
+  EXPECT_EQ(speaker.clips[0]->size(), 25 * wire::kFrameSamples);
+  EXPECT_EQ(speaker.waits[0], Announcements::kChimeWait);
+  speaker.handlers[1](std::vector<std::uint8_t>(640, 0x22));
+  loop.runPosted();
+  EXPECT_EQ(crew.sent, (Lines{"call f", "call 2", "text f Places please", "frame f seq 1 649 bytes",
+                              "chime from 7 3 under ffff seq 2 649 bytes"}));
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ class Station : public ServerFixture {
       }
       if (!message->empty() && message->front() == wire::kControlKind) {
         auto decoded = wire::decodeServerMessage(Bytes(*message).subspan(1));
-        if (decoded && std::visit([&](const auto& m) { return typeOf(m) == t; }, *decoded)) {
+        if (decoded && wire::nameOf(wire::typeOf(*decoded)) == t) {
           return decoded;
         }
       }
@@ -60,13 +60,6 @@ class Station : public ServerFixture {
     }
     return std::nullopt;
   }
-
-  static std::string typeOf(const wire::ConfigMsg&) { return "config"; }
-  static std::string typeOf(const wire::WelcomeMsg&) { return "welcome"; }
-  static std::string typeOf(const wire::RosterMsg&) { return "roster"; }
-  static std::string typeOf(const wire::SimpleMsg& message) {
-    return std::string(wire::nameOf(message.t));
-  }
 };
 
 std::vector<std::uint8_t> ramp() {
@@ -81,12 +74,11 @@ std::vector<std::uint8_t> ramp() {
 // with the same rewriting, reached by announcements, and gone when its socket closes.
 TEST_F(Station, BrowserAndUdpCrewHearEachOther) {
   StationClient station("127.0.0.1");
-  sendControl(station, {wire::MessageType::hi, std::nullopt, std::nullopt});
+  sendControl(station, wire::Incoming::of(wire::MessageType::hi));
   const auto config = next(station, "config");
   ASSERT_TRUE(config);
   EXPECT_EQ(std::get<wire::ConfigMsg>(*config).channels.size(), 4U);
-  sendControl(station,
-              {wire::MessageType::join, "Fly Floor", "Backstage Crew"});  // Main + Backstage
+  sendControl(station, wire::Incoming::join("Fly Floor", "Backstage Crew"));  // Main + Backstage
   const auto welcome = next(station, "welcome");
   ASSERT_TRUE(welcome);
   const std::uint16_t stationID = std::get<wire::WelcomeMsg>(*welcome).id;

@@ -48,7 +48,7 @@ TEST(AllocateID, FindsTheFirstFreeIdFromTheCounter) {
 class RelayAudio : public testing::Test {
  protected:
   JoinedPeer member(std::uint64_t client, std::uint16_t id, std::uint32_t listenMask) {
-    return {id, listenMask, &port, &addresses.at(client - 1)};
+    return {id, {}, listenMask, &port, &addresses.at(client - 1)};
   }
   Peer talker(bool joined, std::uint32_t talkMask) {
     Peer peer;

@@ -81,7 +81,7 @@ TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
       {encodeControl(ConfigMsg{{"Main", "Green Room"}, {{"Director", {}, {"Main"}}}}),
        control(R"({"t":"config","channels":["Main","Green Room"],"roles":[)"
                R"({"name":"Director","talk":[],"listen":["Main"]}]})")},
-      {encodeControl(Incoming{MessageType::join, std::nullopt, "Sound"}),
+      {encodeControl(Incoming::join(std::nullopt, "Sound")),
        control(R"({"t":"join","role":"Sound"})")},
       // Text that is not valid UTF-8 gives nothing to send.
       {encodeControl(SimpleMsg{MessageType::error, "\xff"}), ""},

@@ -19,7 +19,7 @@ std::string reasonOf(const wire::SimpleMsg& message) {
 }
 
 wire::Incoming simple(wire::MessageType type) {
-  return wire::Incoming{type, std::nullopt, std::nullopt};
+  return wire::Incoming::of(type);
 }
 
 // The server's message in a control datagram, or nothing.
@@ -94,7 +94,7 @@ bool CrewSession::join(const ShowInfo& show, const std::string& role,
 }
 
 void CrewSession::sendJoin() {
-  client_.send(wire::Incoming{wire::MessageType::join, name_, role_});
+  client_.send(wire::Incoming::join(name_, role_));
 }
 
 void CrewSession::serviceUntil(platform::MonoTime until, const std::atomic<bool>& stop) {

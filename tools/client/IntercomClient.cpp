@@ -221,14 +221,14 @@ void IntercomClient::collect(std::chrono::milliseconds window) {
 }
 
 std::optional<nlohmann::json> IntercomClient::hi(std::chrono::milliseconds timeout) {
-  send(wire::Incoming{wire::MessageType::hi, std::nullopt, std::nullopt});
+  send(wire::Incoming::of(wire::MessageType::hi));
   return nextControl(timeout);
 }
 
 std::optional<nlohmann::json> IntercomClient::join(const std::optional<std::string>& name,
                                                    const std::string& role,
                                                    std::chrono::milliseconds timeout) {
-  send(wire::Incoming{wire::MessageType::join, name, role});
+  send(wire::Incoming::join(name, role));
   return nextControl(timeout);
 }
 
