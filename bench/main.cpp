@@ -30,12 +30,14 @@ namespace {
 using namespace parlavox::bench;
 using namespace std::chrono_literals;
 
-// One channel everyone talks and listens on: each datagram goes to every other client.
+// One channel everyone talks and listens on: each datagram goes to every other client. The
+// simulated crew all come from 127.0.0.1, so the cap per address is lifted.
 constexpr const char* kRoles = R"({
   "show" : "Bench",
   "channels" : [ "Main", "Tech" ],
   "roles" : [ { "name" : "Crew", "talk" : [ "Main" ], "listen" : [ "Main" ] } ],
-  "oscPort" : 47000
+  "oscPort" : 47000,
+  "peersPerHost" : 1000
 })";
 
 // The directory this program was started from, where parlavox and parlavox-say lie beside it.

@@ -25,6 +25,9 @@ struct Config {
   std::vector<std::string> channels;  // position i is bit i of every channel mask
   std::vector<Role> roles;
   std::uint16_t oscPort = 47000;
+  // Joined peers from one address at most: crew phones behind a NAT travel router share one, so
+  // it is well above a department's size, yet one machine cannot fill the intercom.
+  std::uint32_t peersPerHost = 32;
   bool operator==(const Config&) const = default;
 };
 

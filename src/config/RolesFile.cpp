@@ -103,6 +103,16 @@ std::optional<Failure> readOscPort(const Json& value, std::uint16_t& port) {
   return Failure{"oscPort: expected an integer from 0 to 65535"};
 }
 
+std::optional<Failure> readPeersPerHost(const Json& value, std::uint32_t& count) {
+  constexpr std::uint64_t kHighest = 0xFFFFFFFF;
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() >= 1 &&
+      value.get<std::uint64_t>() <= kHighest) {
+    count = static_cast<std::uint32_t>(value.get<std::uint64_t>());
+    return std::nullopt;
+  }
+  return Failure{"peersPerHost: expected a positive integer"};
+}
+
 // `config` starts with the defaults of the keys that may be left out.
 std::optional<Failure> readConfig(const Json& document, Config& config) {
   if (!document.is_object()) {
@@ -131,7 +141,12 @@ std::optional<Failure> readConfig(const Json& document, Config& config) {
     }
   }
   if (const Json* port = member(document, "oscPort")) {
-    return readOscPort(*port, config.oscPort);
+    if (auto failure = readOscPort(*port, config.oscPort)) {
+      return failure;
+    }
+  }
+  if (const Json* perHost = member(document, "peersPerHost")) {
+    return readPeersPerHost(*perHost, config.peersPerHost);
   }
   return std::nullopt;
 }
@@ -245,6 +260,12 @@ std::string encodeConfig(const Config& config) {
     out += ",\n";
     appendKey(out, 1, "oscPort");
     out += std::to_string(config.oscPort);
+    // Written only when it differs, so that the built-in show's file stays as it was.
+    if (config.peersPerHost != Config{}.peersPerHost) {
+      out += ",\n";
+      appendKey(out, 1, "peersPerHost");
+      out += std::to_string(config.peersPerHost);
+    }
     out += "\n}";
     return out;
   } catch (const Json::exception&) {

@@ -14,9 +14,9 @@ struct DecodedConfig {
   std::string error;             // on failure: what failed, naming the key or the position
 };
 
-// Reads roles-file bytes by the file's rules: `channels` and `roles` required, `show` and
-// `oscPort` optional (null counts as missing), unknown keys ignored, anything else rejected.
-// Any thread; pure.
+// Reads roles-file bytes by the file's rules: `channels` and `roles` required, `show`,
+// `oscPort` and `peersPerHost` optional (null counts as missing), unknown keys ignored, anything
+// else rejected. Any thread; pure.
 DecodedConfig decodeConfig(std::string_view bytes);
 
 // The roles-file text of `config`: pretty-printed with " : ", two-space indents, keys in field

@@ -1,5 +1,9 @@
 #include "platform/HostAddress.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace parlavox::platform {
@@ -9,6 +13,17 @@ std::size_t HostAddressHash::operator()(const HostAddress& host) const noexcept 
   std::memcpy(words, host.bytes.data(), sizeof words);
   const std::uint64_t h = (words[0] * 0x9E3779B97F4A7C15ULL ^ words[1]) * 0xBF58476D1CE4E5B9ULL;
   return static_cast<std::size_t>(h ^ (h >> 31));
+}
+
+std::string toString(const HostAddress& host) {
+  constexpr std::array<std::uint8_t, 12> kMappedPrefix{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  const bool v4 = std::equal(kMappedPrefix.begin(), kMappedPrefix.end(), host.bytes.begin());
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  const void* bytes = v4 ? host.bytes.data() + kMappedPrefix.size() : host.bytes.data();
+  if (::inet_ntop(v4 ? AF_INET : AF_INET6, bytes, text.data(), text.size()) == nullptr) {
+    return "?";
+  }
+  return text.data();
 }
 
 }  // namespace parlavox::platform

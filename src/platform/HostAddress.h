@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace parlavox::platform {
 
@@ -16,5 +17,8 @@ struct HostAddress {
 struct HostAddressHash {
   std::size_t operator()(const HostAddress& host) const noexcept;
 };
+
+// Any thread. As people write it: a.b.c.d for an IPv4 host, else the IPv6 address.
+std::string toString(const HostAddress& host);
 
 }  // namespace parlavox::platform

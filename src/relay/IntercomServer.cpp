@@ -38,7 +38,8 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
     : show_(std::move(show)),
       platform_(platform),
       exit_(std::move(exit)),
-      configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})) {}
+      configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})),
+      peers_(show_.config().peersPerHost) {}
 
 void IntercomServer::start(platform::PeerListener& intercom, std::function<void()> onReady) {
   port_ = intercom.port();
@@ -105,6 +106,9 @@ void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) 
   }
   switch (datagram[0]) {
     case wire::kAudioKind:
+      if (!peer.audioWithinRate) {
+        break;  // dropped without a word: a flood is not worth an answer
+      }
       counts_.audioReceived += peer.joined ? 1U : 0U;
       counts_.copiesSent += relayAudio(datagram, peer, peers_.joined());
       break;
@@ -127,6 +131,7 @@ void IntercomServer::remove(platform::PeerAddress address) {
   }
   address.transport->end(address);
   if (peer->joined) {
+    hostsAtCap_.erase(address.host);  // below the cap again: a next refusal is news
     platform_.console.info(
         platform::EventKind::crew,
         fmt::format("👋 {} ({}) left", printable(peer->name), printable(peer->role)));
@@ -207,7 +212,16 @@ void IntercomServer::join(const wire::Incoming& message, const Peer& peer) {
     send(wire::SimpleMsg{wire::MessageType::error, kUnknownRole}, peer.address);
     return;
   }
-  if (!peers_.join(peer.address, message.name.value_or("Crew"), *role, message.features)) {
+  const auto joined = peers_.join(peer.address, message.name.value_or("Crew"), *role,
+                                  message.features, platform_.clock.now());
+  if (joined != PeerTable::JoinResult::joined) {
+    if (joined == PeerTable::JoinResult::hostFull && hostsAtCap_.insert(peer.address.host).second) {
+      platform_.console.warning(
+          platform::EventKind::crew,
+          fmt::format("⚠️  Intercom full for {}: {} crew joined from that address, the most "
+                      "allowed; \"peersPerHost\" in the roles file raises it",
+                      platform::toString(peer.address.host), show_.config().peersPerHost));
+    }
     send(wire::SimpleMsg{wire::MessageType::error, kFull}, peer.address);
     return;
   }

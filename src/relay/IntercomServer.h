@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "config/Show.h"
@@ -118,6 +119,8 @@ class IntercomServer final : public platform::Transport::Receiver,
   // at a victim nor churn the crew with joins; an ordinary client never comes near either.
   RateLimiter configReplies_{20, 5};
   RateLimiter joins_{32, 8};
+  // Hosts told of as having reached Config::peersPerHost, until one of their peers leaves.
+  std::unordered_set<platform::HostAddress, platform::HostAddressHash> hostsAtCap_;
   std::optional<platform::MonoTime> lastRoster_;
   bool rosterScheduled_ = false;
   std::uint16_t port_ = 0;

@@ -28,6 +28,8 @@ struct Peer {
   std::optional<platform::MonoTime> lastAudio;  // for the count of who is talking
   LinkHealth health;                            // of its audio, once joined
   std::optional<TokenBucket> calls;             // its calls, from its first
+  std::optional<TokenBucket> audio;             // its audio, from its join
+  bool audioWithinRate = true;                  // of its last audio datagram
 };
 
 // A joined peer as the fan-outs (relayed audio, announcements, rosters) see it: one small

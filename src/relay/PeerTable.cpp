@@ -47,6 +47,10 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
     peer.lastSeen = now;
   }
   if (!datagram.empty() && datagram[0] == wire::kAudioKind) {
+    peer.audioWithinRate = !peer.audio || peer.audio->take(now, kAudioBurst, kAudioPerSecond);
+    if (!peer.audioWithinRate) {
+      return peer;
+    }
     peer.lastAudio = now;
     if (peer.joined && datagram.size() > wire::AudioHeader::kSize) {
       peer.health.audio(datagram, now);
@@ -68,19 +72,28 @@ const Peer* PeerTable::find(const platform::PeerAddress& address) const {
   return found == peers_.end() ? nullptr : &found->second.peer;
 }
 
-bool PeerTable::join(const platform::PeerAddress& address, std::string_view name,
-                     const RoleRights& role, wire::Features features) {
+PeerTable::JoinResult PeerTable::join(const platform::PeerAddress& address, std::string_view name,
+                                      const RoleRights& role, wire::Features features,
+                                      platform::MonoTime now) {
   const auto found = peers_.find(address);
   if (found == peers_.end()) {
-    return false;
+    return JoinResult::full;
   }
   Peer& peer = found->second.peer;
   if (!peer.joined) {
+    const auto sameHost = [&](const JoinedPeer& member) {
+      return member.address->host == address.host;
+    };
+    if (static_cast<std::size_t>(std::count_if(joined_.begin(), joined_.end(), sameHost)) >=
+        peersPerHost_) {
+      return JoinResult::hostFull;
+    }
     const auto id = joined_.size() < kJoinedLimit ? allocateID(nextID_, joined_) : std::nullopt;
     if (!id) {
-      return false;
+      return JoinResult::full;
     }
     peer.id = *id;
+    peer.audio.emplace(kAudioBurst, now);
     unjoined_.erase(found->second.unjoined);
   }
   peer.name = firstGraphemes(name, wire::kNameLimit);
@@ -90,7 +103,7 @@ bool PeerTable::join(const platform::PeerAddress& address, std::string_view name
   peer.features = features;
   peer.joined = true;
   joinedChanged();
-  return true;
+  return JoinResult::joined;
 }
 
 bool PeerTable::allowCall(const platform::PeerAddress& address, platform::MonoTime now) {

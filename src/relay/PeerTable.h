@@ -24,6 +24,16 @@ class PeerTable {
  public:
   static constexpr std::size_t kUnjoinedLimit = 4096;
   static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
+  // A talker sends 50 datagrams a second; twice that, with a second's worth at once after a
+  // stall, is more than any real one needs and bounds what one peer can make the relay send.
+  static constexpr double kAudioBurst = 50;
+  static constexpr double kAudioPerSecond = 100;
+
+  enum class JoinResult { joined, full, hostFull };
+
+  // At most `peersPerHost` joined peers share one host address.
+  explicit PeerTable(std::size_t peersPerHost = Config{}.peersPerHost)
+      : peersPerHost_(peersPerHost) {}
 
   // The peer at `from`, a new unjoined one if there is none, updated for `datagram`: anything at
   // all refreshes its lastSeen; audio of a joined peer its lastAudio and link health too.
@@ -47,10 +57,11 @@ class PeerTable {
   const Peer* find(const platform::PeerAddress& address) const;
 
   // Joins the peer at `address` as `role` under `name` (cut to wire::kNameLimit characters), or
-  // joins it again: a first join takes the next free id, a later one keeps it. False, the peer
-  // unchanged, when kJoinedLimit peers have joined already or every id is taken.
-  bool join(const platform::PeerAddress& address, std::string_view name, const RoleRights& role,
-            wire::Features features = {});
+  // joins it again: a first join takes the next free id, a later one keeps it. Refused, the peer
+  // unchanged: `full` when kJoinedLimit peers have joined already or every id is taken, `hostFull`
+  // when peersPerHost peers from its host have. Its audio rate starts full at `now`.
+  JoinResult join(const platform::PeerAddress& address, std::string_view name,
+                  const RoleRights& role, wire::Features features, platform::MonoTime now);
 
   // Whether the joined peer at `address` may call now: kCallBurst calls at once, then one every
   // 1/kCallsPerSecond seconds, so that a caller leaning on the key makes a few calls, not a flood.
@@ -83,6 +94,7 @@ class PeerTable {
   void erase(std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash>::iterator);
   void joinedChanged();
 
+  const std::size_t peersPerHost_;
   std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash> peers_;
   std::list<platform::PeerAddress> unjoined_;  // oldest first
   std::vector<JoinedPeer> joined_;

@@ -29,6 +29,12 @@ TEST(RolesFile, DecodeAcceptsWellFormedFiles) {
        twoChannels()},
       {"lowestPort", R"({"oscPort":0,"channels":["A","B"],)" + roleAB + "}",
        twoChannels("Parlavox", 0)},
+      {"peersPerHost", R"({"peersPerHost":1,"channels":["A","B"],)" + roleAB + "}",
+       [] {
+         Config one = twoChannels();
+         one.peersPerHost = 1;
+         return one;
+       }()},
       {"unknownKeysIgnoredEverywhere",
        R"({"comment":"x","channels":["A","B"],"extra":{"deep":[1,[2,{"k":null}]]},)"
        R"("roles":[{"note":5,"name":"R","talk":["A"],"listen":["A","B"],"x":[]}]})",
@@ -74,6 +80,11 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
       {"showNumber", R"({"show":5,"channels":[],"roles":[]})", "show"},
       {"portJustAboveRange", withPort("65536"), "oscPort"},
       {"portWrittenAsFloat", withPort("47000.0"), "oscPort"},
+      {"peersPerHostZero", R"({"channels":[],"roles":[],"peersPerHost":0})", "peersPerHost"},
+      {"peersPerHostNegative", R"({"channels":[],"roles":[],"peersPerHost":-3})", "peersPerHost"},
+      {"peersPerHostText", R"({"channels":[],"roles":[],"peersPerHost":"32"})", "peersPerHost"},
+      {"peersPerHostHuge", R"({"channels":[],"roles":[],"peersPerHost":4294967296})",
+       "peersPerHost"},
       {"deepArrays", std::string(100000, '['), "nested deeper"},
   };
   for (const auto& c : cases) {
@@ -84,10 +95,16 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
   }
 }
 
-// builtin-roles.json is the built-in roles file written out by hand, line by line.
+// builtin-roles.json is the built-in roles file written out by hand, line by line; a per-host cap
+// of its own is written after the port, and read back.
 TEST(RolesFile, BuiltInFileIsWrittenByteForByte) {
-  EXPECT_EQ(encodeConfig(defaultConfig()),
-            devkit::readFile(PARLAVOX_TEST_DATA "/builtin-roles.json"));
+  const std::string builtIn = devkit::readFile(PARLAVOX_TEST_DATA "/builtin-roles.json");
+  EXPECT_EQ(encodeConfig(defaultConfig()), builtIn);
+  Config config = defaultConfig();
+  config.peersPerHost = 64;
+  const std::string text = encodeConfig(config);
+  EXPECT_EQ(text, builtIn.substr(0, builtIn.size() - 2) + ",\n  \"peersPerHost\" : 64\n}");
+  EXPECT_EQ(decodeConfig(text).config, config);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -303,6 +304,68 @@ TEST_F(IntercomServerTest, AFullIntercomStillSendsARosterThatFits) {
                 name.starts_with(kept.substr(0, kept.size() - heavy.size())))
         << "whole characters only";
   }
+}
+
+// Phones behind one NAT share an address: past the show's peersPerHost its joins are refused
+// as a full intercom's, the operator is told once while that host stays at the cap, and other
+// hosts and the peers already in are unaffected.
+TEST_F(IntercomServerTest, JoinsFromOneHostStopAtPeersPerHost) {
+  Config config = defaultConfig();
+  config.peersPerHost = 2;
+  startWith(config);
+  const json full = {{"t", "error"}, {"reason", "The intercom is full."}};
+  const std::string atCap =
+      "⚠️  Intercom full for ::: 2 crew joined from that address, the most allowed; "
+      "\"peersPerHost\" in the roles file raises it";
+  const auto reply = [this](std::uint64_t client, const std::string& role) {
+    send(client, {{"t", "join"}, {"name", "N"}, {"role", role}});
+    const auto replies = take(client);
+    return replies.empty() ? json() : replies.front();
+  };
+  EXPECT_EQ(reply(1, "Sound")["t"], "welcome");
+  EXPECT_EQ(reply(2, "Sound")["t"], "welcome");
+  EXPECT_EQ(reply(3, "Sound"), full);
+  EXPECT_EQ(reply(4, "Sound"), full);
+  EXPECT_EQ(console.take(), (Lines{"🎧 N joined as Sound", "🎧 N joined as Sound", atCap}));
+  EXPECT_EQ(reply(2, "Lighting")["t"], "welcome") << "a peer already in may rejoin";
+  EXPECT_EQ(reply(machine(1), "Sound")["t"], "welcome") << "another host";
+  send(1, {{"t", "bye"}});
+  EXPECT_EQ(reply(3, "Sound")["t"], "welcome") << "a place freed";
+  console.take();
+  EXPECT_EQ(reply(4, "Sound"), full);
+  EXPECT_EQ(console.take(), Lines{atCap}) << "at the cap again: told again";
+}
+
+// A talker may send kAudioBurst datagrams at once and kAudioPerSecond after: the rest is dropped
+// unanswered and uncounted, and an ordinary talker beside a flooding one is heard in full.
+TEST_F(IntercomServerTest, AudioBeyondATalkersRateIsDropped) {
+  joined(1, "Flood", "Sound");
+  joined(2, "Ann", "Sound");
+  joined(3, "Bo", "Sound");
+  const auto talk = [this](std::uint64_t client, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      port->deliver(client,
+                    Datagram{0x02, 0, 0, 0x01, 0, 0, 0, static_cast<std::uint8_t>(i), 0, 0xAB});
+    }
+  };
+  talk(1, 200);
+  EXPECT_EQ(port->sent[3].size(), 50U) << "the burst";
+  loop.advance(100ms);
+  talk(1, 200);
+  EXPECT_EQ(port->sent[3].size(), 60U) << "then 100 a second";
+  port->sent.clear();
+  for (int frame = 0; frame < 100; ++frame) {  // two seconds at the pace of speech, 500/s beside
+    talk(2, 1);
+    talk(1, 10);
+    loop.advance(20ms);
+  }
+  std::map<std::uint16_t, std::size_t> heard;  // by sender id: Flood is 1, Ann 2
+  for (const Datagram& copy : port->sent[3]) {
+    ++heard[static_cast<std::uint16_t>(copy.at(1) | copy.at(2) << 8)];
+  }
+  EXPECT_EQ(heard[2], 100U) << "all of Ann";
+  EXPECT_NEAR(static_cast<double>(heard[1]), 2.0 * 100, 2.0) << "100 a second of Flood";
+  EXPECT_EQ(server->counts().audioReceived, 60U + heard[2] + heard[1]);
 }
 
 TEST_F(IntercomServerTest, ConfigRepliesAndJoinsAreRateLimitedPerHost) {

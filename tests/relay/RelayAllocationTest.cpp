@@ -1,6 +1,7 @@
-// Once warm, relaying an audio datagram allocates nothing on the server's loop thread: not the
-// relay, not the receive path, not the sockets' batching. The whole server runs over real UDP
-// sockets on loopback; this executable replaces the global operator new to count.
+// Once warm, relaying an audio datagram, or dropping one beyond its talker's rate, allocates
+// nothing on the server's loop thread: not the relay, not the receive path, not the sockets'
+// batching. The whole server runs over real UDP sockets on loopback; this executable replaces
+// operator new.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -66,9 +67,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t kDatagrams = 10'000;
+constexpr std::size_t kDatagrams = 2'000;
 constexpr std::size_t kClients = 8;
+// Each client talks in turn, a burst of its audio rate and kOver more, which the relay drops;
+// kTurn apart, so that each bucket is full again at its next turn.
 constexpr std::size_t kChunk = 50;
+constexpr std::size_t kOver = 10;
+constexpr auto kTurn = 75ms;
+static_assert(kChunk == parlavox::PeerTable::kAudioBurst);
 
 TEST(RelayAllocation, WholeServerOverLoopbackAllocatesNothingPerDatagramOnceWarm) {
   platform::AsioEventLoop loop;
@@ -98,26 +104,32 @@ TEST(RelayAllocation, WholeServerOverLoopbackAllocatesNothingPerDatagramOnceWarm
   }
   ASSERT_TRUE(roster) << "the whole crew's roster";
   const std::vector<std::uint8_t> samples(640, 0x5A);
+  std::size_t turn = 0;
+  std::size_t sent = 0;
   auto relayChunk = [&] {
-    for (std::size_t i = 0; i < kChunk; ++i) {
-      clients[0]->sendAudio(0, 0x1, static_cast<std::uint16_t>(i), samples);
+    const auto next = std::chrono::steady_clock::now() + kTurn;
+    const std::size_t talker = turn++ % kClients;
+    for (std::size_t i = 0; i < kChunk + kOver; ++i) {
+      clients[talker]->sendAudio(0, 0x1, static_cast<std::uint16_t>(i), samples);
     }
+    sent += kChunk + kOver;
     std::size_t copies = 0;
-    for (std::size_t c = 1; c < kClients; ++c) {
-      for (std::size_t i = 0; i < kChunk && clients[c]->nextAudio(2s); ++i) {
+    for (std::size_t c = 0; c < kClients; ++c) {
+      for (std::size_t i = 0; c != talker && i < kChunk && clients[c]->nextAudio(2s); ++i) {
         ++copies;
       }
     }
+    std::this_thread::sleep_until(next);
     return copies;
   };
-  for (int i = 0; i < 4; ++i) {
+  for (std::size_t i = 0; i < kClients; ++i) {
     relayChunk();  // warm-up: the count is about a running show, not its first datagrams
   }
 
   allocations = 0;
   counting = true;
   std::size_t copies = 0;
-  for (std::size_t sent = 0; sent < kDatagrams; sent += kChunk) {
+  for (std::size_t relayed = 0; relayed < kDatagrams; relayed += kChunk) {
     copies += relayChunk();
   }
   counting = false;
@@ -126,6 +138,7 @@ TEST(RelayAllocation, WholeServerOverLoopbackAllocatesNothingPerDatagramOnceWarm
 
   EXPECT_EQ(allocations.load(), 0U) << "allocations while relaying " << kDatagrams << " datagrams";
   EXPECT_EQ(copies, kDatagrams * (kClients - 1)) << "every copy must have arrived";
+  EXPECT_LT(server->counts().audioReceived, sent) << "and those beyond the rate were dropped";
 }
 
 }  // namespace
