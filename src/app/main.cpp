@@ -131,10 +131,8 @@ std::string stationInfo(const Show& show) {
                                                     nlohmann::json::error_handler_t::replace);
 }
 
-// The crew station's certificate: made on the first start, then kept in `directory` (beside the
-// roles file, or the state directory under systemd). Nothing when it cannot be had.
-std::optional<platform::TlsIdentity> stationIdentity(const std::string& directory,
-                                                     platform::Console& console) {
+// The names and addresses a browser may reach the station by.
+platform::TlsNames stationNames() {
   platform::TlsNames names{.dns = {"localhost"}, .ipv4 = {"127.0.0.1"}};
   if (const std::string host = platform::hostName(); !host.empty()) {
     names.dns.push_back(host);
@@ -143,6 +141,14 @@ std::optional<platform::TlsIdentity> stationIdentity(const std::string& director
   for (const platform::LocalAddress& entry : platform::localIPv4Addresses()) {
     names.ipv4.push_back(entry.address);
   }
+  return names;
+}
+
+// The crew station's certificate: made on the first start, then kept in `directory` (beside the
+// roles file, or the state directory under systemd). Nothing when it cannot be had.
+std::optional<platform::TlsIdentity> stationIdentity(const std::string& directory,
+                                                     const platform::TlsNames& names,
+                                                     platform::Console& console) {
   auto identity = platform::loadOrCreateTlsIdentity(directory, names);
   if (!identity) {
     console.warning(platform::EventKind::service,
@@ -245,15 +251,19 @@ int run(int argc, char** argv, platform::Console& terminal) {
   Monitor monitor(show, *relay, *announcements, console, clock);
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
+  const platform::TlsNames names = stationNames();
+  std::vector<std::string> ownHosts = names.dns;
+  ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());
   web::Routes routes({.crew = browsers,
                       .monitorFeed = monitorFeed,
                       .metrics = {"text/plain; version=0.0.4; charset=utf-8",
                                   [&monitor] { return monitor.metrics(); }},
                       .stationInfo = {"application/json; charset=utf-8",
-                                      [info = stationInfo(show)] { return info; }}});
+                                      [info = stationInfo(show)] { return info; }},
+                      .ownHosts = std::move(ownHosts)});
   const std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, console);
+  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, names, console);
   const auto station =
       identity ? openStation(loop.context(), *identity, routes, clock, console) : nullptr;
   if (station) {

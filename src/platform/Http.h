@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/HostAddress.h"
 #include "platform/WebSocket.h"
@@ -24,6 +26,8 @@ struct HttpResponse {
   std::string body;  // left out of the answer to HEAD
 };
 
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
 // What answers the requests of an HTTP server. Loop thread only.
 class HttpHandler {
  public:
@@ -39,6 +43,8 @@ class HttpHandler {
   virtual HttpResponse respond(const HttpRequest& request) = 0;
   // A WebSocket upgrade: how to accept it, or nothing to drop the connection.
   virtual std::optional<Upgrade> upgrade(const HttpRequest& request) = 0;
+  // What every response carries, the server's own (redirects, refusals) included.
+  virtual const HttpHeaders& headers() const = 0;
 };
 
 }  // namespace parlavox::platform

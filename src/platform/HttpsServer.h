@@ -3,6 +3,8 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -12,10 +14,24 @@
 
 namespace parlavox::platform {
 
+// How many connections the web port holds at once: in all, and from one host.
+struct ConnectionLimits {
+  std::size_t total = 0;
+  std::size_t perHost = 0;
+  bool operator==(const ConnectionLimits&) const = default;
+};
+
+// Any thread; pure. The limits for a process that may have `descriptors` open (RLIMIT_NOFILE):
+// below it by a reserve for the rest of the server, so that a saturated web port never starves
+// the intercom, announcements or Avahi of descriptors.
+ConnectionLimits connectionLimits(std::uint64_t descriptors);
+
 // A TCP port that speaks HTTPS, and plain HTTP only to send the browser to HTTPS: it accepts,
 // tells TLS from plain by the first bytes, reads each request within limits and hands it to the
 // handler, which answers it or takes it as a WebSocket. It knows no path. Everything runs on the
-// loop.
+// loop. Connections are capped by connectionLimits() of the process's descriptor limit: past the
+// total it stops accepting until one ends; past a host's share it closes that host's at once; out
+// of descriptors anyway, it waits a moment before accepting again rather than spin.
 class HttpsServer {
  public:
   // Binds at once; throws std::system_error when the port cannot be had. `handler` and `clock`
@@ -30,12 +46,18 @@ class HttpsServer {
   void start();
 
  private:
+  struct Places;
+
   void accept();
+  void admit(boost::asio::ip::tcp::socket socket);
 
   boost::asio::ssl::context tls_;
   boost::asio::ip::tcp::acceptor acceptor_;
   HttpHandler& handler_;
   Clock& clock_;
+  boost::asio::steady_timer retry_;
+  std::shared_ptr<Places> places_;  // shared with each connection's place, which may outlive this
+  bool paused_ = false;             // at the total: accepting again when a connection ends
   std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);
 };
 

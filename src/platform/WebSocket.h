@@ -27,6 +27,11 @@ struct SendPolicy {
 struct WebSocketOptions {
   bool binary = true;              // the kind of message it sends, and the only kind it reports
   std::size_t maxMessage = 65536;  // a larger message from the other side ends the connection
+  // Nothing received for this long ends the connection (zero: never). With `keepAlivePings`, a
+  // ping goes out when half of it has passed, so that a live reader who never writes answers it
+  // with a pong and stays, and one who stopped reading does not.
+  std::chrono::milliseconds idleTimeout{0};
+  bool keepAlivePings = false;
   SendPolicy policy;
 };
 

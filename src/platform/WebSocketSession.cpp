@@ -13,8 +13,10 @@ namespace websocket = beast::websocket;
 using ErrorCode = beast::error_code;
 
 WebSocketSession::WebSocketSession(TlsStream stream, WebSocketOptions options, Clock& clock,
-                                   HostAddress remote, std::weak_ptr<const bool> serving)
-    : socket_(std::move(stream)),
+                                   HostAddress remote, std::weak_ptr<const bool> serving,
+                                   std::shared_ptr<const void> place)
+    : place_(std::move(place)),
+      socket_(std::move(stream)),
       options_(std::move(options)),
       clock_(clock),
       remote_(remote),
@@ -24,7 +26,12 @@ WebSocketSession::WebSocketSession(TlsStream stream, WebSocketOptions options, C
 
 void WebSocketSession::accept(const Request& request, OpenHandler onOpen) {
   beast::get_lowest_layer(socket_).expires_never();
-  socket_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+  auto timeout = websocket::stream_base::timeout::suggested(beast::role_type::server);
+  timeout.idle_timeout = options_.idleTimeout.count() > 0
+                             ? websocket::stream_base::duration(options_.idleTimeout)
+                             : websocket::stream_base::none();
+  timeout.keep_alive_pings = options_.keepAlivePings;
+  socket_.set_option(timeout);
   socket_.read_message_max(options_.maxMessage);
   socket_.binary(options_.binary);
   socket_.async_accept(request,

@@ -26,8 +26,9 @@ class WebSocketSession final : public WebSocket,
   using OpenHandler = std::function<void(std::shared_ptr<WebSocket> socket)>;
 
   // `serving` is the server's life: once it is gone, a handshake that completes opens nothing.
+  // `place` is held for the session's life: its connection's place among the server's.
   WebSocketSession(TlsStream stream, WebSocketOptions options, Clock& clock, HostAddress remote,
-                   std::weak_ptr<const bool> serving);
+                   std::weak_ptr<const bool> serving, std::shared_ptr<const void> place = {});
 
   // Completes the handshake that `request` asked for; `onOpen` hears of the socket once it is
   // open, and nothing does if it fails.
@@ -45,6 +46,7 @@ class WebSocketSession final : public WebSocket,
   void written(boost::beast::error_code error);
   void fail();
 
+  std::shared_ptr<const void> place_;
   boost::beast::websocket::stream<TlsStream> socket_;
   const WebSocketOptions options_;
   Clock& clock_;

@@ -9,6 +9,10 @@ Feed::~Feed() {
 }
 
 void Feed::open(std::shared_ptr<platform::WebSocket> socket) {
+  if (full()) {
+    socket->close();
+    return;
+  }
   const std::uint64_t number = next_++;
   // What a reader says is not listened to.
   socket->start({.onMessage = {}, .onClosed = [this, number] { readers_.erase(number); }});

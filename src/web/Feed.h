@@ -14,13 +14,19 @@ namespace parlavox::web {
 // after it: its sockets are opened with a newest-only policy. Loop thread only.
 class Feed {
  public:
+  // An operator's monitor or two, a metrics scraper: far fewer than this. Each reader costs a
+  // snapshot's copy twice a second.
+  static constexpr std::size_t kReaderLimit = 16;
+
   Feed() = default;
   // Closes every reader still open.
   ~Feed();
   Feed(const Feed&) = delete;
   Feed& operator=(const Feed&) = delete;
 
+  // A reader beyond kReaderLimit is closed at once.
   void open(std::shared_ptr<platform::WebSocket> socket);
+  bool full() const { return readers_.size() >= kReaderLimit; }
   // Whether anyone reads now: the text need not be made for nobody.
   bool hasReaders() const { return !readers_.empty(); }
   void publish(std::string_view text);

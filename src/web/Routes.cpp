@@ -8,6 +8,13 @@ namespace {
 
 constexpr std::chrono::milliseconds kAudioBacklog{200};
 constexpr std::chrono::milliseconds kStuckLimit{2000};
+// A crew session the relay has not heard from is unknown to it, and so to its silence rule: one
+// that says nothing this long ends. Once it talks, the relay's own 8 s rule ends it sooner.
+constexpr std::chrono::milliseconds kSilentSessionLimit{10'000};
+// A feed's reader never writes: pinged after half of this, and gone when not even a pong came.
+constexpr std::chrono::milliseconds kFeedIdleLimit{20'000};
+// A feed's readers say nothing worth reading.
+constexpr std::size_t kFeedMessageLimit = 1024;
 
 const WebFile* file(std::string_view path) {
   for (const WebFile& file : webFiles()) {
@@ -27,6 +34,8 @@ platform::WebSocketOptions crewSocket() {
   };
   options.policy.dropAfter = kAudioBacklog;
   options.policy.stuckAfter = kStuckLimit;
+  options.maxMessage = wire::kMaxDatagram;  // what no UDP crew member could receive
+  options.idleTimeout = kSilentSessionLimit;
   return options;
 }
 
@@ -36,12 +45,31 @@ platform::WebSocketOptions feedSocket() {
   options.binary = false;
   options.policy.newestOnly = true;
   options.policy.stuckAfter = kStuckLimit;
+  options.maxMessage = kFeedMessageLimit;
+  options.idleTimeout = kFeedIdleLimit;
+  options.keepAlivePings = true;
   return options;
+}
+
+// The pages load only their own files and talk only to their own server (browsers that do not
+// count a WebSocket to the page's host as 'self' need it named); no one may frame them, nothing
+// leaks where they were, and only they may ask for the microphone.
+platform::HttpHeaders securityHeaders(const std::vector<std::string>& ownHosts) {
+  std::string sockets;
+  for (const std::string& host : ownHosts) {
+    sockets += " wss://" + host + ":" + std::to_string(wire::kIntercomPort);
+  }
+  return {
+      {"Content-Security-Policy",
+       "default-src 'self'; connect-src 'self'" + sockets + "; frame-ancestors 'none'"},
+      {"Referrer-Policy", "no-referrer"},
+      {"Permissions-Policy", "microphone=(self)"},
+  };
 }
 
 }  // namespace
 
-Routes::Routes(Answers answers) {
+Routes::Routes(Answers answers) : headers_(securityHeaders(answers.ownHosts)) {
   for (const WebFile& each : webFiles()) {
     table_.emplace("/" + std::string(each.path), &each);
   }
@@ -74,7 +102,7 @@ std::optional<Routes::Upgrade> Routes::upgrade(const platform::HttpRequest& requ
   if (auto* const* crew = std::get_if<WebPeers*>(&found->second)) {
     return Upgrade{crewSocket(), [crew = *crew](auto socket) { crew->open(std::move(socket)); }};
   }
-  if (auto* const* feed = std::get_if<Feed*>(&found->second)) {
+  if (auto* const* feed = std::get_if<Feed*>(&found->second); feed && !(*feed)->full()) {
     return Upgrade{feedSocket(), [feed = *feed](auto socket) { feed->open(std::move(socket)); }};
   }
   return std::nullopt;

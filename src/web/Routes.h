@@ -5,6 +5,7 @@
 #include <string>
 #include <unordered_map>
 #include <variant>
+#include <vector>
 
 #include "platform/Http.h"
 #include "web/Feed.h"
@@ -29,17 +30,22 @@ class Routes final : public platform::HttpHandler {
     Feed& monitorFeed;
     Document metrics;
     Document stationInfo;
+    // The names and addresses the pages are served under, for the WebSocket sources the content
+    // policy allows.
+    std::vector<std::string> ownHosts;
   };
 
   explicit Routes(Answers answers);
 
   platform::HttpResponse respond(const platform::HttpRequest& request) override;
   std::optional<Upgrade> upgrade(const platform::HttpRequest& request) override;
+  const platform::HttpHeaders& headers() const override { return headers_; }
 
  private:
   using Answer = std::variant<const WebFile*, Document, WebPeers*, Feed*>;
 
   std::unordered_map<std::string, Answer> table_;
+  platform::HttpHeaders headers_;
 };
 
 }  // namespace parlavox::web

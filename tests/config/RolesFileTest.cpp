@@ -11,8 +11,9 @@
 namespace parlavox {
 namespace {
 
-Config twoChannels(std::string show = "Parlavox", std::uint16_t oscPort = 47000) {
-  return Config{std::move(show), {"A", "B"}, {{"R", {"A"}, {"A", "B"}}}, oscPort};
+Config twoChannels(std::string show = "Parlavox", std::uint16_t oscPort = 47000,
+                   std::uint32_t peersPerHost = 32) {
+  return Config{std::move(show), {"A", "B"}, {{"R", {"A"}, {"A", "B"}}}, oscPort, peersPerHost};
 }
 
 TEST(RolesFile, DecodeAcceptsWellFormedFiles) {
@@ -30,11 +31,7 @@ TEST(RolesFile, DecodeAcceptsWellFormedFiles) {
       {"lowestPort", R"({"oscPort":0,"channels":["A","B"],)" + roleAB + "}",
        twoChannels("Parlavox", 0)},
       {"peersPerHost", R"({"peersPerHost":1,"channels":["A","B"],)" + roleAB + "}",
-       [] {
-         Config one = twoChannels();
-         one.peersPerHost = 1;
-         return one;
-       }()},
+       twoChannels("Parlavox", 47000, 1)},
       {"unknownKeysIgnoredEverywhere",
        R"({"comment":"x","channels":["A","B"],"extra":{"deep":[1,[2,{"k":null}]]},)"
        R"("roles":[{"note":5,"name":"R","talk":["A"],"listen":["A","B"],"x":[]}]})",
@@ -58,6 +55,9 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
   const auto withPort = [](const std::string& port) {
     return R"({"channels":[],"roles":[],"oscPort":)" + port + "}";
   };
+  const auto withPerHost = [](const std::string& count) {
+    return R"({"channels":[],"roles":[],"peersPerHost":)" + count + "}";
+  };
   const std::string goodRole = R"({"name":"R","talk":[],"listen":[]})";
   struct Case {
     const char* label;
@@ -80,11 +80,10 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
       {"showNumber", R"({"show":5,"channels":[],"roles":[]})", "show"},
       {"portJustAboveRange", withPort("65536"), "oscPort"},
       {"portWrittenAsFloat", withPort("47000.0"), "oscPort"},
-      {"peersPerHostZero", R"({"channels":[],"roles":[],"peersPerHost":0})", "peersPerHost"},
-      {"peersPerHostNegative", R"({"channels":[],"roles":[],"peersPerHost":-3})", "peersPerHost"},
-      {"peersPerHostText", R"({"channels":[],"roles":[],"peersPerHost":"32"})", "peersPerHost"},
-      {"peersPerHostHuge", R"({"channels":[],"roles":[],"peersPerHost":4294967296})",
-       "peersPerHost"},
+      {"peersPerHostZero", withPerHost("0"), "peersPerHost"},
+      {"peersPerHostNegative", withPerHost("-3"), "peersPerHost"},
+      {"peersPerHostText", withPerHost("\"32\""), "peersPerHost"},
+      {"peersPerHostHuge", withPerHost("4294967296"), "peersPerHost"},
       {"deepArrays", std::string(100000, '['), "nested deeper"},
   };
   for (const auto& c : cases) {

@@ -2,8 +2,16 @@
 // binary, beside UDP crew, on loopback.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <boost/beast/core.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <sstream>
+#include <thread>
 
 #include "client/StationClient.h"
 #include "e2e/ServerFixture.h"
@@ -13,7 +21,6 @@ namespace parlavox::test {
 namespace {
 
 using devkit::ChildProcess;
-using devkit::ChildRun;
 using devkit::runProgram;
 using devkit::runToEnd;
 using devkit::TempDir;
@@ -129,19 +136,8 @@ std::string readAll(const std::filesystem::path& path) {
   return text.str();
 }
 
-// The page over HTTPS, plain HTTP sent there, and one certificate for the life of the install.
-TEST_F(Station, ServesThePageOverHttpsAndKeepsItsCertificate) {
-  const auto fetch = [&](const std::string& url) {
-    const ChildRun run = runToEnd(
-        "curl",
-        {"-sk", "-o", "/dev/null", "-w", "%{http_code} %{content_type} %{redirect_url}\n", url},
-        dir.path());
-    return run.lines.empty() ? std::string() : run.lines.front();
-  };
-  EXPECT_EQ(fetch("https://127.0.0.1:50505/"), "200 text/html; charset=utf-8 ");
-  EXPECT_EQ(fetch("http://127.0.0.1:50505/station.js?v=1"),
-            "301  https://127.0.0.1:50505/station.js?v=1");
-
+// One certificate for the life of the install.
+TEST_F(Station, KeepsItsCertificate) {
   const auto fingerprint = server->waitForLine("   Certificate SHA-256: ");
   ASSERT_TRUE(fingerprint);
   const std::string certificate = readAll(dir / "parlavox-cert.pem");
@@ -150,6 +146,122 @@ TEST_F(Station, ServesThePageOverHttpsAndKeepsItsCertificate) {
   server = std::make_unique<ChildProcess>(parlavoxBinary(), std::vector<std::string>{}, dir.path());
   EXPECT_EQ(server->waitForLine("   Certificate SHA-256: "), fingerprint);
   EXPECT_EQ(readAll(dir / "parlavox-cert.pem"), certificate);
+}
+
+// The page over HTTPS, and plain HTTP sent to the address it came to, whatever Host it names.
+// Every answer, refusals and redirects included, carries the pages' policies; a refusal says why.
+TEST_F(Station, ServesThePageOverHttpsWithItsPoliciesAndRefusalsSayWhy) {
+  struct Case {
+    std::vector<std::string> curl;
+    std::string status;
+    std::string location;  // or for the page, its type
+  };
+  const Case cases[] = {
+      {{"https://127.0.0.1:50505/"}, "200", "text/html; charset=utf-8"},
+      {{"https://127.0.0.1:50505/nope"}, "404", ""},
+      {{"-X", "POST", "https://127.0.0.1:50505/"}, "405", ""},
+      {{"https://127.0.0.1:50505/" + std::string(3000, 'a')}, "414", ""},
+      {{"-H", "X-Big: " + std::string(9000, 'a'), "https://127.0.0.1:50505/"}, "431", ""},
+      {{"-H", "Host: evil.example", "http://127.0.0.1:50505/a.js?v=1"},
+       "301",
+       "https://127.0.0.1:50505/a.js?v=1"},
+      {{"http://[::1]:50505/x"}, "301", "https://[::1]:50505/x"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args{"-sk", "-o", "/dev/null", "-D", "-"};
+    args.insert(args.end(), c.curl.begin(), c.curl.end());
+    std::map<std::string, std::string> headers;  // and the status line's code, under ""
+    for (std::string line : runToEnd("curl", args, dir.path()).lines) {
+      line = line.substr(0, line.find('\r'));
+      if (const auto colon = line.find(": "); colon != std::string::npos) {
+        headers[line.substr(0, colon)] = line.substr(colon + 2);
+      } else if (line.starts_with("HTTP/")) {
+        headers[""] = line.substr(9, 3);
+      }
+    }
+    const std::string what = c.curl.front().substr(0, 40);
+    EXPECT_EQ(headers[""], c.status) << what;
+    EXPECT_EQ(headers[c.status == "200" ? "Content-Type" : "Location"], c.location) << what;
+    const std::string& policy = headers["Content-Security-Policy"];
+    EXPECT_TRUE(policy.starts_with("default-src 'self'; connect-src 'self' wss://localhost:50505 "))
+        << what << ": " << policy;
+    EXPECT_TRUE(policy.ends_with(" wss://127.0.0.1:50505; frame-ancestors 'none'")) << policy;
+    EXPECT_EQ(headers["Referrer-Policy"], "no-referrer") << what;
+    EXPECT_EQ(headers["Permissions-Policy"], "microphone=(self)") << what;
+  }
+}
+
+// How long the server keeps a WebSocket at `path` open that never sends a message. A reader
+// answers pings, as a browser does; one that does not stands for a client that stopped reading.
+// Nothing if it is still open after `limit`.
+std::optional<double> secondsKept(const std::string& path, bool answersPings,
+                                  std::chrono::seconds limit) {
+  namespace asio = boost::asio;
+  namespace beast = boost::beast;
+  asio::io_context io;
+  asio::ssl::context tls(asio::ssl::context::tls_client);
+  beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> socket(io, tls);
+  beast::get_lowest_layer(socket).connect({asio::ip::make_address("127.0.0.1"), 50505});
+  socket.next_layer().handshake(asio::ssl::stream_base::client);
+  socket.handshake("127.0.0.1:50505", path);
+  const auto opened = std::chrono::steady_clock::now();
+  std::optional<double> kept;
+  beast::flat_buffer in;
+  std::array<char, 4096> raw{};
+  std::function<void()> read = [&] {
+    const auto done = [&](beast::error_code error, std::size_t /*size*/) {
+      if (error) {
+        kept = std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
+        return;
+      }
+      in.clear();
+      read();
+    };
+    answersPings
+        ? socket.async_read(in, done)
+        : beast::get_lowest_layer(socket).socket().async_read_some(asio::buffer(raw), done);
+  };
+  read();
+  io.run_for(limit);
+  return kept;
+}
+
+// A crew session that never speaks is unknown to the relay: it ends after 10 s. The monitor's
+// feed, which never speaks, stays while its reader answers the server's pings, and goes when not.
+TEST_F(Station, SilentSocketsEndUnlessTheyAnswerPings) {
+  std::optional<double> silentCrew;
+  std::optional<double> deafReader;
+  std::thread crew([&] { silentCrew = secondsKept("/intercom", true, 25s); });
+  std::thread deaf([&] { deafReader = secondsKept("/monitor/events", false, 25s); });
+  const std::optional<double> reader = secondsKept("/monitor/events", true, 25s);
+  crew.join();
+  deaf.join();
+  ASSERT_TRUE(silentCrew);
+  EXPECT_GE(*silentCrew, 9.0);
+  ASSERT_TRUE(deafReader);
+  EXPECT_GE(*deafReader, 15.0) << "pinged after 10 s, ended after 20 s";
+  EXPECT_FALSE(reader) << "ended after " << reader.value_or(0) << " s";
+}
+
+// A message no UDP crew member could receive ends the browser's session; the largest one is
+// relayed.
+TEST_F(Station, AudioLargerThanADatagramEndsTheSession) {
+  StationClient station("127.0.0.1");
+  sendControl(station, wire::Incoming::join("Big", "Sound"));
+  ASSERT_TRUE(next(station, "welcome"));
+  auto listener = member("Ears", "Sound");
+  for (const std::size_t size : {wire::kMaxDatagram, wire::kMaxDatagram + 1}) {
+    const std::vector<std::uint8_t> samples(size - wire::AudioHeader::kSize, 0x33);
+    station.send(wire::encodeAudio({.senderID = 0, .mask = 0x1, .seq = 1}, samples));
+  }
+  const auto heard = listener->nextAudio(5s);
+  ASSERT_TRUE(heard);
+  EXPECT_EQ(heard->samples.size(), wire::kMaxDatagram - wire::AudioHeader::kSize);
+  while (station.receive(3s)) {
+    // the rosters, then the server's close, answered as a browser does
+  }
+  EXPECT_TRUE(server->waitForLine("👋 Big (Sound) left"));
+  EXPECT_FALSE(listener->nextAudio(1s)) << "nothing more";
 }
 
 // Someone else holds the TCP port: the intercom runs on without the station, and says so once.

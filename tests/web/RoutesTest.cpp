@@ -8,6 +8,7 @@
 
 #include "fakes/FakeWebSocket.h"
 #include "web/Routes.h"
+#include "wire/Protocol.h"
 
 namespace parlavox::web {
 namespace {
@@ -51,7 +52,8 @@ class RoutesTest : public testing::Test {
                  .monitorFeed = feed,
                  .metrics = {"text/plain; version=0.0.4",
                              [this] { return "made " + std::to_string(++metricsMade); }},
-                 .stationInfo = {"application/json", [] { return R"({"show":"Hamlet"})"; }}}};
+                 .stationInfo = {"application/json", [] { return R"({"show":"Hamlet"})"; }},
+                 .ownHosts = {"stage.local", "10.0.0.2"}}};
 };
 
 std::string page(std::string_view path) {
@@ -111,11 +113,29 @@ TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {
   EXPECT_TRUE(droppable(asBytes("\x02...")));  // audio: worth less once stale
   EXPECT_FALSE(droppable(asBytes("\x01{}")));  // control: always sent
   EXPECT_FALSE(crewSocket->options.policy.newestOnly);
+  EXPECT_EQ(crewSocket->options.maxMessage, wire::kMaxDatagram);
+  // Silent before the relay knows it, it ends; pings would keep it unknown.
+  EXPECT_EQ(crewSocket->options.idleTimeout, std::chrono::seconds(10));
+  EXPECT_FALSE(crewSocket->options.keepAlivePings);
 
   const auto feedSocket = routes.upgrade({"GET", "/monitor/events", {}});
   ASSERT_TRUE(feedSocket);
   EXPECT_FALSE(feedSocket->options.binary);
   EXPECT_TRUE(feedSocket->options.policy.newestOnly);
+  EXPECT_TRUE(feedSocket->options.keepAlivePings);
+  EXPECT_GT(feedSocket->options.idleTimeout, std::chrono::seconds(0));
+
+  // The feed's readers are capped: past the cap, no upgrade, and a socket opened anyway closes.
+  std::vector<std::shared_ptr<FakeWebSocket>> readers;
+  while (auto reader = open("/monitor/events")) {
+    readers.push_back(std::move(reader));
+  }
+  EXPECT_EQ(readers.size(), Feed::kReaderLimit);
+  const auto late = std::make_shared<FakeWebSocket>();
+  feed.open(late);
+  EXPECT_TRUE(late->closed);
+  readers.front()->hangUp();
+  EXPECT_TRUE(open("/monitor/events")) << "a place freed";
 }
 
 TEST_F(RoutesTest, EachCrewSessionIsAPeerOfItsOwn) {
