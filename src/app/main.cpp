@@ -168,6 +168,14 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
   try {
     auto station = std::make_unique<platform::HttpsServer>(context, wire::kIntercomPort, identity,
                                                            routes, clock);
+    if (const std::size_t total = station->limits().total;
+        total < platform::HttpsServer::kConnectionLimit) {
+      console.warning(
+          platform::EventKind::service,
+          fmt::format("⚠️  Crew station: file descriptors for only {} connections (of "
+                      "{}): raise the limit (ulimit -n; LimitNOFILE for the service)",
+                      total, platform::HttpsServer::kConnectionLimit));
+    }
     station->start();
     return station;
   } catch (const std::exception& error) {

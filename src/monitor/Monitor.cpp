@@ -100,6 +100,12 @@ std::string Monitor::metrics() const {
   metric(out, "parlavox_audio_copies_sent_total", "counter",
          "Copies of audio datagrams relayed to listeners.");
   out += fmt::format("parlavox_audio_copies_sent_total {}\n", counts.copiesSent);
+  metric(out, "parlavox_audio_datagrams_dropped_total", "counter",
+         "Audio datagrams dropped beyond their talker's rate.");
+  out += fmt::format("parlavox_audio_datagrams_dropped_total {}\n", counts.audioDropped);
+  metric(out, "parlavox_joins_refused_total", "counter",
+         "Joins refused: the intercom full, or the joiner's address at its cap.");
+  out += fmt::format("parlavox_joins_refused_total {}\n", counts.joinsRefused);
   metric(out, "parlavox_announcements_total", "counter", "Announcements asked for over OSC.");
   out += fmt::format("parlavox_announcements_total {}\n", announcements_.asked());
   metric(out, "parlavox_calls_total", "counter", "Calls made, by the crew and by show control.");

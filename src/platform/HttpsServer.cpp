@@ -44,9 +44,7 @@ constexpr std::uint64_t kBodyLimit = std::uint64_t{1024} * 1024;
 // intercom's and OSC's sockets, Avahi's D-Bus, netlink, the loop's own, an announcement's speech
 // command (three pipes, its own files, the speech file) and /proc reads: some twenty, with room.
 constexpr std::uint64_t kReservedDescriptors = 64;
-// Far more than a show opens (at most 500 crew, a WebSocket each, the monitor, page loads); each
-// costs TLS and buffer memory.
-constexpr std::size_t kConnectionLimit = 1024;
+constexpr std::size_t kConnectionLimit = HttpsServer::kConnectionLimit;
 // A NAT router's phones (32 joined from one address by default), each with its WebSocket and a
 // page load under way.
 constexpr std::size_t kConnectionsPerHost = 64;
@@ -198,7 +196,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     response->set("X-Content-Type-Options", "nosniff");
     response->keep_alive(keepAlive);
     response->prepare_payload();
-    auto done = [self = shared_from_this(), response](ErrorCode error, std::size_t) {
+    Response& message = *response;  // kept alive by the handler, which holds `response`
+    auto done = [self = shared_from_this(), response = std::move(response)](ErrorCode error,
+                                                                            std::size_t) {
       if (error || !self->serving_.lock()) {
         return;
       }
@@ -209,8 +209,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
       self->lowest().socket().shutdown(tcp::socket::shutdown_send, error);
       self->drain();
     };
-    secure_ ? http::async_write(*secure_, *response, std::move(done))
-            : http::async_write(plain_, *response, std::move(done));
+    secure_ ? http::async_write(*secure_, message, std::move(done))
+            : http::async_write(plain_, message, std::move(done));
   }
 
   beast::tcp_stream& lowest() { return secure_ ? beast::get_lowest_layer(*secure_) : plain_; }
@@ -310,10 +310,20 @@ ConnectionLimits connectionLimits(std::uint64_t descriptors) {
 
 namespace {
 
+// The soft limit raised as far as the connections and the reserve need, within the hard one: a
+// terminal's usual 1,024 would cut the web port short.
 ConnectionLimits processLimits() {
   rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
     return connectionLimits(kConnectionLimit + kReservedDescriptors);
+  }
+  const rlim_t wanted = std::min<rlim_t>(limit.rlim_max, kConnectionLimit + kReservedDescriptors);
+  if (limit.rlim_cur < wanted) {
+    rlimit raised = limit;
+    raised.rlim_cur = wanted;
+    if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+      limit = raised;
+    }
   }
   return connectionLimits(limit.rlim_cur);
 }
@@ -357,8 +367,9 @@ HttpsServer::HttpsServer(asio::io_context& context, std::uint16_t port, const Tl
       handler_(handler),
       clock_(clock),
       retry_(context),
+      limits_(processLimits()),
       places_(std::make_shared<Places>()) {
-  places_->limits = processLimits();
+  places_->limits = limits_;
   places_->freed = [this] {
     if (paused_) {
       paused_ = false;

@@ -34,6 +34,10 @@ ConnectionLimits connectionLimits(std::uint64_t descriptors);
 // of descriptors anyway, it waits a moment before accepting again rather than spin.
 class HttpsServer {
  public:
+  // Far more than a show opens (at most 500 crew, a WebSocket each, the monitor, page loads); each
+  // costs TLS and buffer memory.
+  static constexpr std::size_t kConnectionLimit = 1024;
+
   // Binds at once; throws std::system_error when the port cannot be had. `handler` and `clock`
   // outlive the server.
   HttpsServer(boost::asio::io_context& context, std::uint16_t port, const TlsIdentity& identity,
@@ -44,6 +48,8 @@ class HttpsServer {
 
   // Loop thread (or the main thread before the loop runs). Starts accepting.
   void start();
+  // Any thread. What the descriptor limit allowed, fixed at construction.
+  ConnectionLimits limits() const { return limits_; }
 
  private:
   struct Places;
@@ -56,6 +62,7 @@ class HttpsServer {
   HttpHandler& handler_;
   Clock& clock_;
   boost::asio::steady_timer retry_;
+  const ConnectionLimits limits_;
   std::shared_ptr<Places> places_;  // shared with each connection's place, which may outlive this
   bool paused_ = false;             // at the total: accepting again when a connection ends
   std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);

@@ -107,7 +107,8 @@ void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) 
   switch (datagram[0]) {
     case wire::kAudioKind:
       if (!peer.audioWithinRate) {
-        break;  // dropped without a word: a flood is not worth an answer
+        ++counts_.audioDropped;  // without a word: a flood is not worth an answer
+        break;
       }
       counts_.audioReceived += peer.joined ? 1U : 0U;
       counts_.copiesSent += relayAudio(datagram, peer, peers_.joined());
@@ -215,6 +216,7 @@ void IntercomServer::join(const wire::Incoming& message, const Peer& peer) {
   const auto joined = peers_.join(peer.address, message.name.value_or("Crew"), *role,
                                   message.features, platform_.clock.now());
   if (joined != PeerTable::JoinResult::joined) {
+    ++counts_.joinsRefused;
     if (joined == PeerTable::JoinResult::hostFull && hostsAtCap_.insert(peer.address.host).second) {
       platform_.console.warning(
           platform::EventKind::crew,

@@ -35,6 +35,8 @@ struct RelayCounts {
   std::uint64_t audioReceived = 0;  // audio datagrams from joined talkers
   std::uint64_t copiesSent = 0;     // copies of them relayed to listeners
   std::uint64_t calls = 0;          // calls made, by the crew and by show control
+  std::uint64_t audioDropped = 0;   // audio datagrams beyond their talker's rate
+  std::uint64_t joinsRefused = 0;   // for a full intercom, or a host at its cap
 };
 
 struct CrewCount {

@@ -210,6 +210,8 @@ TEST_F(Hardening, AConnectionFloodLeavesTheIntercomAndAnnouncementsWorking) {
   server = std::make_unique<devkit::ChildProcess>(
       "/usr/bin/prlimit", std::vector<std::string>{"--nofile=256", parlavoxBinary()}, dir.path());
   ASSERT_TRUE(server->waitForLine("   Crew station: https://"));
+  EXPECT_EQ(server->count("⚠️  Crew station: file descriptors for only 192 connections (of 1024)"),
+            1U);
   auto talker = member("Talker", "Stage Manager");
   auto listener = member("Listener", "Sound");
   std::vector<int> flood;

@@ -333,6 +333,7 @@ TEST_F(IntercomServerTest, JoinsFromOneHostStopAtPeersPerHost) {
   console.take();
   EXPECT_EQ(reply(4, "Sound"), full);
   EXPECT_EQ(console.take(), Lines{atCap}) << "at the cap again: told again";
+  EXPECT_EQ(server->counts().joinsRefused, 3U);
 }
 
 // A talker may send kAudioBurst datagrams at once and kAudioPerSecond after: the rest is dropped
@@ -349,6 +350,7 @@ TEST_F(IntercomServerTest, AudioBeyondATalkersRateIsDropped) {
     EXPECT_EQ(port->sent[2].size(), heard) << after.count();
   }
   EXPECT_EQ(server->counts().audioReceived, 110U);
+  EXPECT_EQ(server->counts().audioDropped, 600U - 110U);
   EXPECT_TRUE(port->sent[1].empty()) << "no answer";
 }
 
