@@ -2,18 +2,12 @@
 // binary, beside UDP crew, on loopback.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <boost/beast/core.hpp>
-#include <boost/beast/ssl.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
-#include <thread>
 
 #include "client/StationClient.h"
+#include "devkit/StationSession.h"
 #include "e2e/ServerFixture.h"
 #include "wire/Audio.h"
 
@@ -38,34 +32,33 @@ class Station : public ServerFixture {
     station.send(asBytes(datagram));
   }
 
-  // The next control message of type `t`, skipping others (and audio).
-  static std::optional<wire::ServerMessage> next(StationClient& station, const std::string& t) {
-    for (int i = 0; i < 50; ++i) {
-      const auto message = station.receive(3s);
+  // The first of the next messages that `parse` makes something of, skipping the others.
+  template <typename Parse>
+  static auto first(StationClient& station, Parse parse) {
+    decltype(parse(std::vector<std::uint8_t>())) found;
+    for (int i = 0; i < 50 && !found; ++i) {
+      const auto message = station.receive(5s);
       if (!message) {
-        return std::nullopt;
+        break;
       }
-      if (!message->empty() && message->front() == wire::kControlKind) {
-        auto decoded = wire::decodeServerMessage(Bytes(*message).subspan(1));
-        if (decoded && wire::nameOf(wire::typeOf(*decoded)) == t) {
-          return decoded;
-        }
-      }
+      found = parse(*message);
     }
-    return std::nullopt;
+    return found;
+  }
+
+  // The next control message of type `t`.
+  static std::optional<wire::ServerMessage> next(StationClient& station, const std::string& t) {
+    return first(station, [&](const std::vector<std::uint8_t>& message) {
+      auto decoded = message.empty() || message.front() != wire::kControlKind
+                         ? std::nullopt
+                         : wire::decodeServerMessage(Bytes(message).subspan(1));
+      return decoded && wire::nameOf(wire::typeOf(*decoded)) == t ? decoded : std::nullopt;
+    });
   }
 
   static std::optional<Audio> nextAudio(StationClient& station) {
-    for (int i = 0; i < 50; ++i) {
-      const auto message = station.receive(5s);
-      if (!message) {
-        return std::nullopt;
-      }
-      if (auto audio = Audio::parse(*message)) {
-        return audio;
-      }
-    }
-    return std::nullopt;
+    return first(station,
+                 [](const std::vector<std::uint8_t>& message) { return Audio::parse(message); });
   }
 };
 
@@ -191,56 +184,35 @@ TEST_F(Station, ServesThePageOverHttpsWithItsPoliciesAndRefusalsSayWhy) {
   }
 }
 
-// How long the server keeps a WebSocket at `path` open that never sends a message. A reader
-// answers pings, as a browser does; one that does not stands for a client that stopped reading.
-// Nothing if it is still open after `limit`.
-std::optional<double> secondsKept(const std::string& path, bool answersPings,
-                                  std::chrono::seconds limit) {
-  namespace asio = boost::asio;
-  namespace beast = boost::beast;
-  asio::io_context io;
-  asio::ssl::context tls(asio::ssl::context::tls_client);
-  beast::websocket::stream<beast::ssl_stream<beast::tcp_stream>> socket(io, tls);
-  beast::get_lowest_layer(socket).connect({asio::ip::make_address("127.0.0.1"), 50505});
-  socket.next_layer().handshake(asio::ssl::stream_base::client);
-  socket.handshake("127.0.0.1:50505", path);
-  const auto opened = std::chrono::steady_clock::now();
-  std::optional<double> kept;
-  beast::flat_buffer in;
-  std::array<char, 4096> raw{};
-  std::function<void()> read = [&] {
-    const auto done = [&](beast::error_code error, std::size_t /*size*/) {
-      if (error) {
-        kept = std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
-        return;
-      }
-      in.clear();
-      read();
-    };
-    answersPings
-        ? socket.async_read(in, done)
-        : beast::get_lowest_layer(socket).socket().async_read_some(asio::buffer(raw), done);
-  };
-  read();
-  io.run_for(limit);
-  return kept;
-}
-
 // A crew session that never speaks is unknown to the relay: it ends after 10 s. The monitor's
 // feed, which never speaks, stays while its reader answers the server's pings, and goes when not.
 TEST_F(Station, SilentSocketsEndUnlessTheyAnswerPings) {
-  std::optional<double> silentCrew;
-  std::optional<double> deafReader;
-  std::thread crew([&] { silentCrew = secondsKept("/intercom", true, 25s); });
-  std::thread deaf([&] { deafReader = secondsKept("/monitor/events", false, 25s); });
-  const std::optional<double> reader = secondsKept("/monitor/events", true, 25s);
-  crew.join();
-  deaf.join();
-  ASSERT_TRUE(silentCrew);
-  EXPECT_GE(*silentCrew, 9.0);
-  ASSERT_TRUE(deafReader);
-  EXPECT_GE(*deafReader, 15.0) << "pinged after 10 s, ended after 20 s";
-  EXPECT_FALSE(reader) << "ended after " << reader.value_or(0) << " s";
+  boost::asio::io_context io;
+  boost::asio::ssl::context tls(boost::asio::ssl::context::tls_client);
+  const auto opened = std::chrono::steady_clock::now();
+  std::map<std::string, double> ended;  // seconds after opening
+  const auto open = [&](const std::string& path) {
+    return std::make_unique<devkit::StationSession>(io, tls, "127.0.0.1", 50505, "", path);
+  };
+  const auto read = [&](devkit::StationSession& socket, const std::string& name) {
+    socket.start(
+        [](auto) {},
+        [&, name] {
+          ended[name] =
+              std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
+        });
+  };
+  const auto crew = open("/intercom");
+  const auto reader = open("/monitor/events");
+  const auto deaf = open("/monitor/events");  // read only from 25 s on: no pong before
+  read(*crew, "crew");
+  read(*reader, "reader");
+  io.run_for(25s);
+  read(*deaf, "deaf");
+  io.run_for(1s);
+  EXPECT_GE(ended.at("crew"), 9.0);
+  EXPECT_EQ(ended.count("deaf"), 1U) << "ended for want of a pong";
+  EXPECT_EQ(ended.count("reader"), 0U);
 }
 
 // A message no UDP crew member could receive ends the browser's session; the largest one is

@@ -9,8 +9,6 @@
 #include <string>
 #include <utility>
 
-#include "web/Paths.h"
-
 namespace parlavox::devkit {
 
 namespace asio = boost::asio;
@@ -19,7 +17,7 @@ using tcp = asio::ip::tcp;
 
 StationSession::StationSession(asio::io_context& io, asio::ssl::context& tls,
                                const std::string& host, std::uint16_t port,
-                               const std::string& localAddress)
+                               const std::string& localAddress, const std::string& path)
     : socket_(io, tls) {
   socket_.next_layer().set_verify_mode(asio::ssl::verify_none);
   tcp::resolver resolver(io);
@@ -36,7 +34,7 @@ StationSession::StationSession(asio::io_context& io, asio::ssl::context& tls,
   }
   connection.set_option(tcp::no_delay(true));
   socket_.next_layer().handshake(asio::ssl::stream_base::client);
-  socket_.handshake(host + ":" + std::to_string(port), std::string(web::kIntercomSocket));
+  socket_.handshake(host + ":" + std::to_string(port), path);
   socket_.binary(true);
 }
 

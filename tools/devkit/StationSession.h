@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "web/Paths.h"
+
 namespace parlavox::devkit {
 
 // A crew station's session as a browser holds one: a WebSocket over TLS at the server's
@@ -26,10 +28,11 @@ class StationSession {
   using WriteHook = std::function<void(std::vector<std::uint8_t>&)>;
 
   // Any thread, while `io` runs nothing of this session yet. Connects to `host`:`port` from
-  // `localAddress` (any, when empty) and opens the WebSocket, blocking until it is open. `tls`
-  // must outlive the session. Throws boost::system::system_error.
+  // `localAddress` (any, when empty) and opens the WebSocket at `path`, blocking until it is open.
+  // `tls` must outlive the session. Throws boost::system::system_error.
   StationSession(boost::asio::io_context& io, boost::asio::ssl::context& tls,
-                 const std::string& host, std::uint16_t port, const std::string& localAddress = {});
+                 const std::string& host, std::uint16_t port, const std::string& localAddress = {},
+                 const std::string& path = std::string(web::kIntercomSocket));
   StationSession(const StationSession&) = delete;
   StationSession& operator=(const StationSession&) = delete;
 

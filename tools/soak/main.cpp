@@ -2,8 +2,10 @@
 // show. Each client speaks from a loopback address of its own, loses, reorders, delays and
 // duplicates its own datagrams, keeps alive and talks in turns; the server's resident memory is
 // sampled throughout. Passes (exit 0) when the server is still running at the end, every client
-// is still joined, and resident memory after the first minute drifted by less than 5%.
-//   tests/e2e/netns-run parlavox-soak PARLAVOX [--minutes N] [--clients N]
+// is still joined, and resident memory after the first minute drifted by less than 5%. With
+// --flood N, N idle connections from 16 addresses hold the web port throughout (those it closes
+// opened again) and an announcement goes out every 10 s: it passes only if every one was spoken.
+//   tests/e2e/netns-run parlavox-soak PARLAVOX [--minutes N] [--clients N] [--flood N]
 // Run it in a network namespace of its own (netns-run) so the fixed ports are free.
 #include <fmt/format.h>
 #include <unistd.h>
@@ -21,6 +23,7 @@
 #include "client/CrewSession.h"
 #include "client/IntercomClient.h"
 #include "devkit/ChildProcess.h"
+#include "devkit/Flood.h"
 #include "devkit/TempDir.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
@@ -84,16 +87,19 @@ int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
-    std::puts("usage: parlavox-soak PARLAVOX [--minutes N] [--clients N]");
+    std::puts("usage: parlavox-soak PARLAVOX [--minutes N] [--clients N] [--flood N]");
     return 2;
   }
   double minutes = 10;
   std::size_t crew = 16;
+  std::size_t floodSize = 0;
   for (std::size_t i = 1; i + 1 < args.size(); i += 2) {
     if (args[i] == "--minutes") {
       minutes = std::stod(args[i + 1]);
     } else if (args[i] == "--clients") {
       crew = std::stoul(args[i + 1]);
+    } else if (args[i] == "--flood") {
+      floodSize = std::stoul(args[i + 1]);
     }
   }
 
@@ -105,6 +111,12 @@ int main(int argc, char** argv) {
     return 1;
   }
 
+  std::optional<devkit::IdleConnections> flood;
+  if (floodSize > 0) {
+    flood.emplace(floodSize, 16, wire::kIntercomPort, 40);
+  }
+  std::size_t announced = 0;
+  std::size_t reopened = 0;
   std::atomic<bool> stop = false;
   std::vector<Member> members(crew);
   std::vector<std::thread> threads;
@@ -123,7 +135,14 @@ int main(int argc, char** argv) {
   long last = 0;
   bool serverAlive = true;
   while (std::chrono::steady_clock::now() < end && serverAlive) {
-    std::this_thread::sleep_for(10s);
+    if (flood) {
+      reopened += flood->topUp();
+      announced += devkit::runProgram(
+                       {"oscsend", "127.0.0.1", "47000", "/parlavox/say", "s", "Standby"}) == 0
+                       ? 1U
+                       : 0U;
+    }
+    const double cpu = devkit::cpuShare(server.pid(), 10s);
     serverAlive = !server.waitForExit(std::chrono::milliseconds(0));
     last = server.residentKiB();
     const auto elapsed = std::chrono::steady_clock::now() - start;
@@ -137,8 +156,8 @@ int main(int argc, char** argv) {
     for (const Member& m : members) {
       joined += m.joined ? 1U : 0U;
     }
-    std::printf("%5.0f s  resident %ld KiB  %zu/%zu joined\n",
-                std::chrono::duration<double>(elapsed).count(), last, joined, crew);
+    std::printf("%5.0f s  resident %ld KiB  CPU %.0f%%  %zu/%zu joined\n",
+                std::chrono::duration<double>(elapsed).count(), last, cpu * 100, joined, crew);
   }
   std::size_t joined = 0;
   std::uint64_t sent = 0;
@@ -153,6 +172,7 @@ int main(int argc, char** argv) {
     t.join();
   }
   const std::size_t timedOut = server.count("timed out");
+  const std::size_t spoken = server.count("📣 Announcement finished");
   server.stop();
 
   const double drift =
@@ -167,7 +187,13 @@ int main(int argc, char** argv) {
       "server %s; %zu/%zu joined at the end; resident %ld KiB after warming up, "
       "%ld–%ld KiB since (drift %.2f%%); %zu time-outs on its console\n",
       serverAlive ? "running" : "GONE", joined, crew, baseline, lowest, highest, drift, timedOut);
-  const bool passed = serverAlive && joined == crew && drift < 5.0;
+  if (flood) {
+    std::printf(
+        "%zu idle connections held (%zu opened again after the server closed them); "
+        "%zu of %zu announcements spoken\n",
+        floodSize, reopened, spoken, announced);
+  }
+  const bool passed = serverAlive && joined == crew && drift < 5.0 && spoken == announced;
   std::puts(passed ? "✅ soak passed" : "❌ soak failed");
   return passed ? 0 : 1;
 }
