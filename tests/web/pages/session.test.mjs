@@ -5,13 +5,14 @@ import { test } from "node:test";
 import { FakeTime } from "./fake-time.mjs";
 import { load } from "../../../tools/devkit/browser/pages.mjs";
 
-const { ANNOUNCER_ID, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
+const { ANNOUNCER_ID, Feature, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
 const { decode, encodeAudio, encodeControl } = await load("station/protocol.js");
 const { LIT_MS, Session } = await load("station/session.js");
 
 const T = MessageType;
 const frame = new Float32Array([0.5, -0.25]);
 const fromServer = (message) => encodeControl(message);
+const joinAnn = { t: T.join, name: "Ann", role: "Sound", features: [Feature.call, Feature.text] };
 const welcome = { t: T.welcome, id: 7, role: "Sound", talkMask: 0b101, listenMask: 0b110 };
 
 // A session whose control messages and audio land in `out`, decoded; shed(): audio is refused.
@@ -55,7 +56,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
   assert.deepEqual(take(), [], "nobody asked to join yet");
   session.join("Ann", "Sound");
-  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [joinAnn]);
   session.receive(fromServer(welcome));
   const { joined, screen, id, role, talkMask, listenMask } = session;
   assert.deepEqual([joined, screen, id, role, talkMask, listenMask],
@@ -63,7 +64,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
 
   assert.equal(session.receive(fromServer({ t: T.rejoin })).type, T.rejoin);
   assert.equal(session.joined, false);
-  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [joinAnn]);
 
   session.receive(fromServer(welcome));
   session.closed();
@@ -74,7 +75,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   assert.deepEqual(take(), [], "no join while the link is down");
   session.opened();
   session.receive(fromServer({ t: T.config, channels: ["Main"], roles: [] }));
-  assert.deepEqual(take(), [{ t: T.hi }, { t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [{ t: T.hi }, joinAnn]);
 });
 
 test("leaving, closing the page and refusals", (t) => {
