@@ -289,6 +289,11 @@ void IntercomServer::callFromShowControl(std::uint32_t mask) {
 // Those who understand call messages get one at once; the rest hear the chime, which needs the
 // announcer's voice free and so comes through the callback.
 void IntercomServer::call(std::uint16_t caller, std::uint32_t mask, std::string_view who) {
+  // Everyone called can name the caller, even one who joined a moment ago: a roster held back goes
+  // first (the held one still follows, the same list again).
+  if (rosterScheduled_) {
+    broadcastRoster();
+  }
   bool chime = false;
   for (const JoinedPeer& member : peers_.joined()) {
     const std::uint32_t share = member.listenMask & mask;

@@ -5,6 +5,7 @@
 
 #include "announce/AnnouncementCommand.h"
 #include "announce/Announcements.h"
+#include "announce/Chime.h"
 #include "fakes/FakeConsole.h"
 #include "fakes/FakeNetwork.h"
 #include "fakes/SimulatedLoop.h"
@@ -56,6 +57,28 @@ TEST(ResolveAnnouncement, MapsAddressesOntoTheChannels) {
     EXPECT_EQ(target.mask, c.mask) << c.address;
     EXPECT_EQ(target.channel, c.channel) << c.address;
   }
+}
+
+// The chime's notes by their zero crossings: E5 falling to C5, silent at both ends, clear of
+// clipping.
+TEST(Chime, FallsFromE5ToC5InHalfASecondOfWholeFrames) {
+  const std::vector<std::int16_t> chime = renderChime();
+  ASSERT_EQ(chime.size(), 25 * wire::kFrameSamples);
+  const auto frequency = [&](double from, double to) {
+    const auto first = static_cast<std::size_t>(from * wire::kSampleRate);
+    const auto last = static_cast<std::size_t>(to * wire::kSampleRate);
+    int crossings = 0;
+    for (std::size_t i = first + 1; i < last; ++i) {
+      crossings += (chime[i - 1] < 0) != (chime[i] < 0) ? 1 : 0;
+    }
+    return crossings / 2.0 / (to - from);
+  };
+  EXPECT_NEAR(frequency(0.02, 0.18), 659.3, 10.0);
+  EXPECT_NEAR(frequency(0.32, 0.45), 523.3, 10.0);
+  const auto peak = *std::max_element(chime.begin(), chime.end());
+  EXPECT_GT(peak, 8000);
+  EXPECT_LT(peak, 24000);
+  EXPECT_LT(std::abs(chime.front()) + std::abs(chime.back()), 64);
 }
 
 // Remembers what it was asked to speak; the test calls the frame handlers, as the speaker's

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -140,7 +141,9 @@ TEST_F(AnnouncerTest, RunsTheCommandWithAFreshSpeechFileAndTheTextUnchanged) {
   EXPECT_NE(::access((files_ / "pwned").c_str(), F_OK), 0);
 }
 
-TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
+// Announcements and clips take turns on the one voice: each waits for the one before to end, and a
+// clip that could not start in time is dropped.
+TEST_F(AnnouncerTest, AnnouncementsAndClipsRunOneAtATimeInOrder) {
   // Each frame notes which commands had run by then: the second may not start before the first
   // has sent its last frame.
   const std::string audio =
@@ -149,24 +152,36 @@ TEST_F(AnnouncerTest, AnnouncementsRunOneAtATimeInOrder) {
   const std::string command = copyingCommand(audio, "printf '%s;' \"$3\" >> '" + log + "'; ");
   std::mutex mutex;
   Lines events;
+  const auto note = [&](const std::string& event) {
+    const std::lock_guard lock(mutex);
+    events.push_back(event);
+  };
+  const auto clip = std::make_shared<const std::vector<std::int16_t>>(2 * wire::kFrameSamples);
+  std::promise<void> finished;
   {
     Announcer announcer(command, console_, clock_, tmp_.path());
-    for (const std::string text : {"first", "second"}) {
+    const auto speak = [&](const std::string& text) {
       announcer.speak(
           text,
-          [&events, &mutex, &log, text](Bytes frame) {
-            const std::lock_guard lock(mutex);
-            events.push_back(text + " " + std::to_string(frame.size()) + " " +
-                             devkit::readFile(log));
+          [&, text](Bytes frame) {
+            note(text + " " + std::to_string(frame.size()) + " " + devkit::readFile(log));
           },
-          [&events, &mutex, text] {
-            const std::lock_guard lock(mutex);
-            events.push_back(text + " done");
+          [&, text] {
+            note(text + " done");
+            if (text == "second") {
+              finished.set_value();
+            }
           });
-    }
+    };
+    speak("first");
+    announcer.play(clip, std::chrono::seconds(10), [&](Bytes) { note("chime"); });
+    announcer.play(clip, milliseconds(0), [&](Bytes) { note("late chime"); });
+    speak("second");
+    // Waited for here: the destructor would drop the clips still queued.
+    EXPECT_EQ(finished.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   }
   EXPECT_EQ(events, (Lines{"first 640 first;", "first 640 first;", "first 640 first;", "first done",
-                           "second 640 first;second;", "second 640 first;second;",
+                           "chime", "chime", "second 640 first;second;", "second 640 first;second;",
                            "second 640 first;second;", "second done"}));
   EXPECT_EQ(console_.take(), Lines(2, "📣 Announcement finished (0.1s)"));
 }

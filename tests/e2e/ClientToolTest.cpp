@@ -75,6 +75,8 @@ TEST_F(ClientTool, ExplainsEveryFailureInOneLineWithAStatus) {
                 "❌ unknown channel \"Wings\" (channels: Main, Tech, Backstage, Green Room)");
   expectFailure({"127.0.0.1", "talk", "--role", "Sound", "--mask", "Green Room", "--in", tone}, 1,
                 "❌ Sound may not talk on Green Room; it talks on Main, Tech");
+  expectFailure({"127.0.0.1", "call", "Green Room", "--role", "Lighting"}, 1,
+                "❌ Lighting may not talk on Green Room; it talks on Main, Tech");
   expectFailure({"127.0.0.1", "talk", "--role", "Sound", "--in", "notes.txt"}, 1,
                 "❌ Can't read notes.txt: ");
   expectFailure({"127.0.0.1", "listen", "--role", "Sound", "--out", "no/such/dir/x.wav"}, 1,
@@ -82,12 +84,12 @@ TEST_F(ClientTool, ExplainsEveryFailureInOneLineWithAStatus) {
   EXPECT_FALSE(std::filesystem::exists(dir / "x.wav"))
       << "no file for a listener that never joined";
   // Whoever joined before failing said goodbye.
-  EXPECT_EQ(server->count("joined as"), 3U);
+  EXPECT_EQ(server->count("joined as"), 4U);
   const auto deadline = std::chrono::steady_clock::now() + 2s;
-  while (server->count("left") < 3 && std::chrono::steady_clock::now() < deadline) {
+  while (server->count("left") < 4 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(10ms);
   }
-  EXPECT_EQ(server->count("left"), 3U);
+  EXPECT_EQ(server->count("left"), 4U);
 }
 
 // A file of network audio reaches each listener whole, under the talker's id, with that listener's
@@ -172,6 +174,13 @@ TEST_F(ClientTool, ListenWritesWhatATalkerSaysIntoAWavOfTheLengthAsked) {
     ann->sendAudio(0, 0x1, static_cast<std::uint16_t>(500 + f), wire::sampleBytes(frame));
   }
   ann->sendControl({{"t", "bye"}});
+  // A call on Tech, from whichever role may make it, reaches the listener as a line of its own.
+  const auto call =
+      runToEnd(parlavoxClientBinary(), {"127.0.0.1", "call", "Tech", "--name", "Cal"}, dir.path());
+  EXPECT_EQ(call.status, 0);
+  EXPECT_THAT(call.lines, Contains("📞 Called Tech as Stage Manager"));
+  EXPECT_TRUE(listen.waitForLine("📞 Cal (Stage Manager) called Tech"))
+      << testing::PrintToString(listen.lines());
 
   EXPECT_EQ(listen.waitForExit(), 0);
   const auto lines = listen.lines();

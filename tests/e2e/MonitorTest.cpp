@@ -41,6 +41,7 @@ TEST_F(Monitor, MetricsCountWhatArrivedAndWhatWasLost) {
   const auto before = metrics();
   EXPECT_EQ(before.at("parlavox_peers{state=\"joined\"}"), "2");
   EXPECT_EQ(before.at("parlavox_audio_datagrams_received_total"), "0");
+  EXPECT_EQ(before.at("parlavox_calls_total"), "0");
 
   // 4 never comes; 7 comes late and 8 twice: neither of those is a loss.
   const std::vector<std::uint8_t> samples(wire::kFrameBytes, 0x10);
@@ -52,7 +53,10 @@ TEST_F(Monitor, MetricsCountWhatArrivedAndWhatWasLost) {
     ++heard;
   }
   EXPECT_EQ(heard, 10U);
+  talker->sendControl({{"t", "call"}, {"mask", 0x1}});
+  ASSERT_TRUE(server->waitForLine("📞 Lights (Lighting) called Main"));
   const auto after = metrics();
+  EXPECT_EQ(after.at("parlavox_calls_total"), "1");
   EXPECT_EQ(after.at("parlavox_peer_audio_received_total" + talkerID), "9");
   EXPECT_EQ(after.at("parlavox_peer_audio_lost_total" + talkerID), "1");
   EXPECT_EQ(after.at("parlavox_audio_datagrams_received_total"), "10");

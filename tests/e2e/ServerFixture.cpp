@@ -17,9 +17,10 @@ void ServerFixture::startWith(const Config& config, const std::string& program,
 }
 
 std::unique_ptr<client::IntercomClient> ServerFixture::member(const std::string& name,
-                                                              const std::string& role) {
+                                                              const std::string& role,
+                                                              wire::Features features) {
   auto client = std::make_unique<client::IntercomClient>("127.0.0.1");
-  const auto welcome = client->join(name, role);
+  const auto welcome = client->join(name, role, features);
   EXPECT_TRUE(welcome && (*welcome)["t"] == "welcome") << name;
   while (client->nextControl(300ms)) {
     // the rosters

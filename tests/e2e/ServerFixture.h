@@ -23,8 +23,10 @@ class ServerFixture : public testing::Test {
   // `env` ("NAME=value") added to its environment; returns once it listens.
   void startWith(const Config& config, const std::string& program = parlavoxBinary(),
                  const std::vector<std::string>& env = {});
-  // A crew client that has joined as `role`, with its welcome and the rosters so far read.
-  std::unique_ptr<client::IntercomClient> member(const std::string& name, const std::string& role);
+  // A crew client that has joined as `role`, understanding `features`, with its welcome and the
+  // rosters so far read.
+  std::unique_ptr<client::IntercomClient> member(const std::string& name, const std::string& role,
+                                                 wire::Features features = {});
   // Every audio datagram that reaches `client`, waiting `first` for the first and then until
   // `quiet` passes without one.
   static std::vector<client::Audio> audioUntilQuiet(

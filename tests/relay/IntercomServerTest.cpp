@@ -2,6 +2,7 @@
 // simulated loop.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -54,8 +55,13 @@ class IntercomServerTest : public testing::Test {
   void settle() { loop.advance(IntercomServer::kRosterPeriod); }
 
   // A joined client; everybody's inbox and the console are emptied of the join.
-  void joined(std::uint64_t client, const std::string& name, const std::string& role) {
-    send(client, {{"t", "join"}, {"name", name}, {"role", role}});
+  void joined(std::uint64_t client, const std::string& name, const std::string& role,
+              const json& features = nullptr) {
+    json join = {{"t", "join"}, {"name", name}, {"role", role}};
+    if (!features.is_null()) {
+      join["features"] = features;
+    }
+    send(client, join);
     settle();
     port->sent.clear();
     console.take();
@@ -344,6 +350,59 @@ TEST_F(IntercomServerTest, RostersOfABurstAreCoalesced) {
   const auto last = take(1);
   ASSERT_EQ(last.size(), 1U);
   EXPECT_EQ(last[0]["users"].size(), PeerTable::kJoinedLimit - 1) << "the last is the crew now";
+}
+
+// Who hears of a call, and how: those who said they understand calls by a message, the rest by the
+// chime (asked of the callback once per call); never the caller, never beyond its talk channels.
+TEST_F(IntercomServerTest, CallsReachTheCalledByMessageOrChimeAndTheWordsOnlyThoseWhoRead) {
+  std::vector<std::pair<std::uint16_t, std::uint32_t>> chimes;
+  server->setChimeCallback(
+      [&](std::uint16_t caller, std::uint32_t mask) { chimes.emplace_back(caller, mask); });
+  joined(1, "Ann", "Stage Manager", {"call", "beam"});
+  joined(2, "Bo", "Sound");                             // Main, Tech
+  joined(3, "Cy", "Backstage Crew", {"text", "call"});  // Main, Backstage
+  joined(4, "Di", "Green Room Parent");                 // Main, Green Room
+  const auto inboxes = [this] {
+    return std::vector<std::vector<json>>{take(1), take(2), take(3), take(4)};
+  };
+  using Inboxes = std::vector<std::vector<json>>;
+  const json none = json::array();
+
+  send(1, {{"t", "call"}, {"mask", 0xFFFFFF0C}});  // Backstage, Green Room and bits of no channel
+  EXPECT_EQ(inboxes(), (Inboxes{{}, {}, {{{"t", "call"}, {"id", 1}, {"mask", 4}}}, {}}));
+  send(2, {{"t", "call"}, {"mask", 4}});  // Sound may not talk on Backstage
+  send(9, {{"t", "call"}, {"mask", 1}});  // a stranger
+  send(2, {{"t", "call"}});
+  server->callFromShowControl(0x1);
+  const json fromShowControl = {{"t", "call"}, {"id", 0xFFFF}, {"mask", 1}};
+  EXPECT_EQ(inboxes(), (Inboxes{{fromShowControl}, {}, {fromShowControl}, {}}));
+  EXPECT_EQ(chimes, (decltype(chimes){{1, 0xC}, {0xFFFF, 0x1}}));
+  EXPECT_EQ(console.take(), (Lines{"📞 Ann (Stage Manager) called Backstage, Green Room",
+                                   "📞 Show control called Main"}));
+
+  // A chime frame goes to the called who do not understand calls, with each one's share.
+  std::array<std::uint8_t, wire::AudioHeader::kSize> head =
+      wire::AudioHeader{wire::announcerID, 0xC, 7}.bytes();
+  const Datagram samples(640, 1);
+  server->sendChime(1, 0xC, head, samples);
+  EXPECT_TRUE(port->sent[1].empty() && port->sent[2].empty() && port->sent[3].empty());
+  ASSERT_EQ(port->sent[4].size(), 1U);
+  EXPECT_EQ(wire::AudioHeader::read(port->sent[4][0]), (wire::AudioHeader{0xFFFF, 0x8, 7}));
+
+  server->sendAnnouncementText("Places, please", 0xF);
+  EXPECT_EQ(inboxes(),
+            (Inboxes{{}, {}, {{{"t", "announce"}, {"text", "Places, please"}, {"mask", 5}}}, {}}));
+
+  // Leaning on the key: three calls at once (Ann's first was one), then one per two seconds.
+  for (int i = 0; i < 5; ++i) {
+    send(1, {{"t", "call"}, {"mask", 4}});
+  }
+  EXPECT_EQ(take(3).size(), 2U);
+  loop.advance(2s);
+  send(1, {{"t", "call"}, {"mask", 4}});
+  send(1, {{"t", "call"}, {"mask", 4}});
+  EXPECT_EQ(take(3).size(), 1U);
+  EXPECT_EQ(server->counts().calls, 5U);
 }
 
 }  // namespace

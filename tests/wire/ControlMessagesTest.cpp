@@ -18,6 +18,13 @@ std::string nested(std::string_view open, std::size_t depth) {
 
 // Built member by member: GCC 12 at -O2 takes the moved-from optionals of an aggregate built in
 // one go for uninitialised strings.
+Features both() {
+  Features features;
+  features.add(Feature::call);
+  features.add(Feature::text);
+  return features;
+}
+
 Incoming in(MessageType t, const std::optional<std::string>& name = std::nullopt,
             const std::optional<std::string>& role = std::nullopt) {
   Incoming message;
@@ -51,6 +58,15 @@ TEST(ControlMessages, DecodeIncomingAcceptsOnlyWellFormedMessages) {
       {"lastDuplicateWinsBadType", R"({"t":"ping","t":5})", std::nullopt},
       {"largeValidPayload", R"({"t":"join","name":")" + longName + R"("})",
        in(MessageType::join, longName)},
+      // Features are read leniently: what names none is nothing, as for an older client.
+      {"features", R"({"t":"join","role":"S","features":["text","beam",7,"call","text"]})",
+       Incoming::join(std::nullopt, "S", both())},
+      {"featuresNotAList", R"({"t":"join","role":"S","features":"call"})",
+       in(MessageType::join, std::nullopt, "S")},
+      {"call", R"({"t":"call","mask":4294967295})", Incoming::call(0xFFFFFFFF)},
+      {"callMaskTooWide", R"({"t":"call","mask":4294967296})", std::nullopt},
+      {"callWithoutMask", R"({"t":"call"})", in(MessageType::call)},
+      {"maskOfAnotherMessageIgnored", R"({"t":"ping","mask":"x"})", in(MessageType::ping)},
       {"empty", "", std::nullopt},
       {"trailingNul", std::string(R"({"t":"hi"})") + '\0', std::nullopt},
       {"invalidUtf8InString", "{\"t\":\"hi\",\"name\":\"\xff\"}", std::nullopt},
@@ -83,6 +99,11 @@ TEST(ControlMessages, EncodeWritesCompactJsonInFieldOrder) {
                R"({"name":"Director","talk":[],"listen":["Main"]}]})")},
       {encodeControl(Incoming::join(std::nullopt, "Sound")),
        control(R"({"t":"join","role":"Sound"})")},
+      {encodeControl(Incoming::join("A", "Sound", both())),
+       control(R"({"t":"join","name":"A","role":"Sound","features":["call","text"]})")},
+      {encodeControl(CallMsg{0xFFFF, 5}), control(R"({"t":"call","id":65535,"mask":5})")},
+      {encodeControl(AnnounceMsg{"Places", 1}),
+       control(R"({"t":"announce","text":"Places","mask":1})")},
       // Text that is not valid UTF-8 gives nothing to send.
       {encodeControl(SimpleMsg{MessageType::error, "\xff"}), ""},
       {encodeControl(ConfigMsg{{"Main"}, {{"R", {"Main"}, {"\xed\xa0\x80"}}}}), ""},
@@ -98,6 +119,8 @@ TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused)
       WelcomeMsg{9, "Sound", 3, 0xFFFFFFFF},
       SimpleMsg{MessageType::error, "The intercom is full."},
       RosterMsg{{{9, "\U0001F468\u200D\U0001F469\u200D\U0001F467", "Sound"}}},
+      CallMsg{7, 0x80000001},
+      AnnounceMsg{"Beginners, \"please\"", 2},
   };
   for (const auto& message : messages) {
     const std::string datagram =
@@ -111,6 +134,8 @@ TEST(ControlMessages, ServerMessagesReadBackAsWrittenAndMalformedOnesAreRefused)
            R"({"t":"roster","users":[{"id":"1","name":"A","role":"R"}]})",
            R"({"t":"roster","users":[{"id":1,"role":"R"}]})",
            R"({"t":"error","reason":5})",
+           R"({"t":"call","id":1})",
+           R"({"t":"announce","mask":1})",
            R"({"type":"pong"})",
        }) {
     EXPECT_EQ(decodeServerMessage(asBytes(text)), std::nullopt) << text;

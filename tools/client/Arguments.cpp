@@ -13,11 +13,12 @@ struct OptionRule {
   std::string_view name;
   bool listen;  // allowed with "listen"
   bool talk;    // allowed with "talk"
+  bool call;    // allowed with "call"
 };
 
 constexpr OptionRule kOptions[] = {
-    {"--role", true, true}, {"--name", true, true}, {"--seconds", true, false},
-    {"--out", true, false}, {"--in", false, true},  {"--mask", false, true},
+    {"--role", true, true, true},  {"--name", true, true, true}, {"--seconds", true, false, false},
+    {"--out", true, false, false}, {"--in", false, true, false}, {"--mask", false, true, false},
 };
 
 std::optional<Arguments::Command> commandNamed(std::string_view word) {
@@ -30,6 +31,9 @@ std::optional<Arguments::Command> commandNamed(std::string_view word) {
   if (word == "talk") {
     return Arguments::Command::talk;
   }
+  if (word == "call") {
+    return Arguments::Command::call;
+  }
   return std::nullopt;
 }
 
@@ -41,6 +45,8 @@ std::string_view commandName(Arguments::Command command) {
       return "listen";
     case Arguments::Command::talk:
       return "talk";
+    case Arguments::Command::call:
+      return "call";
   }
   return "";
 }
@@ -93,12 +99,14 @@ ParseResult parseArguments(std::span<const std::string_view> args) {
   if (next >= args.size()) {
     // "parlavox-client lisen" reads as a host without a command; say both, for the typo's sake.
     return UsageError{
-        out.host ? fmt::format("no command after the host \"{}\" (info, listen or talk)", *out.host)
-                 : std::string("no command given (info, listen or talk)")};
+        out.host ? fmt::format("no command after the host \"{}\" (info, listen, talk or call)",
+                               *out.host)
+                 : std::string("no command given (info, listen, talk or call)")};
   }
   const auto command = commandNamed(args[next]);
   if (!command) {
-    return UsageError{fmt::format("unknown command \"{}\" (info, listen or talk)", args[next])};
+    return UsageError{
+        fmt::format("unknown command \"{}\" (info, listen, talk or call)", args[next])};
   }
   out.command = *command;
   ++next;
@@ -106,6 +114,11 @@ ParseResult parseArguments(std::span<const std::string_view> args) {
   std::vector<std::string_view> seen;
   while (next < args.size()) {
     std::string_view word = args[next++];
+    // A call's one word that is not an option: the channels it calls on.
+    if (out.command == Arguments::Command::call && !word.starts_with("--") && !out.mask) {
+      out.mask = std::string(word);
+      continue;
+    }
     if (!word.starts_with("--")) {
       return UsageError{fmt::format("unexpected argument \"{}\"", word)};
     }
@@ -119,7 +132,8 @@ ParseResult parseArguments(std::span<const std::string_view> args) {
       return UsageError{fmt::format("unknown option {}", word)};
     }
     const bool allowed = (out.command == Arguments::Command::listen && rule->listen) ||
-                         (out.command == Arguments::Command::talk && rule->talk);
+                         (out.command == Arguments::Command::talk && rule->talk) ||
+                         (out.command == Arguments::Command::call && rule->call);
     if (!allowed) {
       return UsageError{fmt::format("{} does not take {}", commandName(out.command), word)};
     }
@@ -157,6 +171,9 @@ ParseResult parseArguments(std::span<const std::string_view> args) {
   if (out.command == Arguments::Command::info) {
     return out;
   }
+  if (out.command == Arguments::Command::call) {
+    return out.mask ? ParseResult(out) : UsageError{"call needs the CHANNELS to call on"};
+  }
   if (out.role.empty()) {
     return missing("--role ROLE", out.command);
   }
@@ -175,6 +192,7 @@ std::string usageText() {
          "FILE.wav\n"
          "       parlavox-client [HOST] talk --role ROLE [--name NAME] [--mask CHANNELS] --in "
          "FILE\n"
+         "       parlavox-client [HOST] call CHANNELS [--role ROLE] [--name NAME]\n"
          "\n"
          "A crew member on the Parlavox intercom (UDP port 50505).\n"
          "\n"
@@ -182,9 +200,13 @@ std::string usageText() {
          "                   the local network by DNS-SD (_intercom._udp, through Avahi)\n"
          "  info             print the show's channels and roles\n"
          "  listen           join and record what the role hears, talkers and announcements\n"
-         "                   mixed, as 16 kHz mono WAV; Ctrl-C stops and finishes the file\n"
+         "                   mixed, as 16 kHz mono WAV, printing the calls and the words of\n"
+         "                   the announcements it receives; Ctrl-C stops and finishes the file\n"
          "  talk             join and play an audio file (any format libsndfile reads) into the\n"
          "                   intercom in real time\n"
+         "  call             join and call the crew on CHANNELS (names separated by commas, or\n"
+         "                   a mask number), as ROLE or else the first role that may talk on\n"
+         "                   them all, then leave\n"
          "  --role ROLE      the role to join as (see info)\n"
          "  --name NAME      the display name (default: the server's, \"Crew\")\n"
          "  --seconds S      stop listening after S seconds\n"

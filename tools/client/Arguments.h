@@ -10,15 +10,15 @@ namespace parlavox::client {
 
 // What the command line asks for.
 struct Arguments {
-  enum class Command { info, listen, talk };
+  enum class Command { info, listen, talk, call };
   std::optional<std::string> host;  // none: find the server by DNS-SD
   Command command = Command::info;
-  std::string role;                 // listen, talk
-  std::optional<std::string> name;  // listen, talk; none: the server's default
+  std::string role;                 // listen, talk, call (optional there)
+  std::optional<std::string> name;  // listen, talk, call; none: the server's default
   std::optional<double> seconds;    // listen; none: until interrupted
   std::string out;                  // listen
   std::string in;                   // talk
-  std::optional<std::string> mask;  // talk; none: every channel the role talks on
+  std::optional<std::string> mask;  // talk (none: every channel the role talks on); call
   bool operator==(const Arguments&) const = default;
 };
 

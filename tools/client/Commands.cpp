@@ -60,7 +60,10 @@ int runListen(CommandContext& context, const Arguments& args) {
   auto& console = context.console;
   CrewSession session(context.client, console, context.clock, context.where);
   const auto show = session.fetchShow();
-  if (!show || !session.join(*show, args.role, args.name)) {
+  wire::Features features;
+  features.add(wire::Feature::call);
+  features.add(wire::Feature::text);
+  if (!show || !session.join(*show, args.role, args.name, features)) {
     return 1;
   }
   WavWriter wav;
@@ -202,6 +205,56 @@ int runTalk(CommandContext& context, const Arguments& args,
     console.info(platform::EventKind::report,
                  fmt::format("✅ Played {} ({} frames, {:.1f} s)", args.in, frames, total));
   }
+  return 0;
+}
+
+int runCall(CommandContext& context, const Arguments& args) {
+  auto& console = context.console;
+  CrewSession session(context.client, console, context.clock, context.where);
+  const auto show = session.fetchShow();
+  if (!show) {
+    return 1;
+  }
+  auto parsed = show->parseMask(args.mask.value_or(""));
+  if (const auto* error = std::get_if<std::string>(&parsed)) {
+    console.error(platform::EventKind::report, fmt::format("❌ {}", *error));
+    return 1;
+  }
+  const std::uint32_t requested = std::get<std::uint32_t>(parsed);
+  std::string role = args.role;
+  if (role.empty()) {
+    const Role* caller = show->firstRoleTalkingOn(requested);
+    if (caller == nullptr) {
+      console.error(platform::EventKind::report,
+                    fmt::format("❌ No role may talk on {}: say which with --role",
+                                show->channelNames(requested)));
+      return 1;
+    }
+    role = caller->name;
+  }
+  wire::Features features;
+  features.add(wire::Feature::call);  // the caller needs no chime of its own
+  if (!session.join(*show, role, args.name, features)) {
+    return 1;
+  }
+  const std::uint32_t mask = requested & session.talkMask();
+  if (mask == 0) {
+    console.error(
+        platform::EventKind::report,
+        fmt::format("❌ {} may not talk on {}; it talks on {}", session.role(),
+                    show->channelNames(requested), show->channelNames(session.talkMask())));
+    session.leave();
+    return 1;
+  }
+  if ((requested & ~mask) != 0) {
+    console.warning(platform::EventKind::report,
+                    fmt::format("⚠️  {} may not talk on {}; calling on {} only", session.role(),
+                                show->channelNames(requested & ~mask), show->channelNames(mask)));
+  }
+  session.call(mask);
+  session.leave();
+  console.info(platform::EventKind::call,
+               fmt::format("📞 Called {} as {}", show->channelNames(mask), session.role()));
   return 0;
 }
 

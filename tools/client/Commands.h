@@ -35,6 +35,10 @@ int runListen(CommandContext& context, const Arguments& args);
 int runTalk(CommandContext& context, const Arguments& args,
             const std::vector<std::int16_t>& samples);
 
+// Joins as args.role, or the first role that may talk on all of args.mask's channels, calls the
+// crew on them once and leaves.
+int runCall(CommandContext& context, const Arguments& args);
+
 // Any thread. The audio file at `path` as 16 kHz mono samples, or nothing after printing why.
 std::optional<std::vector<std::int16_t>> loadTalkAudio(const std::string& path,
                                                        platform::Console& console);

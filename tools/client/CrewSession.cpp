@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "config/Printable.h"
 #include "wire/Protocol.h"
 
 namespace parlavox::client {
@@ -61,15 +62,17 @@ std::optional<ShowInfo> CrewSession::fetchShow() {
 }
 
 bool CrewSession::join(const ShowInfo& show, const std::string& role,
-                       const std::optional<std::string>& name) {
+                       const std::optional<std::string>& name, wire::Features features) {
   if (show.findRole(role) == nullptr) {
     console_.error(
         platform::EventKind::report,
         fmt::format("❌ Unknown role \"{}\" (roles on this show: {})", role, show.roleNames()));
     return false;
   }
+  show_ = show;
   role_ = role;
   name_ = name;
+  features_ = features;
   refusal_.reset();
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     sendJoin();
@@ -94,7 +97,11 @@ bool CrewSession::join(const ShowInfo& show, const std::string& role,
 }
 
 void CrewSession::sendJoin() {
-  client_.send(wire::Incoming::join(name_, role_));
+  client_.send(wire::Incoming::join(name_, role_, features_));
+}
+
+void CrewSession::call(std::uint32_t mask) {
+  client_.send(wire::Incoming::call(mask));
 }
 
 void CrewSession::serviceUntil(platform::MonoTime until, const std::atomic<bool>& stop) {
@@ -154,6 +161,17 @@ void CrewSession::handleControl(const wire::ServerMessage& message) {
     for (const auto& line : roster_.update(*roster)) {
       console_.info(platform::EventKind::report, line);
     }
+  } else if (const auto* call = std::get_if<wire::CallMsg>(&message)) {
+    console_.info(
+        platform::EventKind::call,
+        fmt::format("📞 {} called {}",
+                    call->id == wire::announcerID ? "Show control" : roster_.describe(call->id),
+                    show_ ? show_->channelNames(call->mask) : std::to_string(call->mask)));
+  } else if (const auto* announce = std::get_if<wire::AnnounceMsg>(&message)) {
+    console_.info(
+        platform::EventKind::announcement,
+        fmt::format("📣 \"{}\" on {}", printable(announce->text),
+                    show_ ? show_->channelNames(announce->mask) : std::to_string(announce->mask)));
   } else if (const auto* simple = std::get_if<wire::SimpleMsg>(&message)) {
     if (simple->t == wire::MessageType::error) {
       if (joined_) {

@@ -33,9 +33,13 @@ class CrewSession {
 
   // "hi", asked up to three times a second apart: the show, or nothing after printing why.
   std::optional<ShowInfo> fetchShow();
-  // "join" as `role` (checked against the show first) with `name`; true once welcomed. Prints a
-  // "❌" line and returns false when the role is unknown, the server refuses or does not answer.
-  bool join(const ShowInfo& show, const std::string& role, const std::optional<std::string>& name);
+  // "join" as `role` (checked against the show first) with `name`, saying it understands
+  // `features`; true once welcomed. Prints a "❌" line and returns false when the role is unknown,
+  // the server refuses or does not answer. Calls and announcements' words that arrive are printed.
+  bool join(const ShowInfo& show, const std::string& role, const std::optional<std::string>& name,
+            wire::Features features = {});
+  // "call" on the channels of `mask`.
+  void call(std::uint32_t mask);
   // Handles whatever arrives until `until`, pinging when due; returns early once `stop` is set.
   void serviceUntil(platform::MonoTime until, const std::atomic<bool>& stop);
   // "bye".
@@ -62,8 +66,10 @@ class CrewSession {
   AudioHandler onAudio_;
   RosterTracker roster_;
 
+  std::optional<ShowInfo> show_;
   std::optional<std::string> name_;
   std::string role_;
+  wire::Features features_;
   std::uint16_t id_ = 0;
   std::uint32_t talkMask_ = 0;
   std::uint32_t listenMask_ = 0;

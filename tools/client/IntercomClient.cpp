@@ -226,9 +226,9 @@ std::optional<nlohmann::json> IntercomClient::hi(std::chrono::milliseconds timeo
 }
 
 std::optional<nlohmann::json> IntercomClient::join(const std::optional<std::string>& name,
-                                                   const std::string& role,
+                                                   const std::string& role, wire::Features features,
                                                    std::chrono::milliseconds timeout) {
-  send(wire::Incoming::join(name, role));
+  send(wire::Incoming::join(name, role, features));
   return nextControl(timeout);
 }
 

@@ -56,9 +56,10 @@ class IntercomClient {
 
   // "hi": the config message, or nothing.
   std::optional<nlohmann::json> hi(std::chrono::milliseconds timeout = std::chrono::seconds(2));
-  // "join": the reply ("welcome" or "error"), or nothing.
+  // "join", saying the client understands `features`: the reply ("welcome" or "error"), or
+  // nothing.
   std::optional<nlohmann::json> join(const std::optional<std::string>& name,
-                                     const std::string& role,
+                                     const std::string& role, wire::Features features = {},
                                      std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
   // A lossy, reordering network, played by the client itself for soak runs (no netem here):

@@ -53,4 +53,9 @@ std::vector<std::string> RosterTracker::update(const wire::RosterMsg& message) {
   return lines;
 }
 
+std::string RosterTracker::describe(std::uint16_t id) const {
+  const wire::RosterUser* user = last_ ? withId(*last_, id) : nullptr;
+  return user != nullptr ? fmt::format("{} ({})", user->name, user->role) : fmt::format("#{}", id);
+}
+
 }  // namespace parlavox::client

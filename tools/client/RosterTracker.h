@@ -22,6 +22,8 @@ class RosterTracker {
   // The owner's thread. The lines that the "roster" message `message` calls for: the whole crew
   // the first time, then one line per crew member who joined, left, or changed name or role.
   std::vector<std::string> update(const wire::RosterMsg& message);
+  // The owner's thread. "Name (Role)" of the crew member `id` in the last roster, else "#id".
+  std::string describe(std::uint16_t id) const;
 
  private:
   std::uint16_t self_;

@@ -35,6 +35,21 @@ const Role* ShowInfo::findRole(std::string_view name) const {
   return nullptr;
 }
 
+const Role* ShowInfo::firstRoleTalkingOn(std::uint32_t mask) const {
+  for (const auto& role : roles_) {
+    std::uint32_t talks = 0;
+    for (const auto& name : role.talk) {
+      if (const auto position = findName(name, channels_); position && *position < kChannelLimit) {
+        talks |= std::uint32_t{1} << *position;
+      }
+    }
+    if ((mask & ~talks) == 0) {
+      return &role;
+    }
+  }
+  return nullptr;
+}
+
 std::string ShowInfo::roleNames() const {
   std::vector<std::string> names;
   names.reserve(roles_.size());

@@ -24,6 +24,8 @@ class ShowInfo {
 
   // Any thread. The role named `name` (canonically equivalent spellings match), or nothing.
   const Role* findRole(std::string_view name) const;
+  // Any thread. The first role, in the show's order, that may talk on every channel of `mask`.
+  const Role* firstRoleTalkingOn(std::uint32_t mask) const;
   // Any thread. "A, B, C": every role's name, in the show's order.
   std::string roleNames() const;
   // Any thread. The channel names of the bits set in `mask`, "A, B"; "none" when there are none.

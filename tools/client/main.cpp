@@ -115,6 +115,8 @@ int run(int argc, char** argv) {
       return parlavox::client::runListen(context, args);
     case Arguments::Command::talk:
       return parlavox::client::runTalk(context, args, *talkAudio);
+    case Arguments::Command::call:
+      return parlavox::client::runCall(context, args);
   }
   return 1;
 }
