@@ -16,7 +16,6 @@ import { execFileSync, spawn } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 import { engines } from "../../tools/devkit/browser/engines.mjs";
-import { UdpCrew } from "../../tools/devkit/browser/udp-crew.mjs";
 import { channelLevels, delayFigures, LOAD_TEXT } from "./listening.mjs";
 
 const args = process.argv.slice(2);
@@ -199,16 +198,16 @@ try {
   // break mid-word on a 320 px phone.
   await page.click("#show-mode");
   const chimes = await station(() => parlavoxStation.chimes());
-  const caller = await UdpCrew.join(50505, "Lighting", "Lights");
-  caller.call(0b10);
-  await until("the call, named", () => station(() => parlavoxStation.calls()[0]?.name === "Lights"), 3000);
-  assert.deepEqual(await station(() => parlavoxStation.calls()), [{ caller: caller.id, name: "Lights", mask: 0b10 }]);
+  const caller = start(client, ["127.0.0.1", "call", "Tech", "--role", "Lighting", "--name", "Lights"], "call");
+  assert.equal(await caller.ended, 0, caller.errors);
+  await until("the call", () => station(() => parlavoxStation.calls().length > 0), 3000);
+  assert.deepEqual(await station(() => parlavoxStation.calls().map(({ name, mask }) => ({ name, mask }))),
+    [{ name: "Lights", mask: 0b10 }]);
   assert.deepEqual(await station(() => [document.querySelector("#calls").offsetParent !== null,
     ...["#call-list", "#call-live"].map((s) => document.querySelector(s).textContent),
     [...document.querySelectorAll(".called")].map((e) => `${e.parentElement.id} ${e.dataset.bit}`)]),
   [true, "📞 Lights calls on TechDismiss", "Call from Lights on Tech", ["channels 1", "listen 1"]]);
   await until("the call's chime", () => station((n) => parlavoxStation.chimes() > n, chimes), 2000);
-  caller.leave();
   await page.mouseDown("#ptt");
   await until("the page talking", () => station(() => parlavoxStation.state().talking));
   assert.deepEqual([await station(() => parlavoxStation.calls()), await page.count(".called, #calls:not([hidden])")],

@@ -58,10 +58,8 @@ export class CallsView {
     return maskBits(call.mask).map((bit) => this.channelName(bit)).join(", ");
   }
 
-  // A new call: said at once, wherever the focus is; again when a caller the roster had yet to
-  // list is named.
+  // A new call: said at once, wherever the focus is.
   arrived(call) {
-    this.said = { call, name: call.name };
     this.live.textContent = `Call from ${call.name ?? "someone"} on ${this.where(call)}`;
   }
 
@@ -74,34 +72,27 @@ export class CallsView {
     }
     calls.forEach((call, i) => {
       const li = this.rows.get(call.key) ?? this.row(call);
-      const who = call.name ?? "Someone";
-      if (li.dataset.who !== who) {
-        li.dataset.who = who;
-        li.querySelector(".who").textContent = who;
-        li.querySelector("button").setAttribute("aria-label", `Dismiss the call from ${who}`);
-      }
       if (this.list.children[i] !== li) this.list.insertBefore(li, this.list.children[i] ?? null);
     });
     this.box.hidden = calls.length === 0;
     if (!calls.length) this.live.textContent = "";
-    const { call, name } = this.said ?? {};
-    if (calls.includes(call) && call.name !== name) this.arrived(call);
   }
 
   row(call) {
     const li = document.createElement("li");
     li.className = "call";
-    li.dataset.caller = call.caller;
     const text = document.createElement("span");
     text.className = "call-text";
     const who = document.createElement("strong");
     who.className = "who";
+    who.textContent = call.name ?? "Someone";
     const icon = document.createElement("span");
     icon.setAttribute("aria-hidden", "true");
     icon.textContent = "📞 ";
     text.append(icon, who, ` calls on ${this.where(call)}`);
     const dismiss = document.createElement("button");
     Object.assign(dismiss, { type: "button", className: "quiet", textContent: "Dismiss" });
+    dismiss.setAttribute("aria-label", `Dismiss the call from ${who.textContent}`);
     dismiss.addEventListener("click", () => this.onDismiss(call.key));
     li.append(text, dismiss);
     this.rows.set(call.key, li);

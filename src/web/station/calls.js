@@ -6,7 +6,8 @@ export const CALL_MS = 30 * 1000;
 export const CALLS_KEPT = 5;
 export const SHOW_CONTROL = "Show control";
 
-// Who called, as the list names them: null while the roster has not told us yet.
+// Who called, as the list names them (the server sends the roster that lists a caller before
+// the call); null for an id it does not list.
 export function callerName(id, roster) {
   if (id === ANNOUNCER_ID) return SHOW_CONTROL;
   const user = roster.find((u) => u.id === id);
@@ -50,17 +51,6 @@ export class CallList {
 
   clear() {
     this.drop(() => true);
-  }
-
-  // The roster came: name the callers it lists that we could not name when they called.
-  name(roster) {
-    let named = false;
-    for (const call of this.calls) {
-      if (call.name !== null) continue;
-      call.name = callerName(call.caller, roster);
-      named ||= call.name !== null;
-    }
-    if (named) this.onChange();
   }
 
   // Channels with a call waiting, as a mask.

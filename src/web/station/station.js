@@ -116,7 +116,6 @@ function receive(data) {
       break;
     case MessageType.roster:
       seen.rosters++;
-      calls.name(session.roster);
       roster.render(session);
       join.setCrew(session.roster.filter((u) => u.id !== session.id)); // for after a Leave
       return renderNameTaken();

@@ -63,11 +63,6 @@ export class UdpCrew {
     });
   }
 
-  // Calls the crew who hear the channels of `mask`.
-  call(mask) {
-    this.send(encodeControl({ t: MessageType.call, mask }));
-  }
-
   // One frame of `samples` on `mask`, now.
   sendFrame(mask, samples) {
     this.send(new Uint8Array(encodeAudio(this.id, mask, this.seq++, samples)));
