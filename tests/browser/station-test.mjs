@@ -200,18 +200,14 @@ try {
   const chimes = await station(() => parlavoxStation.chimes());
   const caller = start(client, ["127.0.0.1", "call", "Tech", "--role", "Lighting", "--name", "Lights"], "call");
   assert.equal(await caller.ended, 0, caller.errors);
-  await until("the call", () => station(() => parlavoxStation.calls().length > 0), 3000);
-  assert.deepEqual(await station(() => parlavoxStation.calls().map(({ name, mask }) => ({ name, mask }))),
-    [{ name: "Lights", mask: 0b10 }]);
-  assert.deepEqual(await station(() => [document.querySelector("#calls").offsetParent !== null,
-    ...["#call-list", "#call-live"].map((s) => document.querySelector(s).textContent),
+  await until("the call", () => page.count("#calls:not([hidden]) li"), 3000);
+  assert.deepEqual(await station(() => [...["#call-list", "#call-live"].map((s) => document.querySelector(s).textContent),
     [...document.querySelectorAll(".called")].map((e) => `${e.parentElement.id} ${e.dataset.bit}`)]),
-  [true, "📞 Lights calls on TechDismiss", "Call from Lights on Tech", ["channels 1", "listen 1"]]);
+  ["📞 Lights calls on TechDismiss", "Call from Lights on Tech", ["channels 1", "listen 1"]]);
   await until("the call's chime", () => station((n) => parlavoxStation.chimes() > n, chimes), 2000);
   await page.mouseDown("#ptt");
   await until("the page talking", () => station(() => parlavoxStation.state().talking));
-  assert.deepEqual([await station(() => parlavoxStation.calls()), await page.count(".called, #calls:not([hidden])")],
-    [[], 0], "talking on Tech answers the call");
+  assert.equal(await page.count(".called, #calls:not([hidden])"), 0, "talking on Tech answers the call");
   // The window only: the border frames the screen, not the whole page.
   if (screenshots) await page.screenshot(shot("station-show"));
   await sleep(400); // held, not a tap: the lift ends the talk

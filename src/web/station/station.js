@@ -277,7 +277,6 @@ if (testHookWanted()) {
     latched: () => key.latched, alerts: () => seen.alerts, rosters: () => seen.rosters, crewCost: () => roster.cost,
     suspendAudio: () => audio.ctx?.suspend(),
     chimes: () => seen.chimes,
-    calls: () => calls.calls.map(({ caller, name, mask }) => ({ caller, name, mask })),
   });
 }
 

@@ -1,5 +1,6 @@
 // The station's session against the generated wire constants: what it says to the server and
-// when, what it makes of what the server says, and how its audio goes out.
+// when, what it makes of what the server says (calls and announcements too), and how its audio
+// goes out.
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import { FakeTime } from "./fake-time.mjs";
@@ -186,4 +187,23 @@ test("sends numbered audio while talking on a channel, and only then", (t) => {
   session.toggle(0);
   session.join("Ann", "Sound");
   assert.equal(session.talkChannels(), 0b101, "a new Join starts with every channel on");
+});
+
+test("passes on calls and announcements on channels we hear, and calls on those we talk on", (t) => {
+  const { session, take } = joined(t);
+  const cases = [
+    // from the server, what the page is told (null: nothing)
+    [{ t: T.call, id: 3, mask: 0b111 }, { type: T.call, caller: 3, mask: 0b110 }],
+    [{ t: T.call, id: ANNOUNCER_ID, mask: 0b010 }, { type: T.call, caller: ANNOUNCER_ID, mask: 0b010 }],
+    [{ t: T.call, id: 3, mask: 0b001 }, null], // not a channel we hear
+    [{ t: T.call, id: 7, mask: 0b010 }, null], // ourselves
+    [{ t: T.call, id: "3", mask: 0b010 }, null],
+    [{ t: T.announce, text: "Places", mask: 0b100 }, { type: T.announce, text: "Places", mask: 0b100 }],
+    [{ t: T.announce, text: " ", mask: 0b100 }, null],
+    [{ t: T.announce, text: ["Places"], mask: 0b100 }, null],
+  ];
+  for (const [message, event] of cases) assert.deepEqual(session.receive(fromServer(message)), event, JSON.stringify(message));
+  assert.deepEqual([session.call(2), session.call(1), take()], [true, false, [{ t: T.call, mask: 0b100 }]]);
+  session.closed();
+  assert.deepEqual([session.call(2), session.receive(fromServer(cases[0][0]))], [false, null], "not while off the link");
 });
