@@ -16,9 +16,9 @@ export function callerName(id, roster) {
 
 export class CallList {
   // onChange(): the list changed. timers: setTimeout and clearTimeout (a test's own, or the page's).
-  constructor({ now = () => performance.now(), timers = globalThis, onChange = () => {} } = {}) {
-    Object.assign(this, { now, timers, onChange });
-    this.calls = []; // [{key, caller, name, mask, at}], newest first
+  constructor({ timers = globalThis, onChange = () => {} } = {}) {
+    Object.assign(this, { timers, onChange });
+    this.calls = []; // [{key, caller, name, mask, timer}], newest first
     this.nextKey = 1;
     this.talkingOn = 0;
     this.pressing = false;
@@ -28,7 +28,7 @@ export class CallList {
   // channels, it is the same call, made anew.
   add(caller, mask, name) {
     this.drop((c) => c.caller === caller && c.mask === mask, false);
-    const call = { key: this.nextKey++, caller, name, mask, at: this.now() };
+    const call = { key: this.nextKey++, caller, name, mask };
     call.timer = this.timers.setTimeout(() => this.drop((c) => c === call), CALL_MS);
     this.calls.unshift(call);
     this.drop((c, i) => i >= CALLS_KEPT, false);

@@ -27,7 +27,7 @@ test("a call waits until answered by a talk on its channel, dismissed, or CALL_M
   for (const [name, steps] of Object.entries(cases)) {
     const time = new FakeTime();
     let told = [];
-    const calls = new CallList({ now: time.now, timers: time, onChange: () => (told = calls.calls.map((c) => c.caller)) });
+    const calls = new CallList({ timers: time, onChange: () => (told = calls.calls.map((c) => c.caller)) });
     const run = {
       add: (caller, mask) => calls.add(caller, mask, null),
       tick: (ms) => time.tick(ms),
