@@ -145,6 +145,7 @@ struct Announcer::Impl {
   // How many stops have been asked for. An announcement runs only while this still reads what it
   // read when the announcement was asked for.
   std::atomic<std::uint64_t> stops{0};
+  std::atomic<bool> closing{false};            // the announcer is being destroyed
   const platform::ProcessInterrupt interrupt;  // kills the speech command of a stopped announcement
   platform::SerialQueue queue;                 // last: its thread ends before the rest goes
 };
@@ -154,7 +155,10 @@ Announcer::Announcer(std::string sayCommand, platform::Console& console, platfor
     : impl_(std::make_unique<Impl>(std::move(sayCommand), console, clock, std::move(tempDirectory),
                                    sayTimeLimit)) {}
 
-Announcer::~Announcer() = default;
+// Clips still queued are dropped: a chime heard while the server goes down would call nobody.
+Announcer::~Announcer() {
+  impl_->closing.store(true);
+}
 
 void Announcer::speak(std::string text, FrameHandler onFrame, DoneHandler onDone) {
   Impl* impl = impl_.get();
@@ -176,7 +180,7 @@ void Announcer::play(Clip clip, std::chrono::milliseconds maxWait, FrameHandler 
   Impl* impl = impl_.get();
   const platform::MonoTime latest = impl->clock.now() + maxWait;
   impl->queue.submit([impl, latest, clip = std::move(clip), onFrame = std::move(onFrame)] {
-    if (impl->clock.now() <= latest) {
+    if (!impl->closing.load() && impl->clock.now() <= latest) {
       streamFrames(*clip, impl->clock, onFrame);
     }
   });

@@ -21,7 +21,7 @@ class Announcer final : public Speaker {
             std::string tempDirectory = {},
             std::chrono::milliseconds sayTimeLimit = std::chrono::seconds(20));
   // Any thread but the announcer's. Finishes the announcements still queued (none after stop()),
-  // then ends the thread: no speech command or speech file outlives this object.
+  // drops the clips, then ends the thread: no speech command or speech file outlives this object.
   ~Announcer() override;
   Announcer(const Announcer&) = delete;
   Announcer& operator=(const Announcer&) = delete;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -156,6 +157,7 @@ TEST_F(AnnouncerTest, AnnouncementsAndClipsRunOneAtATimeInOrder) {
     events.push_back(event);
   };
   const auto clip = std::make_shared<const std::vector<std::int16_t>>(2 * wire::kFrameSamples);
+  std::promise<void> finished;
   {
     Announcer announcer(command, console_, clock_, tmp_.path());
     const auto speak = [&](const std::string& text) {
@@ -164,12 +166,19 @@ TEST_F(AnnouncerTest, AnnouncementsAndClipsRunOneAtATimeInOrder) {
           [&, text](Bytes frame) {
             note(text + " " + std::to_string(frame.size()) + " " + devkit::readFile(log));
           },
-          [&, text] { note(text + " done"); });
+          [&, text] {
+            note(text + " done");
+            if (text == "second") {
+              finished.set_value();
+            }
+          });
     };
     speak("first");
     announcer.play(clip, std::chrono::seconds(10), [&](Bytes) { note("chime"); });
     announcer.play(clip, milliseconds(0), [&](Bytes) { note("late chime"); });
     speak("second");
+    // Waited for here: the destructor would drop the clips still queued.
+    EXPECT_EQ(finished.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   }
   EXPECT_EQ(events, (Lines{"first 640 first;", "first 640 first;", "first 640 first;", "first done",
                            "chime", "chime", "second 640 first;second;", "second 640 first;second;",

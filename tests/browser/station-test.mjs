@@ -193,14 +193,29 @@ try {
     levels.forEach((level, i) => assert.ok(Math.abs(level - expected[i]) < 0.1, text));
   }
 
-  // Show mode, the page talking; then nothing may overflow or break mid-word on a 320 px phone.
+  // Show mode. A UDP crew member calls on Tech: listed by name, Tech lit, a chime, the words for
+  // screen readers; the page's talk, which includes Tech, answers it. Then nothing may overflow or
+  // break mid-word on a 320 px phone.
   await page.click("#show-mode");
+  const chimes = await station(() => parlavoxStation.chimes());
+  const caller = start(client, ["127.0.0.1", "call", "Tech", "--role", "Lighting", "--name", "Lights"], "call");
+  assert.equal(await caller.ended, 0, caller.errors);
+  await until("the call", () => page.count("#calls:not([hidden]) li"), 3000);
+  assert.deepEqual(await station(() => [...["#call-list", "#call-live"].map((s) => document.querySelector(s).textContent),
+    [...document.querySelectorAll(".called")].map((e) => `${e.parentElement.id} ${e.dataset.bit}`)]),
+  ["📞 Lights calls on TechDismiss", "Call from Lights on Tech", ["channels 1", "listen 1"]]);
+  await until("the call's chime", () => station((n) => parlavoxStation.chimes() > n, chimes), 2000);
   await page.mouseDown("#ptt");
   await until("the page talking", () => station(() => parlavoxStation.state().talking));
+  assert.equal(await page.count(".called, #calls:not([hidden])"), 0, "talking on Tech answers the call");
   // The window only: the border frames the screen, not the whole page.
   if (screenshots) await page.screenshot(shot("station-show"));
   await sleep(400); // held, not a tap: the lift ends the talk
   await page.mouseUp();
+  // The page's own call key for Tech.
+  await page.click('#channels [data-bit="1"] .call-key');
+  await until("the page's call", () => server.lines.includes("📞 Follow Spot (Stage Manager) called Tech"), 2000);
+  assert.equal(await page.text('#channels [data-bit="1"] .call-key'), "✓ Called Tech");
   await page.resize(320, 640);
   if (await station(() => innerWidth) > 320) {
     console.log(`${engine.name}: its window is no narrower than ${await station(() => innerWidth)} px: 320 px not checked`);
@@ -252,6 +267,10 @@ try {
   await sleep(600);
   await page.mouseUp();
   assert.ok(await station(() => parlavoxStation.sent()) > sentAgain + 10, "the sound flows again");
+
+  // Show control announces: its words over the crew list, at the time it began.
+  execFileSync("oscsend", ["127.0.0.1", "47000", "/parlavox/say", "s", "Places, please"]);
+  await until("the announcement's words", async () => /^\d\d:\d\d Places, please$/.test(await page.text("#announced")));
 
   // A reload rejoins by itself.
   await page.reload();

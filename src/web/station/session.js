@@ -1,11 +1,13 @@
 // The station's side of the conversation with the intercom server, without the page: joining
 // and staying joined, the masks, who is heard on which channel, and the numbering of our audio.
-import { CHANNEL_LIMIT, KEEPALIVE_MS, MessageType } from "../shared/constants.js";
+import { CHANNEL_LIMIT, Feature, KEEPALIVE_MS, MessageType } from "../shared/constants.js";
 import { decode, encodeAudio, encodeControl } from "./protocol.js";
 
 export const LIT_MS = 300; // a talker stays lit this long after their last frame
 const FORGET_MS = 60000;
 const REFUSED = "The intercom refused to let us join.";
+// We show calls and announcements' words ourselves, and make our own call chime.
+const FEATURES = [Feature.call, Feature.text];
 
 // The channels of a mask, lowest first.
 export const maskBits = (mask) => [...Array(CHANNEL_LIMIT).keys()].filter((i) => (mask >>> i) & 1);
@@ -76,6 +78,14 @@ export class Session {
     return (this.talkMask & ~this.off) >>> 0;
   }
 
+  // Calls the crew who hear `channel` (one we talk on); false if it could not go out.
+  call(channel) {
+    const mask = (this.talkMask & (1 << channel)) >>> 0;
+    if (!this.joined || !this.connected || !mask) return false;
+    this.control({ t: MessageType.call, mask });
+    return true;
+  }
+
   // One captured frame to the channels we talk on; false if nothing went out.
   sendFrame(samples) {
     const mask = this.talkChannels();
@@ -89,6 +99,8 @@ export class Session {
   // A datagram from the server. Returns what the page should know of it, or null:
   //   {type: "audio", sender, channels, seq, samples}  channels: where we heard it
   //   {type: MessageType.error, reason}           refused: back to the join screen
+  //   {type: MessageType.call, caller, mask}    mask: the called channels we hear
+  //   {type: MessageType.announce, text, mask}  an announcement starts, on the channels of mask
   //   {type: MessageType.config | welcome | roster | rejoin}
   receive(data) {
     const d = decode(data);
@@ -117,6 +129,15 @@ export class Session {
       case MessageType.error:
         Object.assign(this, { want: null, joined: false, screen: "join" });
         return { type: m.t, reason: String(m.reason || REFUSED) };
+      case MessageType.call:
+      case MessageType.announce: {
+        const mask = (Number(m.mask) & this.listenMask) >>> 0;
+        if (!this.joined || !mask) return null;
+        if (m.t === MessageType.call) {
+          return Number.isInteger(m.id) && m.id !== this.id ? { type: m.t, caller: m.id, mask } : null;
+        }
+        return typeof m.text === "string" && m.text.trim() ? { type: m.t, text: m.text, mask } : null;
+      }
       default: return null;
     }
     return { type: m.t };
@@ -175,7 +196,7 @@ export class Session {
 
   sendJoin() {
     if (this.want && this.connected) {
-      this.control({ t: MessageType.join, name: this.want.name, role: this.want.role });
+      this.control({ t: MessageType.join, name: this.want.name, role: this.want.role, features: FEATURES });
     }
   }
 

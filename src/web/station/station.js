@@ -2,8 +2,12 @@
 import { KEEPALIVE_MS, MessageType, PATHS, SAMPLE_RATE, SILENCE_LIMIT_MS } from "../shared/constants.js";
 import { Connection, renderBanner } from "../shared/connection.js";
 import { AlarmEdges, assess } from "./alarms.js";
-import { buzz, playAlert, renderAlarms } from "./alerts.js";
+import { buzz, playAlert, playChime, renderAlarms } from "./alerts.js";
+import { AnnouncementLog } from "./announcements.js";
+import { AnnouncementsView } from "./announce-view.js";
 import { StationAudio } from "./audio.js";
+import { CallList, callerName } from "./calls.js";
+import { CallsView, markCalled } from "./calls-view.js";
 import { ChannelsView } from "./channels.js";
 import { JoinScreen, nameTakenText } from "./join-screen.js";
 import { ListenView } from "./listen-view.js";
@@ -28,7 +32,7 @@ const SHED_ABOVE = 0.5 * SAMPLE_RATE * Int16Array.BYTES_PER_ELEMENT;
 // that is a dead link, so a link that dies is noticed within 1.5 × KEEPALIVE_MS (and a check).
 const REPLY_MS = KEEPALIVE_MS / 2;
 const CHECK_MS = KEEPALIVE_MS / 16;
-const BUZZ = { link: [300, 150, 300, 150, 300], audio: [600, 200, 600] };
+const BUZZ = { link: [300, 150, 300, 150, 300], audio: [600, 200, 600], call: [150, 100, 150] };
 
 const $ = (id) => document.getElementById(id);
 // The show's name, for the lock screen and the tab: asked for once, beside the intercom's link.
@@ -53,7 +57,7 @@ const session = new Session({
 });
 const screenLock = new ScreenLock(render);
 const edges = new AlarmEdges();
-const seen = { alerts: 0, rosters: 0 }; // for the test hook
+const seen = { alerts: 0, rosters: 0, chimes: 0 }; // for the test hook
 
 const join = new JoinScreen({
   startAudio: () => audio.start(volume()),
@@ -64,12 +68,19 @@ const join = new JoinScreen({
   },
   onChange: render,
 });
-const channels = new ChannelsView(
-  { toggles: $("channels"), noChannel: $("no-channel") },
-  (channel) => {
+const channels = new ChannelsView({ toggles: $("channels"), noChannel: $("no-channel") }, {
+  onToggle: (channel) => {
     session.toggle(channel);
     renderTalk();
-  });
+  },
+  onCall: (channel) => session.call(channel),
+  said: (text) => ($("call-said").textContent = text),
+});
+const calls = new CallList({ onChange: () => renderCalls() });
+const callsView = new CallsView({ box: $("calls"), list: $("call-list"), live: $("call-live") },
+  (bit) => session.channelName(bit), (key) => calls.dismiss(key));
+const announcements = new AnnouncementLog();
+const announcementsView = new AnnouncementsView($("announced"));
 const roster = new RosterView($("roster"), $("crew-more"));
 const volume = bindVolume($("volume"), $("volume-out"), (gain) => audio.setVolume(gain));
 let rejoinTried = false;
@@ -111,6 +122,16 @@ function receive(data) {
     case MessageType.rejoin:
       updateTalking();
       break;
+    case MessageType.call: {
+      const call = calls.add(event.caller, event.mask, callerName(event.caller, session.roster));
+      callsView.arrived(call);
+      playChime(audio.ctx, () => seen.chimes++);
+      buzz(BUZZ.call);
+      return;
+    }
+    case MessageType.announce:
+      announcements.add(event.text);
+      return announcementsView.render(announcements);
     case MessageType.error:
       tabJoin.forget();
       join.error = event.reason;
@@ -171,6 +192,9 @@ $("leave-dialog").addEventListener("close", () => {
   if ($("leave-dialog").returnValue !== "leave") return;
   session.leave();
   tabJoin.forget();
+  calls.clear();
+  announcements.clear();
+  announcementsView.render(announcements);
   stopTalking();
   render();
 });
@@ -221,10 +245,11 @@ function renderNameTaken() {
 let liveText = "";
 function renderTalk() {
   const talking = session.talking;
+  calls.talked(talking ? session.talkChannels() : 0, key.held || key.space); // answers calls
   renderTalkButton($("ptt"), {
     hasMic: audio.hasMic, talking, latched: key.sticky, idle: !canTalk(),
   });
-  channels.render(session);
+  lightCalls();
   // Said to a screen reader as it changes, wherever the focus is.
   const said = talking ? (key.sticky ? "Talking — latched" : "Talking") : liveText && "Not talking";
   if (said !== liveText) $("talk-live").textContent = liveText = said;
@@ -235,11 +260,23 @@ function renderTalk() {
   } : null, talking);
 }
 
+function renderCalls() {
+  callsView.render(calls.calls);
+  lightCalls();
+}
+
+function lightCalls() {
+  const waiting = calls.waiting();
+  channels.render(session, waiting);
+  markCalled($("listen"), waiting);
+}
+
 if (testHookWanted()) {
   installStationHook(session, audio, {
     alarms: () => now().alarms.map((a) => a.kind), audio: () => audio.state, wakeLock: () => screenLock.state,
     latched: () => key.latched, alerts: () => seen.alerts, rosters: () => seen.rosters, crewCost: () => roster.cost,
     suspendAudio: () => audio.ctx?.suspend(),
+    chimes: () => seen.chimes,
   });
 }
 

@@ -45,8 +45,8 @@ const OUTPUT_SECONDS = 14;
 //   parlavoxStation.playback() -> a promise of the playback worklet's figures
 //   parlavoxStation.sent()    -> number of audio datagrams sent so far
 // and what the page adds (`page`): the alarms up, the sound's and the screen lock's states, the
-// latch, alerts sounded, rosters received, milliseconds spent on the crew list; suspendAudio()
-// stops the sound as a phone's system would.
+// latch, alerts sounded, rosters received, milliseconds spent on the crew list, call chimes played;
+// suspendAudio() stops the sound as a phone's system would.
 export function installStationHook(session, audio, page = {}) {
   const output = new SampleRing(OUTPUT_SECONDS * SAMPLE_RATE);
   let endFrame = 0;

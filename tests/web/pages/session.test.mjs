@@ -1,17 +1,19 @@
 // The station's session against the generated wire constants: what it says to the server and
-// when, what it makes of what the server says, and how its audio goes out.
+// when, what it makes of what the server says (calls and announcements too), and how its audio
+// goes out.
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import { FakeTime } from "./fake-time.mjs";
 import { load } from "../../../tools/devkit/browser/pages.mjs";
 
-const { ANNOUNCER_ID, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
+const { ANNOUNCER_ID, Feature, KEEPALIVE_MS, MessageType } = await load("shared/constants.js");
 const { decode, encodeAudio, encodeControl } = await load("station/protocol.js");
 const { LIT_MS, Session } = await load("station/session.js");
 
 const T = MessageType;
 const frame = new Float32Array([0.5, -0.25]);
 const fromServer = (message) => encodeControl(message);
+const joinAnn = { t: T.join, name: "Ann", role: "Sound", features: [Feature.call, Feature.text] };
 const welcome = { t: T.welcome, id: 7, role: "Sound", talkMask: 0b101, listenMask: 0b110 };
 
 // A session whose control messages and audio land in `out`, decoded; shed(): audio is refused.
@@ -55,7 +57,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   assert.deepEqual(session.config, { channels: ["Main"], roles: [{ name: "Sound" }] });
   assert.deepEqual(take(), [], "nobody asked to join yet");
   session.join("Ann", "Sound");
-  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [joinAnn]);
   session.receive(fromServer(welcome));
   const { joined, screen, id, role, talkMask, listenMask } = session;
   assert.deepEqual([joined, screen, id, role, talkMask, listenMask],
@@ -63,7 +65,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
 
   assert.equal(session.receive(fromServer({ t: T.rejoin })).type, T.rejoin);
   assert.equal(session.joined, false);
-  assert.deepEqual(take(), [{ t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [joinAnn]);
 
   session.receive(fromServer(welcome));
   session.closed();
@@ -74,7 +76,7 @@ test("joins, keeps alive, and puts itself back after a rejoin request or a drop"
   assert.deepEqual(take(), [], "no join while the link is down");
   session.opened();
   session.receive(fromServer({ t: T.config, channels: ["Main"], roles: [] }));
-  assert.deepEqual(take(), [{ t: T.hi }, { t: T.join, name: "Ann", role: "Sound" }]);
+  assert.deepEqual(take(), [{ t: T.hi }, joinAnn]);
 });
 
 test("leaving, closing the page and refusals", (t) => {
@@ -185,4 +187,23 @@ test("sends numbered audio while talking on a channel, and only then", (t) => {
   session.toggle(0);
   session.join("Ann", "Sound");
   assert.equal(session.talkChannels(), 0b101, "a new Join starts with every channel on");
+});
+
+test("passes on calls and announcements on channels we hear, and calls on those we talk on", (t) => {
+  const { session, take } = joined(t);
+  const cases = [
+    // from the server, what the page is told (null: nothing)
+    [{ t: T.call, id: 3, mask: 0b111 }, { type: T.call, caller: 3, mask: 0b110 }],
+    [{ t: T.call, id: ANNOUNCER_ID, mask: 0b010 }, { type: T.call, caller: ANNOUNCER_ID, mask: 0b010 }],
+    [{ t: T.call, id: 3, mask: 0b001 }, null], // not a channel we hear
+    [{ t: T.call, id: 7, mask: 0b010 }, null], // ourselves
+    [{ t: T.call, id: "3", mask: 0b010 }, null],
+    [{ t: T.announce, text: "Places", mask: 0b100 }, { type: T.announce, text: "Places", mask: 0b100 }],
+    [{ t: T.announce, text: " ", mask: 0b100 }, null],
+    [{ t: T.announce, text: ["Places"], mask: 0b100 }, null],
+  ];
+  for (const [message, event] of cases) assert.deepEqual(session.receive(fromServer(message)), event, JSON.stringify(message));
+  assert.deepEqual([session.call(2), session.call(1), take()], [true, false, [{ t: T.call, mask: 0b100 }]]);
+  session.closed();
+  assert.deepEqual([session.call(2), session.receive(fromServer(cases[0][0]))], [false, null], "not while off the link");
 });
