@@ -31,13 +31,15 @@ using namespace parlavox::bench;
 using namespace std::chrono_literals;
 
 // One channel everyone talks and listens on: each datagram goes to every other client. The
-// simulated crew all come from 127.0.0.1, so the cap per address is lifted.
+// simulated crew all come from 127.0.0.1, so the cap per address is lifted, and so is the rate per
+// talker: the saturation ramp drives 16 talkers far beyond a real one's pace.
 constexpr const char* kRoles = R"({
   "show" : "Bench",
   "channels" : [ "Main", "Tech" ],
   "roles" : [ { "name" : "Crew", "talk" : [ "Main" ], "listen" : [ "Main" ] } ],
   "oscPort" : 47000,
-  "peersPerHost" : 1000
+  "peersPerHost" : 1000,
+  "audioPerTalker" : 100000
 })";
 
 // The directory this program was started from, where parlavox and parlavox-say lie beside it.

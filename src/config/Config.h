@@ -28,6 +28,9 @@ struct Config {
   // Joined peers from one address at most: crew phones behind a NAT travel router share one, so
   // it is well above a department's size, yet one machine cannot fill the intercom.
   std::uint32_t peersPerHost = 32;
+  // Audio datagrams a second one talker may send, beyond which the relay drops them: a talker
+  // sends 50, so twice that is room for any real one and bounds what one peer can make it send.
+  std::uint32_t audioPerTalker = 100;
   bool operator==(const Config&) const = default;
 };
 

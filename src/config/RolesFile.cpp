@@ -103,14 +103,19 @@ std::optional<Failure> readOscPort(const Json& value, std::uint16_t& port) {
   return Failure{"oscPort: expected an integer from 0 to 65535"};
 }
 
-std::optional<Failure> readPeersPerHost(const Json& value, std::uint32_t& count) {
-  constexpr std::uint64_t kHighest = 0xFFFFFFFF;
-  if (value.is_number_unsigned() && value.get<std::uint64_t>() >= 1 &&
-      value.get<std::uint64_t>() <= kHighest) {
-    count = static_cast<std::uint32_t>(value.get<std::uint64_t>());
+// The optional `key` as a positive 32-bit count, left as it is when absent.
+std::optional<Failure> readCount(const Json& document, const char* key, std::uint32_t& count) {
+  const Json* value = member(document, key);
+  if (value == nullptr) {
     return std::nullopt;
   }
-  return Failure{"peersPerHost: expected a positive integer"};
+  constexpr std::uint64_t kHighest = 0xFFFFFFFF;
+  if (value->is_number_unsigned() && value->get<std::uint64_t>() >= 1 &&
+      value->get<std::uint64_t>() <= kHighest) {
+    count = static_cast<std::uint32_t>(value->get<std::uint64_t>());
+    return std::nullopt;
+  }
+  return Failure{fmt::format("{}: expected a positive integer", key)};
 }
 
 // `config` starts with the defaults of the keys that may be left out.
@@ -145,10 +150,10 @@ std::optional<Failure> readConfig(const Json& document, Config& config) {
       return failure;
     }
   }
-  if (const Json* perHost = member(document, "peersPerHost")) {
-    return readPeersPerHost(*perHost, config.peersPerHost);
+  if (auto failure = readCount(document, "peersPerHost", config.peersPerHost)) {
+    return failure;
   }
-  return std::nullopt;
+  return readCount(document, "audioPerTalker", config.audioPerTalker);
 }
 
 // nlohmann's messages start with "[json.exception.parse_error.101] "; the rest is for people.
@@ -260,11 +265,15 @@ std::string encodeConfig(const Config& config) {
     out += ",\n";
     appendKey(out, 1, "oscPort");
     out += std::to_string(config.oscPort);
-    // Written only when it differs, so that the built-in show's file stays as it was.
-    if (config.peersPerHost != Config{}.peersPerHost) {
-      out += ",\n";
-      appendKey(out, 1, "peersPerHost");
-      out += std::to_string(config.peersPerHost);
+    // Written only when they differ, so that the built-in show's file stays as it was.
+    for (const auto& [key, value, usual] :
+         {std::tuple{"peersPerHost", config.peersPerHost, Config{}.peersPerHost},
+          std::tuple{"audioPerTalker", config.audioPerTalker, Config{}.audioPerTalker}}) {
+      if (value != usual) {
+        out += ",\n";
+        appendKey(out, 1, key);
+        out += std::to_string(value);
+      }
     }
     out += "\n}";
     return out;

@@ -39,7 +39,7 @@ IntercomServer::IntercomServer(Show show, ServerPlatform platform, ExitPolicy ex
       platform_(platform),
       exit_(std::move(exit)),
       configReply_(wire::encodeControl(wire::ConfigMsg{show_.channels(), show_.config().roles})),
-      peers_(show_.config().peersPerHost) {}
+      peers_(show_.config().peersPerHost, show_.config().audioPerTalker) {}
 
 void IntercomServer::start(platform::PeerListener& intercom, std::function<void()> onReady) {
   port_ = intercom.port();

@@ -47,7 +47,7 @@ const Peer& PeerTable::heardFrom(const platform::PeerAddress& from, platform::Mo
     peer.lastSeen = now;
   }
   if (!datagram.empty() && datagram[0] == wire::kAudioKind) {
-    peer.audioWithinRate = !peer.audio || peer.audio->take(now, kAudioBurst, kAudioPerSecond);
+    peer.audioWithinRate = !peer.audio || peer.audio->take(now, kAudioBurst, audioPerSecond_);
     if (!peer.audioWithinRate) {
       return peer;
     }

@@ -24,16 +24,16 @@ class PeerTable {
  public:
   static constexpr std::size_t kUnjoinedLimit = 4096;
   static constexpr std::size_t kJoinedLimit = 500;  // more than any show's crew
-  // A talker sends 50 datagrams a second; twice that, with a second's worth at once after a
-  // stall, is more than any real one needs and bounds what one peer can make the relay send.
+  // A second of a talker's audio at once, as after a stall; the rate is the show's.
   static constexpr double kAudioBurst = 50;
-  static constexpr double kAudioPerSecond = 100;
 
   enum class JoinResult { joined, full, hostFull };
 
-  // At most `peersPerHost` joined peers share one host address.
-  explicit PeerTable(std::size_t peersPerHost = Config{}.peersPerHost)
-      : peersPerHost_(peersPerHost) {}
+  // At most `peersPerHost` joined peers share one host address; each may send `audioPerSecond`
+  // audio datagrams a second after a burst of kAudioBurst.
+  explicit PeerTable(std::size_t peersPerHost = Config{}.peersPerHost,
+                     double audioPerSecond = Config{}.audioPerTalker)
+      : peersPerHost_(peersPerHost), audioPerSecond_(audioPerSecond) {}
 
   // The peer at `from`, a new unjoined one if there is none, updated for `datagram`: anything at
   // all refreshes its lastSeen; audio of a joined peer its lastAudio and link health too.
@@ -95,6 +95,7 @@ class PeerTable {
   void joinedChanged();
 
   const std::size_t peersPerHost_;
+  const double audioPerSecond_;
   std::unordered_map<platform::PeerAddress, Entry, platform::PeerAddressHash> peers_;
   std::list<platform::PeerAddress> unjoined_;  // oldest first
   std::vector<JoinedPeer> joined_;

@@ -12,8 +12,9 @@ namespace parlavox {
 namespace {
 
 Config twoChannels(std::string show = "Parlavox", std::uint16_t oscPort = 47000,
-                   std::uint32_t peersPerHost = 32) {
-  return Config{std::move(show), {"A", "B"}, {{"R", {"A"}, {"A", "B"}}}, oscPort, peersPerHost};
+                   std::uint32_t peersPerHost = 32, std::uint32_t audioPerTalker = 100) {
+  return Config{std::move(show), {"A", "B"},   {{"R", {"A"}, {"A", "B"}}},
+                oscPort,         peersPerHost, audioPerTalker};
 }
 
 TEST(RolesFile, DecodeAcceptsWellFormedFiles) {
@@ -32,6 +33,8 @@ TEST(RolesFile, DecodeAcceptsWellFormedFiles) {
        twoChannels("Parlavox", 0)},
       {"peersPerHost", R"({"peersPerHost":1,"channels":["A","B"],)" + roleAB + "}",
        twoChannels("Parlavox", 47000, 1)},
+      {"audioPerTalker", R"({"audioPerTalker":400,"channels":["A","B"],)" + roleAB + "}",
+       twoChannels("Parlavox", 47000, 32, 400)},
       {"unknownKeysIgnoredEverywhere",
        R"({"comment":"x","channels":["A","B"],"extra":{"deep":[1,[2,{"k":null}]]},)"
        R"("roles":[{"note":5,"name":"R","talk":["A"],"listen":["A","B"],"x":[]}]})",
@@ -84,6 +87,7 @@ TEST(RolesFile, DecodeRejectsNamingWhatFailed) {
       {"peersPerHostNegative", withPerHost("-3"), "peersPerHost"},
       {"peersPerHostText", withPerHost("\"32\""), "peersPerHost"},
       {"peersPerHostHuge", withPerHost("4294967296"), "peersPerHost"},
+      {"audioPerTalkerZero", R"({"channels":[],"roles":[],"audioPerTalker":0})", "audioPerTalker"},
       {"deepArrays", std::string(100000, '['), "nested deeper"},
   };
   for (const auto& c : cases) {

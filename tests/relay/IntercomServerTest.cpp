@@ -336,7 +336,7 @@ TEST_F(IntercomServerTest, JoinsFromOneHostStopAtPeersPerHost) {
   EXPECT_EQ(server->counts().joinsRefused, 3U);
 }
 
-// A talker may send kAudioBurst datagrams at once and kAudioPerSecond after: the rest is dropped
+// A talker may send kAudioBurst datagrams at once and audioPerTalker after: the rest is dropped
 // unanswered and uncounted. (Beside an ordinary talker: end to end.)
 TEST_F(IntercomServerTest, AudioBeyondATalkersRateIsDropped) {
   joined(1, "Flood", "Sound");
