@@ -25,6 +25,12 @@ void metric(std::string& out, std::string_view name, std::string_view type, std:
   out += fmt::format("# HELP {} {}\n# TYPE {} {}\n", name, help, name, type);
 }
 
+// A counter of the whole server: its header and its one sample.
+void counter(std::string& out, std::string_view name, std::string_view help, std::uint64_t value) {
+  metric(out, name, "counter", help);
+  out += fmt::format("{} {}\n", name, value);
+}
+
 }  // namespace
 
 Monitor::Monitor(const Show& show, const IntercomServer& relay, const Announcements& announcements,
@@ -94,22 +100,19 @@ std::string Monitor::metrics() const {
   out += fmt::format("parlavox_peers{{state=\"joined\"}} {}\n", peers.joined().size());
   out += fmt::format("parlavox_peers{{state=\"unjoined\"}} {}\n",
                      peers.size() - peers.joined().size());
-  metric(out, "parlavox_audio_datagrams_received_total", "counter",
-         "Audio datagrams received from joined talkers.");
-  out += fmt::format("parlavox_audio_datagrams_received_total {}\n", counts.audioReceived);
-  metric(out, "parlavox_audio_copies_sent_total", "counter",
-         "Copies of audio datagrams relayed to listeners.");
-  out += fmt::format("parlavox_audio_copies_sent_total {}\n", counts.copiesSent);
-  metric(out, "parlavox_audio_datagrams_dropped_total", "counter",
-         "Audio datagrams dropped beyond their talker's rate.");
-  out += fmt::format("parlavox_audio_datagrams_dropped_total {}\n", counts.audioDropped);
-  metric(out, "parlavox_joins_refused_total", "counter",
-         "Joins refused: the intercom full, or the joiner's address at its cap.");
-  out += fmt::format("parlavox_joins_refused_total {}\n", counts.joinsRefused);
-  metric(out, "parlavox_announcements_total", "counter", "Announcements asked for over OSC.");
-  out += fmt::format("parlavox_announcements_total {}\n", announcements_.asked());
-  metric(out, "parlavox_calls_total", "counter", "Calls made, by the crew and by show control.");
-  out += fmt::format("parlavox_calls_total {}\n", counts.calls);
+  counter(out, "parlavox_audio_datagrams_received_total",
+          "Audio datagrams received from joined talkers.", counts.audioReceived);
+  counter(out, "parlavox_audio_copies_sent_total",
+          "Copies of audio datagrams relayed to listeners.", counts.copiesSent);
+  counter(out, "parlavox_audio_datagrams_dropped_total",
+          "Audio datagrams dropped beyond their talker's rate.", counts.audioDropped);
+  counter(out, "parlavox_joins_refused_total",
+          "Joins refused: the intercom full, or the joiner's address at its cap.",
+          counts.joinsRefused);
+  counter(out, "parlavox_announcements_total", "Announcements asked for over OSC.",
+          announcements_.asked());
+  counter(out, "parlavox_calls_total", "Calls made, by the crew and by show control.",
+          counts.calls);
   metric(out, "parlavox_uptime_seconds", "gauge", "Seconds since the server started.");
   out += fmt::format("parlavox_uptime_seconds {:.3f}\n", Seconds(now - started_).count());
 
