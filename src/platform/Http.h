@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "platform/HostAddress.h"
@@ -13,20 +14,31 @@
 
 namespace parlavox::platform {
 
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
 // A request as the handler sees it; the views last for the call.
 struct HttpRequest {
-  std::string_view method;  // "GET", "HEAD", ...
+  std::string_view method;  // "GET", "HEAD", "POST"
   std::string_view path;    // the target without its query
   HostAddress from;
+  std::string_view body;
+  std::string_view cookie;         // the Cookie header as sent, if any
+  std::string_view authorization;  // the Authorization header as sent, if any
 };
 
 struct HttpResponse {
+  HttpResponse() = default;
+  HttpResponse(unsigned code, std::string type, std::string content, HttpHeaders own = {})
+      : status(code),
+        contentType(std::move(type)),
+        body(std::move(content)),
+        headers(std::move(own)) {}
+
   unsigned status = 200;
   std::string contentType;
-  std::string body;  // left out of the answer to HEAD
+  std::string body;     // left out of the answer to HEAD
+  HttpHeaders headers;  // this answer's own (Set-Cookie, WWW-Authenticate, Allow)
 };
-
-using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
 // What answers the requests of an HTTP server. Loop thread only.
 class HttpHandler {
@@ -41,8 +53,8 @@ class HttpHandler {
   virtual ~HttpHandler() = default;
   // The answer to a request that is not a WebSocket upgrade.
   virtual HttpResponse respond(const HttpRequest& request) = 0;
-  // A WebSocket upgrade: how to accept it, or nothing to drop the connection.
-  virtual std::optional<Upgrade> upgrade(const HttpRequest& request) = 0;
+  // A WebSocket upgrade: how to accept it, or the answer that refuses it.
+  virtual std::variant<HttpResponse, Upgrade> upgrade(const HttpRequest& request) = 0;
   // What every response carries, the server's own (redirects, refusals) included.
   virtual const HttpHeaders& headers() const = 0;
 };

@@ -170,13 +170,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
     return static_cast<bool>(error);
   }
 
-  // Only reads are served (a WebSocket's upgrade is a GET).
+  // Reads everywhere (a WebSocket's upgrade is a GET); over TLS, forms too, which the handler
+  // takes where it has a use for them.
   bool allowed(const Request& request) {
-    if (request.method() == http::verb::get || request.method() == http::verb::head) {
+    const http::verb method = request.method();
+    if (method == http::verb::get || method == http::verb::head ||
+        (secure_ && method == http::verb::post)) {
       return true;
     }
     auto response = std::make_shared<Response>(http::status::method_not_allowed, request.version());
-    response->set(http::field::allow, "GET, HEAD");
+    response->set(http::field::allow, secure_ ? "GET, HEAD, POST" : "GET, HEAD");
     write(std::move(response), false);
     return false;
   }
@@ -235,23 +238,37 @@ class Connection : public std::enable_shared_from_this<Connection> {
     if (!allowed(request)) {
       return;
     }
-    const HttpRequest asked{request.method_string(), target.substr(0, target.find('?')), from_};
+    const HttpRequest asked{.method = request.method_string(),
+                            .path = target.substr(0, target.find('?')),
+                            .from = from_,
+                            .body = request.body(),
+                            .cookie = request[http::field::cookie],
+                            .authorization = request[http::field::authorization]};
     if (websocket::is_upgrade(request)) {
-      if (auto upgrade = handler_.upgrade(asked)) {
+      auto answer = handler_.upgrade(asked);
+      if (auto* upgrade = std::get_if<HttpHandler::Upgrade>(&answer)) {
         std::make_shared<WebSocketSession>(std::move(*secure_), std::move(upgrade->options), clock_,
                                            from_, serving_, std::move(place_))
             ->accept(request, std::move(upgrade->onOpen));
+      } else {
+        reply(std::get<HttpResponse>(std::move(answer)), request, false);
       }
-      return;  // taken, or dropped
+      return;
     }
-    HttpResponse answer = handler_.respond(asked);
+    reply(handler_.respond(asked), request, request.keep_alive());
+  }
+
+  void reply(HttpResponse answer, const Request& request, bool keepAlive) {
     auto response =
         std::make_shared<Response>(static_cast<http::status>(answer.status), request.version());
     response->set(http::field::content_type, answer.contentType);
+    for (auto& [name, value] : answer.headers) {
+      response->insert(name, value);
+    }
     if (request.method() != http::verb::head) {
       response->body() = std::move(answer.body);
     }
-    write(std::move(response), request.keep_alive());
+    write(std::move(response), keepAlive);
   }
 
   std::shared_ptr<const void> place_;  // handed on to the WebSocket it may become

@@ -69,43 +69,77 @@ platform::HttpHeaders securityHeaders(const std::vector<std::string>& ownHosts) 
 
 }  // namespace
 
-Routes::Routes(Answers answers) : headers_(securityHeaders(answers.ownHosts)) {
+Routes::Routes(Answers answers)
+    : crewGate_(std::move(answers.crewGate)),
+      operatorGate_(std::move(answers.operatorGate)),
+      headers_(securityHeaders(answers.ownHosts)) {
+  const Gate* crew = crewGate_ ? &crewGate_ : nullptr;
+  const Gate* operatorOnly = operatorGate_ ? &operatorGate_ : nullptr;
   for (const WebFile& each : webFiles()) {
-    table_.emplace("/" + std::string(each.path), &each);
+    table_.emplace("/" + std::string(each.path), Route{&each});
   }
-  table_.emplace(kStationPage, file("station/index.html"));
-  table_.emplace(kMonitorPage, file("monitor/index.html"));
-  table_.emplace(kMetrics, std::move(answers.metrics));
-  table_.emplace(kStationInfo, std::move(answers.stationInfo));
-  table_.emplace(kIntercomSocket, &answers.crew);
-  table_.emplace(kMonitorFeed, &answers.monitorFeed);
+  table_.emplace(kStationPage, Route{file("station/index.html")});
+  table_.emplace(kMonitorPage, Route{file("monitor/index.html"), operatorOnly});
+  table_.emplace(kMetrics, Route{std::move(answers.metrics), operatorOnly});
+  table_.emplace(kStationInfo, Route{std::move(answers.stationInfo)});
+  table_.emplace(kIntercomSocket, Route{&answers.crew, crew});
+  table_.emplace(kMonitorFeed, Route{&answers.monitorFeed, operatorOnly});
+  for (auto& [path, action] : answers.actions) {
+    const Gate* gate = action.operatorOnly ? operatorOnly : nullptr;
+    table_.insert_or_assign(path, Route{std::move(action), gate});
+  }
 }
 
 platform::HttpResponse Routes::respond(const platform::HttpRequest& request) {
   const auto found = table_.find(std::string(request.path));
-  if ((request.method == "GET" || request.method == "HEAD") && found != table_.end()) {
-    if (const auto* page = std::get_if<const WebFile*>(&found->second); page && *page) {
-      return {200, std::string((*page)->contentType), std::string((*page)->bytes)};
-    }
-    if (const auto* document = std::get_if<Document>(&found->second)) {
-      return {200, document->contentType, document->make()};
+  if (found == table_.end()) {
+    return {404, "text/plain", "Not found\n"};
+  }
+  const Route& route = found->second;
+  const auto* action = std::get_if<Action>(&route.answer);
+  const bool read = request.method == "GET" || request.method == "HEAD";
+  if (action ? request.method != "POST" : !read) {
+    return {405, "text/plain", "Method not allowed\n", {{"Allow", action ? "POST" : "GET, HEAD"}}};
+  }
+  if (route.gate) {
+    if (auto refused = (*route.gate)(request)) {
+      return std::move(*refused);
     }
   }
-  return {404, "text/plain", "Not found\n"};
+  if (action) {
+    return action->handle(request);
+  }
+  if (const auto* page = std::get_if<const WebFile*>(&route.answer); page && *page) {
+    return {200, std::string((*page)->contentType), std::string((*page)->bytes)};
+  }
+  if (const auto* document = std::get_if<Document>(&route.answer)) {
+    return {200, document->contentType, document->make()};
+  }
+  return {404, "text/plain", "Not found\n"};  // a WebSocket's path, asked for as a page
 }
 
-std::optional<Routes::Upgrade> Routes::upgrade(const platform::HttpRequest& request) {
+std::variant<platform::HttpResponse, Routes::Upgrade> Routes::upgrade(
+    const platform::HttpRequest& request) {
   const auto found = table_.find(std::string(request.path));
   if (found == table_.end()) {
-    return std::nullopt;
+    return platform::HttpResponse{404, "text/plain", "Not found\n"};
   }
-  if (auto* const* crew = std::get_if<WebPeers*>(&found->second)) {
+  const Route& route = found->second;
+  if (route.gate) {
+    if (auto refused = (*route.gate)(request)) {
+      return std::move(*refused);
+    }
+  }
+  if (auto* const* crew = std::get_if<WebPeers*>(&route.answer)) {
     return Upgrade{crewSocket(), [crew = *crew](auto socket) { crew->open(std::move(socket)); }};
   }
-  if (auto* const* feed = std::get_if<Feed*>(&found->second); feed && !(*feed)->full()) {
+  if (auto* const* feed = std::get_if<Feed*>(&route.answer)) {
+    if ((*feed)->full()) {
+      return platform::HttpResponse{503, "text/plain", "Too many monitors open\n"};
+    }
     return Upgrade{feedSocket(), [feed = *feed](auto socket) { feed->open(std::move(socket)); }};
   }
-  return std::nullopt;
+  return platform::HttpResponse{404, "text/plain", "Not found\n"};
 }
 
 }  // namespace parlavox::web

@@ -14,15 +14,24 @@
 
 namespace parlavox::web {
 
+// Who may reach a route: nothing lets the request through, an answer refuses it. Empty: anyone.
+using Gate = std::function<std::optional<platform::HttpResponse>(const platform::HttpRequest&)>;
+
 // The web port's route table: what answers each path. A page file as it is, a document made when
-// asked for (the metrics), the crew's WebSocket, where each session is a peer of the intercom, and
-// the monitor's read-only feed. Everything else is 404, and a WebSocket anywhere else is dropped.
-// Loop thread only.
+// asked for (the metrics), an action a form posts, the crew's WebSocket, where each session is a
+// peer of the intercom, and the monitor's read-only feed. The crew's WebSocket passes the crew's
+// gate first; the monitor, its feed and the metrics the operator's, as do actions that ask for it.
+// Everything else is 404, and a method a path does not take 405. Loop thread only.
 class Routes final : public platform::HttpHandler {
  public:
   struct Document {
     std::string contentType;
     std::function<std::string()> make;
+  };
+  // What a POST to its path does.
+  struct Action {
+    std::function<platform::HttpResponse(const platform::HttpRequest&)> handle;
+    bool operatorOnly = false;
   };
   // What answers the paths that are not files; everything given outlives the routes.
   struct Answers {
@@ -33,18 +42,28 @@ class Routes final : public platform::HttpHandler {
     // The names and addresses the pages are served under, for the WebSocket sources the content
     // policy allows.
     std::vector<std::string> ownHosts;
+    std::vector<std::pair<std::string, Action>> actions = {};
+    Gate crewGate = {};
+    Gate operatorGate = {};
   };
 
   explicit Routes(Answers answers);
 
   platform::HttpResponse respond(const platform::HttpRequest& request) override;
-  std::optional<Upgrade> upgrade(const platform::HttpRequest& request) override;
+  std::variant<platform::HttpResponse, Upgrade> upgrade(
+      const platform::HttpRequest& request) override;
   const platform::HttpHeaders& headers() const override { return headers_; }
 
  private:
-  using Answer = std::variant<const WebFile*, Document, WebPeers*, Feed*>;
+  using Answer = std::variant<const WebFile*, Document, Action, WebPeers*, Feed*>;
+  struct Route {
+    Answer answer;
+    const Gate* gate = nullptr;  // the crew's or the operator's, when either is set
+  };
 
-  std::unordered_map<std::string, Answer> table_;
+  std::unordered_map<std::string, Route> table_;
+  Gate crewGate_;
+  Gate operatorGate_;
   platform::HttpHeaders headers_;
 };
 

@@ -14,6 +14,18 @@ namespace {
 
 using test::FakeWebSocket;
 
+// A request as the server hands it on; `credential` both as a cookie and as an authorization.
+platform::HttpRequest asked(std::string_view method, std::string_view path,
+                            std::string_view credential = {}) {
+  platform::HttpRequest request;
+  request.method = method;
+  request.path = path;
+  request.body = "posted";
+  request.cookie = credential;
+  request.authorization = credential;
+  return request;
+}
+
 // The relay, as far as the crew's sessions are concerned.
 class Receiver final : public platform::Transport::Receiver {
  public:
@@ -29,12 +41,13 @@ class Receiver final : public platform::Transport::Receiver {
 class RoutesTest : public testing::Test {
  protected:
   platform::HttpResponse get(std::string_view path, std::string_view method = "GET") {
-    return routes.respond({method, path, {}});
+    return routes.respond(asked(method, path));
   }
 
   // A WebSocket opened at `path` the way the server opens one; nothing if the path refuses it.
   std::shared_ptr<FakeWebSocket> open(std::string_view path, std::uint8_t host = 1) {
-    auto upgrade = routes.upgrade({"GET", path, {}});
+    auto answer = routes.upgrade(asked("GET", path));
+    auto* upgrade = std::get_if<Routes::Upgrade>(&answer);
     if (!upgrade) {
       return nullptr;
     }
@@ -85,7 +98,8 @@ TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
       {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 1"},
       {"GET", "/metrics", 200, "text/plain; version=0.0.4", "made 2"},
       {"GET", "/station.json", 200, "application/json", R"({"show":"Hamlet"})"},
-      {"POST", "/", 404, "text/plain", notFound},
+      {"POST", "/", 405, "text/plain", "Method not allowed\n"},
+      {"POST", "/nope", 404, "text/plain", notFound},
       {"GET", "/index.html", 404, "text/plain", notFound},
       {"GET", "/station", 404, "text/plain", notFound},
       {"GET", "/intercom", 404, "text/plain", notFound},
@@ -101,10 +115,15 @@ TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
 }
 
 TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {
+  const auto upgrade = [this](std::string_view path) {
+    auto answer = routes.upgrade(asked("GET", path));
+    auto* taken = std::get_if<Routes::Upgrade>(&answer);
+    return taken ? std::optional(std::move(*taken)) : std::nullopt;
+  };
   for (const std::string_view path : {"/", "/metrics", "/monitor", "/intercom/", "/nope"}) {
-    EXPECT_FALSE(routes.upgrade({"GET", path, {}})) << path;
+    EXPECT_FALSE(upgrade(path)) << path;
   }
-  const auto crewSocket = routes.upgrade({"GET", "/intercom", {}});
+  const auto crewSocket = upgrade("/intercom");
   ASSERT_TRUE(crewSocket);
   EXPECT_TRUE(crewSocket->options.binary);
   const auto droppable = crewSocket->options.policy.droppable;
@@ -113,7 +132,7 @@ TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {
   EXPECT_FALSE(droppable(asBytes("\x01{}")));  // control: always sent
   EXPECT_FALSE(crewSocket->options.policy.newestOnly);
 
-  const auto feedSocket = routes.upgrade({"GET", "/monitor/events", {}});
+  const auto feedSocket = upgrade("/monitor/events");
   ASSERT_TRUE(feedSocket);
   EXPECT_FALSE(feedSocket->options.binary);
   EXPECT_TRUE(feedSocket->options.policy.newestOnly);
@@ -174,6 +193,59 @@ TEST_F(RoutesTest, TheFeedReachesEveryReaderStillThere) {
   second->hangUp();
   EXPECT_FALSE(feed.hasReaders());
   EXPECT_TRUE(relay.heard.empty());
+}
+
+// The crew's gate stands before the crew's socket, the operator's before the monitor, its feed,
+// the metrics and the actions that ask for it; the pages and open actions pass.
+TEST(GatedRoutes, EachGateGuardsItsOwn) {
+  Receiver relay;
+  WebPeers crew{relay};
+  Feed feed;
+  const auto refuse = [](unsigned status) {
+    return [status](const platform::HttpRequest& request) -> std::optional<platform::HttpResponse> {
+      if (request.cookie == "ok" || request.authorization == "ok") {
+        return std::nullopt;
+      }
+      return platform::HttpResponse{status, "text/plain", "no\n"};
+    };
+  };
+  const auto echo = [](const platform::HttpRequest& request) {
+    return platform::HttpResponse{200, "text/plain", std::string(request.body)};
+  };
+  Routes routes{{.crew = crew,
+                 .monitorFeed = feed,
+                 .metrics = {"text/plain", [] { return "m"; }},
+                 .stationInfo = {"application/json", [] { return "{}"; }},
+                 .ownHosts = {},
+                 .actions = {{"/open", {echo}}, {"/closed", {echo, true}}},
+                 .crewGate = refuse(401),
+                 .operatorGate = refuse(403)}};
+  struct Case {
+    std::string_view method, path, credential;
+    unsigned status;
+  };
+  for (const Case c : {Case{"GET", "/", "", 200},
+                       {"GET", "/station.json", "", 200},
+                       {"GET", "/monitor", "", 403},
+                       {"GET", "/monitor", "ok", 200},
+                       {"GET", "/metrics", "", 403},
+                       {"HEAD", "/metrics", "ok", 200},
+                       {"POST", "/open", "", 200},
+                       {"POST", "/closed", "", 403},
+                       {"POST", "/closed", "ok", 200},
+                       {"GET", "/closed", "ok", 405},
+                       {"POST", "/metrics", "ok", 405}}) {
+    const auto answer = routes.respond(asked(c.method, c.path, c.credential));
+    EXPECT_EQ(answer.status, c.status) << c.method << " " << c.path << " " << c.credential;
+  }
+  for (const Case c : {Case{"GET", "/intercom", "", 401},
+                       {"GET", "/monitor/events", "", 403},
+                       {"GET", "/intercom", "ok", 0},
+                       {"GET", "/monitor/events", "ok", 0}}) {
+    const auto answer = routes.upgrade(asked(c.method, c.path, c.credential));
+    const auto* refused = std::get_if<platform::HttpResponse>(&answer);
+    EXPECT_EQ(refused ? refused->status : 0, c.status) << c.path << " " << c.credential;
+  }
 }
 
 TEST(WebPeersAndFeed, CloseWhatIsStillOpenWhenTheyGo) {
