@@ -31,7 +31,9 @@
 #include "platform/TlsIdentity.h"
 #include "platform/UdpNetwork.h"
 #include "relay/IntercomServer.h"
+#include "web/CrewAccess.h"
 #include "web/Feed.h"
+#include "web/Paths.h"
 #include "web/Routes.h"
 #include "web/WebPeers.h"
 #include "wire/Protocol.h"
@@ -56,6 +58,15 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
   console.info(platform::EventKind::report,
                fmt::format("   Channels: {}", fmt::join(config.channels, ", ")));
   console.info(platform::EventKind::report, fmt::format("   Roles:    {}", fmt::join(roles, ", ")));
+  if (!config.crewNetworks.empty()) {
+    std::vector<std::string> networks;
+    for (const Subnet& network : config.crewNetworks) {
+      networks.push_back(network.text);
+    }
+    console.info(
+        platform::EventKind::report,
+        fmt::format("   Crew only from: {} (and this computer)", fmt::join(networks, ", ")));
+  }
   const std::vector<platform::LocalAddress> addresses = platform::localIPv4Addresses();
   for (const platform::LocalAddress& entry : addresses) {
     console.info(platform::EventKind::report, fmt::format("   Manual connect address: {}  ({})",
@@ -72,6 +83,9 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
                    "   Crew station: " + stationAddress(platform::hostName() + ".local"));
     }
     console.info(platform::EventKind::report, "   Certificate SHA-256: " + station->fingerprint);
+    if (!config.crewPin.empty()) {
+      console.info(platform::EventKind::report, "   The station asks for the crew PIN.");
+    }
     // A phone's camera is the quickest way to the first address; the journal has no use for it.
     if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
       for (const std::string& line :
@@ -125,10 +139,10 @@ std::string stateDirectory() {
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
 
 // What the crew station knows of the show beyond the intercom's messages: its name, for the lock
-// screen and the tab.
+// screen and the tab, and whether it must ask for the crew PIN (never the PIN itself).
 std::string stationInfo(const Show& show) {
-  return nlohmann::json{{"show", show.name()}}.dump(-1, ' ', false,
-                                                    nlohmann::json::error_handler_t::replace);
+  return nlohmann::json{{"show", show.name()}, {"pin", !show.config().crewPin.empty()}}.dump(
+      -1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 // The names and addresses a browser may reach the station by.
@@ -164,6 +178,7 @@ std::optional<platform::TlsIdentity> stationIdentity(const std::string& director
 std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& context,
                                                    const platform::TlsIdentity& identity,
                                                    web::Routes& routes, platform::Clock& clock,
+                                                   const std::vector<Subnet>& crewNetworks,
                                                    platform::Console& console) {
   try {
     auto station = std::make_unique<platform::HttpsServer>(context, wire::kIntercomPort, identity,
@@ -175,6 +190,11 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
           fmt::format("⚠️  Crew station: file descriptors for only {} connections (of "
                       "{}): raise the limit (ulimit -n; LimitNOFILE for the service)",
                       total, platform::HttpsServer::kConnectionLimit));
+    }
+    if (!crewNetworks.empty()) {
+      station->admitOnly([&crewNetworks](const platform::HostAddress& host) {
+        return crewMayComeFrom(crewNetworks, host);
+      });
     }
     station->start();
     return station;
@@ -224,7 +244,11 @@ int run(int argc, char** argv, platform::Console& terminal) {
   }
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
-  const Show show(loadConfig(configPath, terminal, state));
+  std::optional<Config> config = loadConfig(configPath, terminal, state);
+  if (!config) {
+    return 1;  // a crew PIN or networks the file could not give: not open to all instead
+  }
+  const Show show(std::move(*config));
   if (show.channels().size() > kChannelLimit) {
     terminal.error(platform::EventKind::service, fmt::format("❌ Max {} channels.", kChannelLimit));
     return 1;
@@ -262,18 +286,38 @@ int run(int argc, char** argv, platform::Console& terminal) {
   const platform::TlsNames names = stationNames();
   std::vector<std::string> ownHosts = names.dns;
   ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());
+  const std::string certificates =
+      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
+  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, names, console);
+  // The TLS key is the secret that signs crew sessions: kept across restarts, never served.
+  std::optional<web::CrewAccess> crewAccess;
+  std::vector<std::pair<std::string, web::Routes::Action>> actions;
+  web::Gate crewGate;
+  if (identity && !show.config().crewPin.empty()) {
+    crewAccess.emplace(show.config().crewPin, identity->keyPem, clock, platform::unixSeconds,
+                       console);
+    actions.emplace_back(web::kCrewPin,
+                         web::Routes::Action{[&crewAccess](const platform::HttpRequest& request) {
+                                               return crewAccess->post(request);
+                                             },
+                                             false});
+    crewGate = [&crewAccess](const platform::HttpRequest& request) {
+      return crewAccess->gate(request);
+    };
+  }
   web::Routes routes({.crew = browsers,
                       .monitorFeed = monitorFeed,
                       .metrics = {"text/plain; version=0.0.4; charset=utf-8",
                                   [&monitor] { return monitor.metrics(); }},
                       .stationInfo = {"application/json; charset=utf-8",
                                       [info = stationInfo(show)] { return info; }},
-                      .ownHosts = std::move(ownHosts)});
-  const std::string certificates =
-      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, names, console);
-  const auto station =
-      identity ? openStation(loop.context(), *identity, routes, clock, console) : nullptr;
+                      .ownHosts = std::move(ownHosts),
+                      .actions = std::move(actions),
+                      .crewGate = std::move(crewGate),
+                      .operatorGate = {}});
+  const auto station = identity ? openStation(loop.context(), *identity, routes, clock,
+                                              show.config().crewNetworks, console)
+                                : nullptr;
   if (station) {
     loop.every(kMonitorPeriod, [&monitor, &monitorFeed] {
       if (monitorFeed.hasReaders()) {

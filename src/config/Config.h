@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "config/Subnet.h"
+
 namespace parlavox {
 
 // A show has at most this many channels: one bit each in a 32-bit channel mask.
@@ -31,6 +33,12 @@ struct Config {
   // Audio datagrams a second one talker may send, beyond which the relay drops them: a talker
   // sends 50, so twice that is room for any real one and bounds what one peer can make it send.
   std::uint32_t audioPerTalker = 100;
+  // What the crew station asks for before a browser may join; empty: nothing. Never written
+  // back, printed or served.
+  std::string crewPin = {};
+  // Where crew devices may come from, on the intercom's port and the station's; empty: anywhere.
+  // This machine itself always may.
+  std::vector<Subnet> crewNetworks = {};
   bool operator==(const Config&) const = default;
 };
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -118,10 +119,59 @@ std::optional<Failure> readCount(const Json& document, const char* key, std::uin
   return Failure{fmt::format("{}: expected a positive integer", key)};
 }
 
+constexpr std::string_view kCrewKeys[] = {"crewPin", "crewNetworks"};
+constexpr std::size_t kShortestPin = 4;
+constexpr std::size_t kLongestPin = 64;
+
+// The crew's protection: a PIN a phone's keyboard can type, the same on every one (ASCII, no
+// spaces), and the networks crew devices come from. The PIN itself is never part of a message.
+std::optional<Failure> readCrewAccess(const Json& document, Config& config) {
+  if (const Json* pin = member(document, "crewPin")) {
+    const auto visible = [](char c) { return c > ' ' && c < '\x7F'; };
+    if (!pin->is_string() || pin->get_ref<const std::string&>().size() < kShortestPin ||
+        pin->get_ref<const std::string&>().size() > kLongestPin ||
+        !std::ranges::all_of(pin->get_ref<const std::string&>(), visible)) {
+      return Failure{
+          fmt::format("crewPin: expected a string of {} to {} letters, digits or ASCII punctuation",
+                      kShortestPin, kLongestPin)};
+    }
+    config.crewPin = pin->get_ref<const std::string&>();
+  }
+  const Json* networks = member(document, "crewNetworks");
+  if (networks == nullptr) {
+    return std::nullopt;
+  }
+  if (!networks->is_array() || networks->empty()) {
+    return Failure{R"(crewNetworks: expected a non-empty array of networks, as "10.20.0.0/24")"};
+  }
+  for (std::size_t i = 0; i < networks->size(); ++i) {
+    const Json& each = (*networks)[i];
+    auto subnet = each.is_string() ? parseSubnet(each.get_ref<const std::string&>()) : std::nullopt;
+    if (!subnet) {
+      return Failure{fmt::format(
+          "crewNetworks[{}]: expected a network, as \"10.20.0.0/24\" or \"fd00:20::/64\"", i)};
+    }
+    config.crewNetworks.push_back(std::move(*subnet));
+  }
+  return std::nullopt;
+}
+
+// Whether a file that failed to decode meant to protect the crew: then the built-in show, open
+// to all, must not stand in for it. Text that is not even JSON is judged by its bytes.
+bool guardsTheCrew(std::string_view bytes, const Json* document) {
+  return std::ranges::any_of(kCrewKeys, [&](std::string_view key) {
+    return document != nullptr ? document->is_object() && member(*document, key) != nullptr
+                               : bytes.find(fmt::format("\"{}\"", key)) != std::string_view::npos;
+  });
+}
+
 // `config` starts with the defaults of the keys that may be left out.
 std::optional<Failure> readConfig(const Json& document, Config& config) {
   if (!document.is_object()) {
     return Failure{"expected a JSON object at the top level"};
+  }
+  if (auto failure = readCrewAccess(document, config)) {
+    return failure;
   }
   if (const Json* show = member(document, "show")) {
     if (!show->is_string()) {
@@ -225,20 +275,28 @@ std::string absolutePath(const std::string& path) {
 
 DecodedConfig decodeConfig(std::string_view bytes) {
   if (const auto problem = scanJson(bytes, kMaxNesting)) {
-    return {std::nullopt, problem->kind == JsonScanProblem::Kind::tooDeep
-                              ? fmt::format("nested deeper than {} levels at byte {}", kMaxNesting,
-                                            problem->offset + 1)
-                              : fmt::format("NUL character at byte {}", problem->offset + 1)};
+    return {std::nullopt,
+            problem->kind == JsonScanProblem::Kind::tooDeep
+                ? fmt::format("nested deeper than {} levels at byte {}", kMaxNesting,
+                              problem->offset + 1)
+                : fmt::format("NUL character at byte {}", problem->offset + 1),
+            guardsTheCrew(bytes, nullptr)};
   }
   try {
     const auto document = Json::parse(bytes);
     Config config;
     if (auto failure = readConfig(document, config)) {
-      return {std::nullopt, std::move(failure->message)};
+      return {std::nullopt, std::move(failure->message), guardsTheCrew(bytes, &document)};
     }
-    return {std::move(config), {}};
+    return {std::move(config), {}, false};
   } catch (const Json::exception& e) {
-    return {std::nullopt, withoutExceptionTag(e.what())};
+    std::string message = withoutExceptionTag(e.what());
+    const bool guarded = guardsTheCrew(bytes, nullptr);
+    if (guarded) {
+      // The parser quotes the text it stopped at, which may be the PIN.
+      message = message.substr(0, message.find("; last read: "));
+    }
+    return {std::nullopt, std::move(message), guarded};
   }
 }
 
@@ -282,8 +340,8 @@ std::string encodeConfig(const Config& config) {
   }
 }
 
-Config loadConfig(const std::string& path, platform::Console& console,
-                  const std::string& spareDirectory) {
+std::optional<Config> loadConfig(const std::string& path, platform::Console& console,
+                                 const std::string& spareDirectory) {
   // The path comes from the command line: it is printed, but must not forge console lines.
   const std::string location = absolutePath(path);
   const std::string shown = printable(location);
@@ -314,6 +372,12 @@ Config loadConfig(const std::string& path, platform::Console& console,
     return defaultConfig();
   }
   DecodedConfig decoded = decodeConfig(**read);
+  if (!decoded.config && decoded.guardsTheCrew) {
+    console.error(platform::EventKind::service,
+                  fmt::format("❌ Not starting: {} in {}; the crew would be left open.",
+                              printable(decoded.error), shown));
+    return std::nullopt;
+  }
   if (!decoded.config) {
     return fallBack("read", decoded.error);
   }

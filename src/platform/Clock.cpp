@@ -5,6 +5,12 @@
 
 namespace parlavox::platform {
 
+std::int64_t unixSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
 MonoTime SteadyClock::now() const {
   return MonoClock::now();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 namespace parlavox::platform {
 
@@ -17,6 +18,10 @@ class Clock {
   // Any thread. Blocks the caller until the clock reads at least `deadline`.
   virtual void sleepUntil(MonoTime deadline) = 0;
 };
+
+// Any thread. Seconds since 1970 by the wall clock: for what must outlast the process (a crew
+// session's expiry), never for pacing or timeouts.
+std::int64_t unixSeconds();
 
 class SteadyClock final : public Clock {
  public:

@@ -26,4 +26,20 @@ std::string toString(const HostAddress& host) {
   return text.data();
 }
 
+std::optional<HostAddress> parseHostAddress(std::string_view text) {
+  const std::string copy(text);  // inet_pton wants it NUL-terminated
+  HostAddress host;
+  if (::inet_pton(AF_INET6, copy.c_str(), host.bytes.data()) == 1) {
+    return host;
+  }
+  std::array<std::uint8_t, 4> v4{};
+  if (::inet_pton(AF_INET, copy.c_str(), v4.data()) != 1) {
+    return std::nullopt;
+  }
+  host.bytes[10] = 0xFF;
+  host.bytes[11] = 0xFF;
+  std::copy(v4.begin(), v4.end(), host.bytes.begin() + 12);
+  return host;
+}
+
 }  // namespace parlavox::platform

@@ -3,7 +3,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace parlavox::platform {
 
@@ -20,5 +22,9 @@ struct HostAddressHash {
 
 // Any thread. As people write it: a.b.c.d for an IPv4 host, else the IPv6 address.
 std::string toString(const HostAddress& host);
+
+// Any thread; pure. The address `text` names (a.b.c.d, mapped, or an IPv6 address without a
+// scope), or nothing.
+std::optional<HostAddress> parseHostAddress(std::string_view text);
 
 }  // namespace parlavox::platform

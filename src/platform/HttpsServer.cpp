@@ -430,7 +430,7 @@ void HttpsServer::accept() {
       });
 }
 
-// A host past its share is closed at once, unread.
+// A host not admitted, or past its share, is closed at once, unread.
 void HttpsServer::admit(tcp::socket socket) {
   ErrorCode error;
   const tcp::endpoint remote = socket.remote_endpoint(error);
@@ -438,6 +438,9 @@ void HttpsServer::admit(tcp::socket socket) {
     return;
   }
   const HostAddress host = hostOf(remote);
+  if (admitted_ && !admitted_(host)) {
+    return;
+  }
   if (const auto found = places_->perHost.find(host);
       found != places_->perHost.end() && found->second >= places_->limits.perHost) {
     return;

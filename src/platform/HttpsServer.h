@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "platform/Clock.h"
@@ -48,6 +49,11 @@ class HttpsServer {
 
   // Loop thread (or the main thread before the loop runs). Starts accepting.
   void start();
+  // Loop thread (or the main thread before start()). Who may connect at all: anyone else's
+  // connection is closed as it is accepted, before a byte is read or written. Empty: anyone.
+  void admitOnly(std::function<bool(const HostAddress&)> admitted) {
+    admitted_ = std::move(admitted);
+  }
   // Any thread. What the descriptor limit allowed, fixed at construction.
   ConnectionLimits limits() const { return limits_; }
 
@@ -63,6 +69,7 @@ class HttpsServer {
   Clock& clock_;
   boost::asio::steady_timer retry_;
   const ConnectionLimits limits_;
+  std::function<bool(const HostAddress&)> admitted_;
   std::shared_ptr<Places> places_;  // shared with each connection's place, which may outlive this
   bool paused_ = false;             // at the total: accepting again when a connection ends
   std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);

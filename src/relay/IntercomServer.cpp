@@ -99,6 +99,10 @@ void IntercomServer::advertisedChanged(bool advertised) {
 }
 
 void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) {
+  // From outside the crew's networks: as if nothing were listening.
+  if (!crewMayComeFrom(show_.config().crewNetworks, from.host)) {
+    return;
+  }
   // A new address is a new peer, even for a datagram that says nothing.
   const Peer& peer = peers_.heardFrom(from, platform_.clock.now(), datagram);
   if (datagram.empty()) {

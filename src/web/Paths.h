@@ -13,5 +13,7 @@ inline constexpr std::string_view kMonitorFeed = "/monitor/events";
 inline constexpr std::string_view kMetrics = "/metrics";
 // What the station needs to know of the show beyond the intercom's own messages: its name.
 inline constexpr std::string_view kStationInfo = "/station.json";
+// Where the station posts the crew PIN, when the show has one, for its session cookie.
+inline constexpr std::string_view kCrewPin = "/pin";
 
 }  // namespace parlavox::web
