@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
         "  intercom: \"{}\",\n"
         "  monitorFeed: \"{}\",\n"
         "  stationInfo: \"{}\",\n"
+        "  pin: \"{}\",\n"
         "}});\n",
         wire::kControlKind, wire::kAudioKind, wire::AudioHeader::kSize,
         wire::AudioHeader::kSenderIDOffset, wire::AudioHeader::kMaskOffset,
@@ -94,7 +95,7 @@ int main(int argc, char** argv) {
         milliseconds(wire::kKeepaliveInterval), milliseconds(wire::kSilenceLimit), kChannelLimit,
         wire::kNameLimit, types, features, grade(kLossGrade), grade(kJitterGradeMs),
         grade(kLastHeardGradeMs), web::kStationPage, web::kMonitorPage, web::kIntercomSocket,
-        web::kMonitorFeed, web::kStationInfo);
+        web::kMonitorFeed, web::kStationInfo, web::kCrewPin);
   } catch (const std::exception& error) {
     fmt::print(stderr, "parlavox-page-constants: {}\n", error.what());
     return 1;

@@ -13,11 +13,14 @@ namespace parlavox::devkit {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 
 StationSession::StationSession(asio::io_context& io, asio::ssl::context& tls,
                                const std::string& host, std::uint16_t port,
-                               const std::string& localAddress, const std::string& path)
+                               const std::string& localAddress, const std::string& path,
+                               const std::string& cookie)
     : socket_(io, tls) {
   socket_.next_layer().set_verify_mode(asio::ssl::verify_none);
   tcp::resolver resolver(io);
@@ -34,6 +37,10 @@ StationSession::StationSession(asio::io_context& io, asio::ssl::context& tls,
   }
   connection.set_option(tcp::no_delay(true));
   socket_.next_layer().handshake(asio::ssl::stream_base::client);
+  if (!cookie.empty()) {
+    socket_.set_option(websocket::stream_base::decorator(
+        [cookie](websocket::request_type& request) { request.set(http::field::cookie, cookie); }));
+  }
   socket_.handshake(host + ":" + std::to_string(port), path);
   socket_.binary(true);
 }

@@ -28,11 +28,13 @@ class StationSession {
   using WriteHook = std::function<void(std::vector<std::uint8_t>&)>;
 
   // Any thread, while `io` runs nothing of this session yet. Connects to `host`:`port` from
-  // `localAddress` (any, when empty) and opens the WebSocket at `path`, blocking until it is open.
-  // `tls` must outlive the session. Throws boost::system::system_error.
+  // `localAddress` (any, when empty) and opens the WebSocket at `path`, blocking until it is open,
+  // with `cookie` as its Cookie header if one is given (a crew session's). `tls` must outlive the
+  // session. Throws boost::system::system_error.
   StationSession(boost::asio::io_context& io, boost::asio::ssl::context& tls,
                  const std::string& host, std::uint16_t port, const std::string& localAddress = {},
-                 const std::string& path = std::string(web::kIntercomSocket));
+                 const std::string& path = std::string(web::kIntercomSocket),
+                 const std::string& cookie = {});
   StationSession(const StationSession&) = delete;
   StationSession& operator=(const StationSession&) = delete;
 

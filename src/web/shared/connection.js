@@ -16,6 +16,9 @@ export class Connection {
   //   binary                messages arrive as ArrayBuffer rather than Blob
   //   liveOnOpen            false: the link only counts as up once live() is called (the monitor
   //                         waits for its first good snapshot)
+  //   admitted()            a promise whether the server would take the socket now, asked
+  //                         before each attempt: a refused upgrade looks to a page like any lost
+  //                         link; false stops the attempts until connect() is called again
   //   onOpen(), onMessage(data), onLost(), onChange(), onHide()  onHide runs on pagehide while
   //                         the socket is still open: the last chance to say goodbye
   // `env` replaces the browser's WebSocket, location, window, clock and timers (for Node's tests).
@@ -55,6 +58,14 @@ export class Connection {
 
   connect() {
     this.env.timers.clearTimeout(this.retryTimer);
+    const { admitted } = this.options;
+    if (!admitted) return this.open();
+    // Unable to ask is no answer: the attempt itself fails and is retried as ever.
+    admitted().then((yes) => !this.stopped && !this.ws && (yes ? this.open() : this.options.onChange?.()),
+      () => !this.stopped && !this.ws && this.open());
+  }
+
+  open() {
     const { WebSocket, location } = this.env;
     const scheme = location.protocol === "http:" ? "ws:" : "wss:";
     let ws;

@@ -14,6 +14,7 @@ import { ListenView } from "./listen-view.js";
 import { Listening } from "./listening.js";
 import { bindMediaSession, showMediaSession } from "./media-session.js";
 import { micHelp } from "./mic-help.js";
+import { crewAdmitted, sendPin } from "./pin.js";
 import { sameNameOnCrew } from "./names.js";
 import { RosterView } from "./roster.js";
 import { Session } from "./session.js";
@@ -37,12 +38,19 @@ const BUZZ = { link: [300, 150, 300, 150, 300], audio: [600, 200, 600], call: [1
 const $ = (id) => document.getElementById(id);
 // The show's name, for the lock screen and the tab: asked for once, beside the intercom's link.
 let show = "";
+const info = fetch(PATHS.stationInfo).then((answer) => answer.json()).catch(() => ({}));
+// The show has a crew PIN and this browser has no session (or it has run out): the PIN form.
+let pinNeeded = false;
 const audio = new StationAudio();
 const key = new TalkKey();
 // Silence as long as the server's own limit is a dead link too, even before any ping (a
 // handshake that hangs).
 const link = new Connection(PATHS.intercom, {
   binary: true, deadMs: SILENCE_LIMIT_MS, checkEveryMs: CHECK_MS, replyMs: REPLY_MS,
+  admitted: () => crewAdmitted(info, fetch).then((yes) => {
+    pinNeeded = !yes;
+    return yes;
+  }),
   onOpen: () => session.opened(),
   onMessage: (data) => data instanceof ArrayBuffer && receive(data),
   onLost: () => {
@@ -199,13 +207,31 @@ $("leave-dialog").addEventListener("close", () => {
   render();
 });
 $("mic-retry").addEventListener("click", () => audio.retryMic().then(render));
+$("pin-form").addEventListener("submit", (e) => {
+  e.preventDefault();
+  $("pin-send").disabled = true;
+  sendPin($("pin").value, fetch).then((refusal) => {
+    $("pin-send").disabled = false;
+    $("pin-error").textContent = refusal;
+    $("pin-error").hidden = !refusal;
+    if (!refusal) {
+      pinNeeded = false;
+      $("pin").value = "";
+      link.connect(); // and a session that was joined joins again, as after any lost link
+    }
+    render();
+  });
+});
 
 // --- Screen ---
 
 function render() {
   const state = now();
-  $("join-screen").hidden = onStation();
-  $("station-screen").hidden = !onStation();
+  const wasAsking = !$("pin-screen").hidden;
+  $("pin-screen").hidden = !pinNeeded;
+  $("join-screen").hidden = pinNeeded || onStation();
+  $("station-screen").hidden = pinNeeded || !onStation();
+  if (pinNeeded && !wasAsking) $("pin").focus();
   renderBanner($("banner"), link);
   if (state.alarms.length) $("banner").hidden = true; // the alarm says it, and more
   join.render({
@@ -288,8 +314,8 @@ setInterval(() => {
 
 render();
 link.start();
-fetch(PATHS.stationInfo).then((answer) => answer.json()).then((info) => {
-  show = typeof info?.show === "string" ? info.show : "";
+info.then((known) => {
+  show = typeof known?.show === "string" ? known.show : "";
   if (session.joined) listenView.build(session, show); // settings are kept per show
   render();
 }).catch(() => {}); // the page works without it: only the tab and the lock screen name the show
