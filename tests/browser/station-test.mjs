@@ -7,13 +7,13 @@
 // The page talks: what parlavox-client records must be the microphone's tone (its sound, where the
 // engine's fake microphone has no pitch of ours). The client talks: what the page received (its
 // test hook, window.parlavoxStation) must be the client's tone, and the monitor must show both
-// crew members, the client as talking. Then the station is never silently off comms: the screen
+// crew members, the client as talking; the show has a crew PIN, asked for first. Then the station is never silently off comms: the screen
 // kept on, its talk key, its sound stopped and restored by a tap, a reload that rejoins, and the
 // server frozen (SIGSTOP) and thawed. Chromium's screenshots are the README's; the other engines'
 // are named after them (station-firefox.png), to look at.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
-import { mkdirSync, readFileSync, rmSync } from "node:fs";
+import { mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import { engines } from "../../tools/devkit/browser/engines.mjs";
 import { channelLevels, delayFigures, LOAD_TEXT } from "./listening.mjs";
@@ -111,6 +111,8 @@ async function until(what, check, ms = 15000) {
 // What the UDP crew must hear of the page's microphone: its pitch where we choose it.
 const micHz = { file: 700, tone: 700, mock: null }[engine.mic];
 
+const roles = JSON.parse(readFileSync(new URL("../config/builtin-roles.json", import.meta.url)));
+writeFileSync(file("roles.json"), JSON.stringify({ ...roles, crewPin: "2468" }));
 const server = start(parlavox, [], "parlavox");
 let browser;
 try {
@@ -131,6 +133,14 @@ try {
   assert.deepEqual(icons, ["icon 200 image/svg+xml", "apple-touch-icon 200 image/png"]);
   assert.equal(await page.count('meta[name$="web-app-capable"]'), 0);
 
+  // The PIN first; the session it gets outlasts the reload below.
+  const pinSays = (pin) => page.fill("#pin", pin).then(() => page.click("#pin-send"))
+    .then(() => until("the PIN's answer", () => station(() => document.getElementById("pin-send").disabled === false)))
+    .then(() => station(() => document.getElementById("pin-error").textContent));
+  await until("the PIN form", () => station(() => !document.getElementById("pin-screen").hidden));
+  assert.equal(await pinSays("1357"), "Wrong PIN.");
+  assert.equal(await pinSays("2468"), "");
+  await until("the join form", () => station(() => !document.getElementById("join-screen").hidden));
   await page.fill("#name", "Follow Spot");
   await until("the roles", () => page.count("#role option"));
   await page.select("#role", "Stage Manager");
