@@ -115,7 +115,7 @@ TEST(CrewAccessFile, AGuardedFileThatCannotBeReadStopsTheServer) {
       {kShow + R"(,"crewNetworks":["10.20.0.0/33"]})", "crewNetworks[0]: expected a network"},
       {kShow + R"(,"crewNetworks":["::/0","10.20.0/24"]})", "crewNetworks[1]: expected a network"},
       {R"({"channels":"Main","crewPin":"4711"})", "channels: expected an array"},
-      {R"({"channels":[],"crewPin":"4711" "roles"})", "parse error"},
+      {R"({"channels":[],"crewPin":"4711\q"})", "parse error"},
   };
   for (const auto& [roles, says] : cases) {
     devkit::TempDir dir;
