@@ -1,39 +1,25 @@
 #include "config/Subnet.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace parlavox {
 namespace {
 
 constexpr unsigned kMappedPrefix = 96;  // ::ffff:0:0/96 holds the IPv4 hosts
 
-bool isMappedV4(const platform::HostAddress& host) {
-  for (std::size_t i = 0; i < 10; ++i) {
-    if (host.bytes[i] != 0) {
-      return false;
-    }
-  }
-  return host.bytes[10] == 0xFF && host.bytes[11] == 0xFF;
+// Every datagram is checked: two words' compare, not sixteen bytes'.
+bool contains(const Subnet& network, const platform::HostAddress& host) {
+  std::uint64_t words[3][2];
+  std::memcpy(words[0], host.bytes.data(), sizeof words[0]);
+  std::memcpy(words[1], network.base.bytes.data(), sizeof words[1]);
+  std::memcpy(words[2], network.mask.bytes.data(), sizeof words[2]);
+  return ((words[0][0] ^ words[1][0]) & words[2][0]) == 0 &&
+         ((words[0][1] ^ words[1][1]) & words[2][1]) == 0;
 }
 
-bool contains(const platform::HostAddress& base, unsigned prefix,
-              const platform::HostAddress& host) {
-  const unsigned whole = prefix / 8;
-  for (unsigned i = 0; i < whole; ++i) {
-    if (host.bytes[i] != base.bytes[i]) {
-      return false;
-    }
-  }
-  if (const unsigned rest = prefix % 8; rest != 0) {
-    const auto mask = static_cast<std::uint8_t>(0xFF << (8 - rest));
-    return (host.bytes[whole] & mask) == base.bytes[whole];
-  }
-  return true;
-}
-
-const Subnet kLoopbackV4{*platform::parseHostAddress("127.0.0.0"), kMappedPrefix + 8,
-                         "127.0.0.0/8"};
-const Subnet kLoopbackV6{*platform::parseHostAddress("::1"), 128, "::1/128"};
+const Subnet kLoopbackV4 = *parseSubnet("127.0.0.0/8");
+const Subnet kLoopbackV6 = *parseSubnet("::1");
 
 }  // namespace
 
@@ -43,7 +29,7 @@ std::optional<Subnet> parseSubnet(std::string_view text) {
   if (!address) {
     return std::nullopt;
   }
-  const bool v4 = isMappedV4(*address) && text.substr(0, slash).find(':') == std::string_view::npos;
+  const bool v4 = text.substr(0, slash).find(':') == std::string_view::npos;  // a.b.c.d
   const unsigned width = v4 ? 32 : 128;
   unsigned prefix = width;
   if (slash != std::string_view::npos) {
@@ -54,20 +40,22 @@ std::optional<Subnet> parseSubnet(std::string_view text) {
       return std::nullopt;
     }
   }
-  Subnet subnet{*address, v4 ? prefix + kMappedPrefix : prefix, std::string(text)};
-  for (unsigned bit = subnet.prefix; bit < 128; ++bit) {
-    subnet.base.bytes[bit / 8] &= static_cast<std::uint8_t>(~(0x80U >> (bit % 8)));
+  Subnet subnet{*address, {}, std::string(text)};
+  for (unsigned bit = 0; bit < (v4 ? prefix + kMappedPrefix : prefix); ++bit) {
+    subnet.mask.bytes[bit / 8] |= static_cast<std::uint8_t>(0x80U >> (bit % 8));
+  }
+  for (std::size_t i = 0; i < subnet.base.bytes.size(); ++i) {
+    subnet.base.bytes[i] &= subnet.mask.bytes[i];
   }
   return subnet;
 }
 
 bool crewMayComeFrom(const std::vector<Subnet>& networks, const platform::HostAddress& host) {
-  if (networks.empty() || contains(kLoopbackV4.base, kLoopbackV4.prefix, host) ||
-      contains(kLoopbackV6.base, kLoopbackV6.prefix, host)) {
+  if (networks.empty() || contains(kLoopbackV4, host) || contains(kLoopbackV6, host)) {
     return true;
   }
   for (const Subnet& network : networks) {
-    if (contains(network.base, network.prefix, host)) {
+    if (contains(network, host)) {
       return true;
     }
   }

@@ -13,7 +13,7 @@ namespace parlavox {
 // networks are kept as the IPv4-mapped IPv6 networks the transports name their hosts by.
 struct Subnet {
   platform::HostAddress base;  // the host bits cleared
-  unsigned prefix = 0;         // of the 128 bits
+  platform::HostAddress mask;  // the network bits set
   std::string text;            // as the file wrote it, for the operator's eyes
   bool operator==(const Subnet&) const = default;
 };
