@@ -58,9 +58,9 @@ TEST_F(CrewAccess, ThePinGetsASessionWrongOnesAreLimitedAndItIsNeverShown) {
   ASSERT_EQ(taken, "204");
   EXPECT_THAT(answer,
               testing::HasSubstr("; Path=/; Max-Age=86400; HttpOnly; Secure; SameSite=Strict"));
-  const auto start = answer.find("parlavox-crew=");
-  ASSERT_NE(start, std::string::npos);
-  const std::string cookie = answer.substr(start, answer.find(';', start) - start);
+  const auto at = answer.find("parlavox-crew=");
+  ASSERT_NE(at, std::string::npos);
+  const std::string cookie = answer.substr(at, answer.find(';', at) - at);
   EXPECT_NO_THROW(openCrewSocket(cookie));
   EXPECT_EQ(ask({"-X", "POST", "-H", "Cookie: " + cookie, kPin}).first, "204") << "still good";
   std::string forged = cookie;
@@ -85,6 +85,13 @@ TEST_F(CrewAccess, ThePinGetsASessionWrongOnesAreLimitedAndItIsNeverShown) {
   EXPECT_EQ(server->count("too many wrong tries"), 1U);
   EXPECT_EQ(server->count("4711"), 0U);
   EXPECT_EQ(served.find("4711"), std::string::npos);
+
+  // A session outlives a restart, not a new PIN.
+  start(R"("crewPin":"4711")");
+  EXPECT_NO_THROW(openCrewSocket(cookie));
+  server->stop();
+  start(R"("crewPin":"4712")");
+  EXPECT_THROW(openCrewSocket(cookie), boost::system::system_error);
 }
 
 TEST_F(CrewAccess, OnlyTheCrewsNetworksAndThisComputerAreAnswered) {
