@@ -377,7 +377,8 @@ Result<TlsIdentity> loadOrCreateTlsIdentity(const std::string& directory, const 
     if (!issued) {
       return Failure{issued.error()};
     }
-    // The key first: a certificate beside the old key would be taken for someone else's.
+    // The key first: a cut between the two leaves the authority's old certificate beside a key
+    // that is not its own, which the next start issues again for.
     if (auto written = replaceRegularFile(keyPath, issued->second, 0600); !written) {
       return Failure{written.error()};
     }
