@@ -153,6 +153,13 @@ platform::TlsNames stationNames() {
   return names;
 }
 
+// Every name and address in `names`.
+std::vector<std::string> allOf(const platform::TlsNames& names) {
+  std::vector<std::string> all = names.dns;
+  all.insert(all.end(), names.ipv4.begin(), names.ipv4.end());
+  return all;
+}
+
 // The crew station's certificate, kept in `directory` (beside the roles file, or the state
 // directory under systemd) with the authority that issues it, and issued again when `names` are
 // new to it. A failure as the error.
@@ -161,10 +168,8 @@ platform::Result<platform::TlsIdentity> stationIdentity(const std::string& direc
                                                         platform::Console& console) {
   auto identity = platform::loadOrCreateTlsIdentity(directory, names);
   if (identity && identity->issued) {
-    std::vector<std::string> all = names.dns;
-    all.insert(all.end(), names.ipv4.begin(), names.ipv4.end());
     console.info(platform::EventKind::service,
-                 fmt::format("🔐 Station certificate issued for {}", fmt::join(all, ", ")));
+                 fmt::format("🔐 Station certificate issued for {}", fmt::join(allOf(names), ", ")));
   }
   return identity;
 }
@@ -173,18 +178,20 @@ platform::Result<platform::TlsIdentity> stationIdentity(const std::string& direc
 // network has its certificate for the new address within this, with nothing new to trust.
 constexpr auto kNamesCheckPeriod = std::chrono::seconds(10);
 
-// Loop thread. Keeps the station's certificate covering the host's names and addresses while it
-// runs; connections already open keep the one they had.
+// Loop thread. Keeps the station's certificate, and the pages' policy of where they may connect,
+// covering the host's names and addresses while it runs; connections already open keep theirs.
 void keepCertificateCurrent(platform::EventLoop& loop, platform::HttpsServer& station,
-                            std::string directory, platform::TlsNames names,
+                            web::Routes& routes, std::string directory, platform::TlsNames names,
                             platform::Console& console) {
   auto current = std::make_shared<platform::TlsNames>(std::move(names));
-  loop.every(kNamesCheckPeriod, [&station, &console, directory = std::move(directory), current] {
+  loop.every(kNamesCheckPeriod, [&station, &routes, &console, directory = std::move(directory),
+                                 current] {
     platform::TlsNames now = stationNames();
     if (now == *current) {
       return;
     }
     *current = std::move(now);
+    routes.setOwnHosts(allOf(*current));
     auto identity = stationIdentity(directory, *current, console);
     auto presented = identity ? station.present(*identity) : platform::Result<void>();
     if (!identity || !presented) {
@@ -299,8 +306,6 @@ int run(int argc, char** argv, platform::Console& terminal) {
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
   const platform::TlsNames names = stationNames();
-  std::vector<std::string> ownHosts = names.dns;
-  ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());
   std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
   certificates = certificates.empty() ? "." : certificates;
@@ -316,13 +321,13 @@ int run(int argc, char** argv, platform::Console& terminal) {
                                   [&monitor] { return monitor.metrics(); }},
                       .stationInfo = {"application/json; charset=utf-8",
                                       [info = stationInfo(show)] { return info; }},
-                      .ownHosts = std::move(ownHosts),
+                      .ownHosts = allOf(names),
                       .authorityDer = identity ? identity->authorityDer : "",
                       .authorityFingerprint = identity ? identity->authorityFingerprint : ""});
   const auto station =
       identity ? openStation(loop.context(), *identity, routes, clock, console) : nullptr;
   if (station && !identity->authorityDer.empty()) {
-    keepCertificateCurrent(loop, *station, certificates, names, console);
+    keepCertificateCurrent(loop, *station, routes, certificates, names, console);
   }
   if (station) {
     loop.every(kMonitorPeriod, [&monitor, &monitorFeed] {

@@ -115,6 +115,10 @@ Routes::Routes(Answers answers)
   }
 }
 
+void Routes::setOwnHosts(const std::vector<std::string>& ownHosts) {
+  headers_ = securityHeaders(ownHosts);
+}
+
 bool Routes::servesPlain(std::string_view path) const {
   return trusting_ && (path == kTrustPage || path.starts_with(std::string(kTrustPage) + "/"));
 }

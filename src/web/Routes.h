@@ -60,6 +60,8 @@ class Routes final : public platform::HttpHandler {
   const platform::HttpHeaders& headers() const override { return headers_; }
   // The trust page and what it needs, while the server has an authority of its own.
   bool servesPlain(std::string_view path) const override;
+  // The names and addresses the pages are served under from now on, as for Answers::ownHosts.
+  void setOwnHosts(const std::vector<std::string>& ownHosts);
 
  private:
   using Answer = std::variant<const WebFile*, Document, Action, WebPeers*, Feed*>;

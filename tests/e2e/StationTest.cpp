@@ -148,6 +148,7 @@ TEST_F(Station, TrustOnceAuthorityIsOfferedKeptAndIssuesForNewAddresses) {
   EXPECT_TRUE(server->waitForLine("🔐 Station certificate issued for localhost, ", 0ms));
   EXPECT_TRUE(server->waitForLine("127.0.0.1, 10.9.0.1", 20s));
   EXPECT_EQ(sh(verified + "10.9.0.1:50505/"), "200");
+  EXPECT_EQ(sh("curl -skI https://10.9.0.1:50505/ | grep -c 'wss://10.9.0.1:50505;'"), "1");
 
   server->stop();
   server = std::make_unique<ChildProcess>(parlavoxBinary(), std::vector<std::string>{}, dir.path());
