@@ -29,7 +29,7 @@ namespace {
 constexpr std::size_t kMaxPemSize = std::size_t{64} * 1024;
 constexpr long kDay = 24L * 60 * 60;
 // A venue's computer outlives a season; each device trusts the authority once, for as long.
-constexpr long kAuthorityValidSeconds = 10 * 365 * kDay;
+constexpr long kAuthorityValidSeconds = kDay * 365 * 10;
 // Within the longest that Apple's devices accept from an authority their user trusted (398 days,
 // counted from the backdated start).
 constexpr long kStationValidSeconds = 396 * kDay;
