@@ -13,5 +13,9 @@ inline constexpr std::string_view kMonitorFeed = "/monitor/events";
 inline constexpr std::string_view kMetrics = "/metrics";
 // What the station needs to know of the show beyond the intercom's own messages: its name.
 inline constexpr std::string_view kStationInfo = "/station.json";
+// Where a device learns to trust the server's own certificate authority, and downloads it; served
+// over plain HTTP too, since a device that does not trust the server yet is warned off HTTPS.
+inline constexpr std::string_view kTrustPage = "/trust";
+inline constexpr std::string_view kAuthorityCertificate = "/trust/parlavox-ca.crt";
 
 }  // namespace parlavox::web
