@@ -39,9 +39,12 @@ void progress(const std::string& line) {
   std::fprintf(stderr, "  %s\n", line.c_str());
 }
 
-std::unique_ptr<ChildProcess> startServer(const Settings& settings) {
-  auto server = std::make_unique<ChildProcess>(settings.server.string(), std::vector<std::string>{},
-                                               settings.directory);
+// On the relay's roles file, or on `roles` in the bench's directory.
+std::unique_ptr<ChildProcess> startServer(const Settings& settings, const std::string& roles = {}) {
+  auto server = std::make_unique<ChildProcess>(
+      settings.server.string(),
+      roles.empty() ? std::vector<std::string>{} : std::vector<std::string>{roles},
+      settings.directory);
   if (!server->waitForLine("✅ Listening on UDP port", 10s) ||
       !server->waitForLine("✅ Listening for OSC", 10s)) {
     throw std::runtime_error("the server did not start: " + server->standardError());
@@ -340,40 +343,64 @@ void memoryAndAnnouncements(const Settings& settings, Results& results) {
   generator.leave(kServerPort);
 }
 
-// UDP crew and browser crew on one channel in the same run: what each kind of peer received.
+// A counter of the server's own metrics, as Prometheus would scrape it.
+std::uint64_t metric(const Settings& settings, std::string_view name) {
+  const auto scraped =
+      devkit::runToEnd("curl", {"-sk", "https://127.0.0.1:50505/metrics"}, settings.directory);
+  for (const std::string& line : scraped.lines) {
+    if (line.starts_with(name) && line.size() > name.size() && line[name.size()] == ' ') {
+      return std::stoull(line.substr(name.size() + 1));
+    }
+  }
+  throw std::runtime_error(fmt::format("the server's metrics have no {}", name));
+}
+
+// UDP crew and browser crew on one channel in the same run: what each kind of peer received, and
+// what each kind of copy cost the server. The UDP crew runs alone first, so that the CPU the
+// stations add, over the copies they received, is the cost of a WebSocket copy.
 void browserPeers(const Settings& settings, Results& results) {
   BrowserPeers browser;
   browser.udpPeers = settings.browserUdpPeers;
   browser.webPeers = settings.browserWebPeers;
   browser.udpTalkers = settings.browserTalkers;
   progress(fmt::format("browser peers: {} UDP, {} WebSocket", browser.udpPeers, browser.webPeers));
-  auto server = startServer(settings);
+  auto server = startServer(settings, settings.crewRoles);
   // Printed once the station's TCP port listens.
   if (!server->waitForLine("Certificate SHA-256", 10s)) {
     throw std::runtime_error("the crew station did not start: " +
                              server->waitForLine("Crew station unavailable", 0s).value_or(""));
   }
   LoadGenerator generator(browser.udpPeers);
-  StationPeers stations(browser.webPeers, kServerPort);
-  if (!generator.join(kServerPort, "Crew", 30s) || !stations.join("Crew", 30s)) {
-    results.problems.emplace_back("the UDP and WebSocket peers could not all join");
+  if (!generator.join(kServerPort, "Crew", 30s)) {
+    results.problems.emplace_back("the UDP peers could not all join");
     return;
   }
-  generator.drain();
+  browser.udpAlone =
+      measured(generator, showLoad(kServerPort, browser.udpTalkers, settings.browserMeasure / 2),
+               *server, browser.udpAloneCpu);
+  StationPeers stations(browser.webPeers, kServerPort);
+  if (!stations.join("Crew", 30s)) {
+    results.problems.emplace_back("the WebSocket peers could not all join");
+    return;
+  }
   RunPlan plan = showLoad(kServerPort, browser.udpTalkers, settings.browserMeasure);
   plan.tail = 1s;  // a copy is lost only if it never comes: TCP may bring it late
   const std::uint32_t run = generator.nextRun();
   plan.atStart = [&] { stations.talk(run, realtimeNs() + (plan.warmup + plan.measure) / 1ns); };
+  const auto stationsBefore = stations.cpu();
   browser.udp = measured(generator, plan, *server, browser.serverCpu);
+  browser.stationsCpu = stations.cpu() - stationsBefore;
   browser.web =
       stations.collect(run, browser.udp.windowStartNs, browser.udp.windowEndNs, browser.udp.sent);
   // The station's datagrams are owed to every UDP peer as well; the generator counted those copies.
   browser.udp.expected += browser.web.sent * browser.udpPeers;
   browser.sessionsClosed = stations.closed();
-  progress(fmt::format("{} | {} (station talker sent {}, sessions closed {}, server CPU {:.2f} s)",
-                       describeRun("UDP", browser.udp), describeRun("WS", browser.web),
-                       browser.web.sent, browser.sessionsClosed,
-                       static_cast<double>(browser.serverCpu.count()) / 1e9));
+  browser.audioDropped = metric(settings, "parlavox_audio_datagrams_dropped_total");
+  browser.joinsRefused = metric(settings, "parlavox_joins_refused_total");
+  progress(fmt::format(
+      "{} | {} (station talker sent {}, sessions closed {}; ns per copy: UDP {:.0f}, WS {:.0f})",
+      describeRun("UDP", browser.udp), describeRun("WS", browser.web), browser.web.sent,
+      browser.sessionsClosed, browser.udpCopyNs(), browser.webCopyNs()));
   checkDelivered(browser.udp, "browser peers, UDP", results);
   checkDelivered(browser.web, "browser peers, WebSocket", results);
   if (browser.web.sent == 0) {
@@ -385,7 +412,25 @@ void browserPeers(const Settings& settings, Results& results) {
   results.browser = std::move(browser);
 }
 
+// CPU over the whole run (warm-up, window, tail) scaled to the window, whose copies are counted.
+double windowCpuNs(std::chrono::nanoseconds cpu, const RunResult& run) {
+  return run.wallSeconds > 0 ? static_cast<double>(cpu.count()) * run.seconds / run.wallSeconds : 0;
+}
+
 }  // namespace
+
+double BrowserPeers::udpCopyNs() const {
+  return udpAlone.received > 0
+             ? windowCpuNs(udpAloneCpu, udpAlone) / static_cast<double>(udpAlone.received)
+             : 0;
+}
+
+double BrowserPeers::webCopyNs() const {
+  const double udpShare = udpCopyNs() * static_cast<double>(udp.received);
+  return web.received > 0
+             ? (windowCpuNs(serverCpu, udp) - udpShare) / static_cast<double>(web.received)
+             : 0;
+}
 
 Results runAll(const Settings& settings) {
   Results results;

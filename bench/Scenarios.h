@@ -34,11 +34,14 @@ struct Settings {
   bool announcements = true;
   bool memory = true;
   bool websocket = true;
-  // Browser peers: UDP and WebSocket crew on one channel, UDP talkers and one station talking.
-  std::size_t browserUdpPeers = 64;
-  std::size_t browserWebPeers = 16;
-  std::size_t browserTalkers = 4;
+  // Browser peers: UDP and WebSocket crew on one channel, UDP talkers and one station talking,
+  // under the server's own limits (`crewRoles`, beside `directory`'s roles.json): a full crew,
+  // which the intercom caps at 500.
+  std::size_t browserUdpPeers = 244;
+  std::size_t browserWebPeers = 256;
+  std::size_t browserTalkers = 15;
   std::chrono::milliseconds browserMeasure{8000};
+  std::string crewRoles;
 };
 
 inline constexpr std::uint16_t kServerPort = wire::kIntercomPort;
@@ -99,10 +102,21 @@ struct BrowserPeers {
   std::size_t udpPeers = 0;
   std::size_t webPeers = 0;
   std::size_t udpTalkers = 0;
+  RunResult udpAlone;  // the UDP peers before any station joined: the cost of a UDP copy
   RunResult udp;
   RunResult web;  // its `sent` is station 0's datagrams
   std::size_t sessionsClosed = 0;
+  std::chrono::nanoseconds udpAloneCpu{};
   std::chrono::nanoseconds serverCpu{};
+  std::chrono::nanoseconds stationsCpu{};  // the bench's own stations, over the same run
+  // What the server's limits turned away meanwhile, by its own metrics: none for a real crew.
+  std::uint64_t audioDropped = 0;
+  std::uint64_t joinsRefused = 0;
+
+  // Server CPU nanoseconds per copy sent, within the window: UDP's from the run without stations,
+  // the WebSocket's what the stations added to that.
+  double udpCopyNs() const;
+  double webCopyNs() const;
 };
 
 struct Results {

@@ -1,5 +1,7 @@
 #include "StationPeers.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -189,6 +191,16 @@ RunResult StationPeers::collect(std::uint32_t run, std::int64_t fromNs, std::int
 
 std::size_t StationPeers::closed() const {
   return state_->closed;
+}
+
+std::chrono::nanoseconds StationPeers::cpu() const {
+  clockid_t clock{};
+  timespec used{};
+  if (::pthread_getcpuclockid(state_->thread.native_handle(), &clock) != 0 ||
+      ::clock_gettime(clock, &used) != 0) {
+    return {};
+  }
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
 }
 
 }  // namespace parlavox::bench

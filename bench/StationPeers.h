@@ -36,6 +36,9 @@ class StationPeers {
                     std::uint64_t udpSent);
   // Sessions the server ended or lost so far.
   std::size_t closed() const;
+  // CPU time of the stations' thread so far: when it nears the run's length, the stations, not
+  // the server, set the pace.
+  std::chrono::nanoseconds cpu() const;
 
  private:
   struct State;

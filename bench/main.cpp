@@ -30,17 +30,17 @@ namespace {
 using namespace parlavox::bench;
 using namespace std::chrono_literals;
 
-// One channel everyone talks and listens on: each datagram goes to every other client. The
-// simulated crew all come from 127.0.0.1, so the cap per address is lifted, and so is the rate per
-// talker: the saturation ramp drives 16 talkers far beyond a real one's pace.
-constexpr const char* kRoles = R"({
+// One channel everyone talks and listens on: each datagram goes to every other client.
+constexpr const char* kShow = R"(
   "show" : "Bench",
   "channels" : [ "Main", "Tech" ],
   "roles" : [ { "name" : "Crew", "talk" : [ "Main" ], "listen" : [ "Main" ] } ],
-  "oscPort" : 47000,
+  "oscPort" : 47000)";
+// The relay's runs lift the cap per address and the rate per talker: the saturation ramp drives 16
+// talkers far beyond a real one's pace. The browser crew runs as a show would, with neither lifted.
+constexpr const char* kLifted = R"(,
   "peersPerHost" : 1000,
-  "audioPerTalker" : 100000
-})";
+  "audioPerTalker" : 100000)";
 
 // The directory this program was started from, where parlavox and parlavox-say lie beside it.
 std::filesystem::path ownDirectory() {
@@ -53,7 +53,7 @@ int usage() {
   std::fprintf(
       stderr,
       "usage: parlavox-bench [--quick] [--only relay,saturation,announce,memory,websocket] "
-      "[--server PATH] [--clients 16,64,...] [--talkers 4,8,...]\n");
+      "[--server PATH] [--clients 16,64,...] [--talkers 4,8,...] [--browser UDP,WS,TALKERS]\n");
   return 2;
 }
 
@@ -101,7 +101,7 @@ Settings quickRun() {
   s.longAnnouncement = false;
   s.browserUdpPeers = 8;
   s.browserWebPeers = 4;
-  s.browserTalkers = 2;
+  s.browserTalkers = 2;  // and the station
   s.browserMeasure = 1200ms;
   return s;
 }
@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
   std::string only;
   std::vector<std::size_t> clients;
   std::vector<std::size_t> talkers;
+  std::vector<std::size_t> browser;
   std::filesystem::path server = ownDirectory() / "parlavox";
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--quick") {
@@ -145,6 +146,11 @@ int main(int argc, char** argv) {
       clients = numbers(args[++i]);
     } else if (args[i] == "--talkers" && i + 1 < args.size()) {
       talkers = numbers(args[++i]);
+    } else if (args[i] == "--browser" && i + 1 < args.size()) {
+      browser = numbers(args[++i]);
+      if (browser.size() != 3) {
+        return usage();
+      }
     } else if (args[i] == "--server" && i + 1 < args.size()) {
       server = std::filesystem::absolute(args[++i]);
     } else {
@@ -166,6 +172,11 @@ int main(int argc, char** argv) {
   if (!talkers.empty()) {
     settings.talkerCounts = talkers;
   }
+  if (!browser.empty()) {
+    settings.browserUdpPeers = browser[0];
+    settings.browserWebPeers = browser[1];
+    settings.browserTalkers = browser[2];
+  }
   settings.server = server;
   settings.self = ownDirectory() / "parlavox-bench";
   if (!std::filesystem::exists(settings.server)) {
@@ -185,7 +196,9 @@ int main(int argc, char** argv) {
   settings.directory =
       std::filesystem::temp_directory_path() / ("parlavox-bench-" + std::to_string(random()));
   std::filesystem::create_directories(settings.directory);
-  std::ofstream(settings.directory / "roles.json") << kRoles;
+  std::ofstream(settings.directory / "roles.json") << "{" << kShow << kLifted << "\n}";
+  settings.crewRoles = "crew.json";
+  std::ofstream(settings.directory / settings.crewRoles) << "{" << kShow << "\n}";
 
   std::fprintf(stderr, "parlavox-bench: %s run against %s\n", quick ? "quick" : "full",
                settings.server.c_str());

@@ -83,6 +83,15 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
                    "   Crew station: " + stationAddress(platform::hostName() + ".local"));
     }
     console.info(platform::EventKind::report, "   Certificate SHA-256: " + station->fingerprint);
+    if (!station->authorityFingerprint.empty()) {
+      console.info(platform::EventKind::report,
+                   "   Certificate authority SHA-256: " + station->authorityFingerprint);
+      console.info(
+          platform::EventKind::report,
+          fmt::format("   Trust once: http://{}:{}/trust",
+                      addresses.empty() ? platform::hostName() + ".local" : addresses[0].address,
+                      wire::kIntercomPort));
+    }
     if (!config.crewPin.empty()) {
       console.info(platform::EventKind::report, "   The station asks for the crew PIN.");
     }
@@ -158,19 +167,53 @@ platform::TlsNames stationNames() {
   return names;
 }
 
-// The crew station's certificate: made on the first start, then kept in `directory` (beside the
-// roles file, or the state directory under systemd). Nothing when it cannot be had.
-std::optional<platform::TlsIdentity> stationIdentity(const std::string& directory,
-                                                     const platform::TlsNames& names,
-                                                     platform::Console& console) {
+// Every name and address in `names`.
+std::vector<std::string> allOf(const platform::TlsNames& names) {
+  std::vector<std::string> all = names.dns;
+  all.insert(all.end(), names.ipv4.begin(), names.ipv4.end());
+  return all;
+}
+
+// The crew station's certificate, kept in `directory` (beside the roles file, or the state
+// directory under systemd) with the authority that issues it, and issued again when `names` are
+// new to it. A failure as the error.
+platform::Result<platform::TlsIdentity> stationIdentity(const std::string& directory,
+                                                        const platform::TlsNames& names,
+                                                        platform::Console& console) {
   auto identity = platform::loadOrCreateTlsIdentity(directory, names);
-  if (!identity) {
-    console.warning(platform::EventKind::service,
-                    fmt::format("⚠️  Crew station unavailable: certificate in {}: {}",
-                                directory, identity.error()));
-    return std::nullopt;
+  if (identity && identity->issued) {
+    console.info(platform::EventKind::service,
+                 fmt::format("🔐 Station certificate issued for {}", fmt::join(allOf(names), ", ")));
   }
-  return std::move(*identity);
+  return identity;
+}
+
+// How often the host's names and addresses are looked at: a laptop that moves to the venue's
+// network has its certificate for the new address within this, with nothing new to trust.
+constexpr auto kNamesCheckPeriod = std::chrono::seconds(10);
+
+// Loop thread. Keeps the station's certificate, and the pages' policy of where they may connect,
+// covering the host's names and addresses while it runs; connections already open keep theirs.
+void keepCertificateCurrent(platform::EventLoop& loop, platform::HttpsServer& station,
+                            web::Routes& routes, std::string directory, platform::TlsNames names,
+                            platform::Console& console) {
+  auto current = std::make_shared<platform::TlsNames>(std::move(names));
+  loop.every(kNamesCheckPeriod, [&station, &routes, &console, directory = std::move(directory),
+                                 current] {
+    platform::TlsNames now = stationNames();
+    if (now == *current) {
+      return;
+    }
+    *current = std::move(now);
+    routes.setOwnHosts(allOf(*current));
+    auto identity = stationIdentity(directory, *current, console);
+    auto presented = identity ? station.present(*identity) : platform::Result<void>();
+    if (!identity || !presented) {
+      console.warning(platform::EventKind::service,
+                      fmt::format("⚠️  Crew station: no certificate for the new addresses: {}",
+                                  !identity ? identity.error() : presented.error()));
+    }
+  });
 }
 
 // The crew station, the monitor and the metrics, on the TCP port of the intercom's number.
@@ -223,8 +266,11 @@ Environment:
   PARLAVOX_VOICE   the voice parlavox-say speaks announcements in ("fr", "en-us"); else the
                    locale's language (LC_ALL, LC_MESSAGES, LANG), else English
 
-The crew station's certificate and key, parlavox-cert.pem and parlavox-key.pem, are made on the
-first start and kept beside the roles file, or in STATE_DIRECTORY.)";
+The server's certificate authority, parlavox-ca.pem and parlavox-ca-key.pem, is made on the first
+start and kept beside the roles file, or in STATE_DIRECTORY; each device trusts it once, at
+http://HOST:50505/trust. It issues the crew station's certificate, parlavox-cert.pem and
+parlavox-key.pem, again whenever the computer's names or addresses change. An operator's own
+certificate and key in their place are used as they are.)";
 
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
@@ -284,12 +330,17 @@ int run(int argc, char** argv, platform::Console& terminal) {
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
   const platform::TlsNames names = stationNames();
-  std::vector<std::string> ownHosts = names.dns;
-  ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());
-  const std::string certificates =
+  std::string certificates =
       !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, names, console);
-  // The TLS key is the secret that signs crew sessions: kept across restarts, never served.
+  certificates = certificates.empty() ? "." : certificates;
+  auto identity = stationIdentity(certificates, names, console);
+  if (!identity) {
+    console.warning(platform::EventKind::service,
+                    fmt::format("⚠️  Crew station unavailable: certificate in {}: {}",
+                                certificates, identity.error()));
+  }
+  // The station's TLS key is the secret that signs crew sessions: kept across restarts (until a
+  // new station certificate is issued with a key of its own), never served.
   std::optional<web::CrewAccess> crewAccess;
   std::vector<std::pair<std::string, web::Routes::Action>> actions;
   web::Gate crewGate;
@@ -311,13 +362,18 @@ int run(int argc, char** argv, platform::Console& terminal) {
                                   [&monitor] { return monitor.metrics(); }},
                       .stationInfo = {"application/json; charset=utf-8",
                                       [info = stationInfo(show)] { return info; }},
-                      .ownHosts = std::move(ownHosts),
+                      .ownHosts = allOf(names),
                       .actions = std::move(actions),
                       .crewGate = std::move(crewGate),
-                      .operatorGate = {}});
+                      .operatorGate = {},
+                      .authorityDer = identity ? identity->authorityDer : "",
+                      .authorityFingerprint = identity ? identity->authorityFingerprint : ""});
   const auto station = identity ? openStation(loop.context(), *identity, routes, clock,
                                               show.config().crewNetworks, console)
                                 : nullptr;
+  if (station && !identity->authorityDer.empty()) {
+    keepCertificateCurrent(loop, *station, routes, certificates, names, console);
+  }
   if (station) {
     loop.every(kMonitorPeriod, [&monitor, &monitorFeed] {
       if (monitorFeed.hasReaders()) {

@@ -57,6 +57,9 @@ class HttpHandler {
   virtual std::variant<HttpResponse, Upgrade> upgrade(const HttpRequest& request) = 0;
   // What every response carries, the server's own (redirects, refusals) included.
   virtual const HttpHeaders& headers() const = 0;
+  // Whether `path` is answered over plain HTTP too, rather than sent to HTTPS: for what a device
+  // needs before it can trust the server's certificate.
+  virtual bool servesPlain(std::string_view /*path*/) const { return false; }
 };
 
 }  // namespace parlavox::platform

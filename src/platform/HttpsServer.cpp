@@ -95,14 +95,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
     parser_->body_limit(kBodyLimit);
   }
 
-  // Plain HTTP: every request is sent to the same place over HTTPS.
+  // Plain HTTP: what the handler serves plain is answered; everything else is sent to the same
+  // place over HTTPS.
   void readPlain() {
     newParser();
+    plain_.expires_after(kRequestTimeout);
     http::async_read(plain_, buffer_, *parser_,
                      [self = shared_from_this()](ErrorCode error, std::size_t /*size*/) {
-                       if (self->serving_.lock() && !self->refused(error)) {
-                         self->redirect();
+                       if (!self->serving_.lock() || self->refused(error)) {
+                         return;
                        }
+                       const std::string_view target = self->parser_->get().target();
+                       self->handler_.servesPlain(target.substr(0, target.find('?')))
+                           ? self->serve()
+                           : self->redirect();
                      });
   }
 
@@ -206,7 +212,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
         return;
       }
       if (response->keep_alive()) {
-        self->readSecure();
+        self->secure_ ? self->readSecure() : self->readPlain();
         return;
       }
       self->lowest().socket().shutdown(tcp::socket::shutdown_send, error);
@@ -244,7 +250,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
                             .body = request.body(),
                             .cookie = request[http::field::cookie],
                             .authorization = request[http::field::authorization]};
-    if (websocket::is_upgrade(request)) {
+    if (secure_ && websocket::is_upgrade(request)) {
       auto answer = handler_.upgrade(asked);
       if (auto* upgrade = std::get_if<HttpHandler::Upgrade>(&answer)) {
         std::make_shared<WebSocketSession>(std::move(*secure_), std::move(upgrade->options), clock_,
@@ -292,6 +298,20 @@ asio::ssl::context tlsContext(const TlsIdentity& identity) {
   tls.use_certificate_chain(asio::buffer(identity.certificatePem));
   tls.use_private_key(asio::buffer(identity.keyPem), asio::ssl::context::pem);
   return tls;
+}
+
+// Each connection's TLS takes the context's certificate and key when it is made: a new pair
+// applies to the connections after it.
+Result<void> useIdentity(asio::ssl::context& tls, const TlsIdentity& identity) {
+  ErrorCode error;
+  tls.use_certificate_chain(asio::buffer(identity.certificatePem), error);
+  if (!error) {
+    tls.use_private_key(asio::buffer(identity.keyPem), asio::ssl::context::pem, error);
+  }
+  if (error) {
+    return Failure{error.message()};
+  }
+  return {};
 }
 
 tcp::acceptor bindAcceptor(asio::io_context& context, std::uint16_t port) {
@@ -402,6 +422,10 @@ HttpsServer::~HttpsServer() {
 
 void HttpsServer::start() {
   accept();
+}
+
+Result<void> HttpsServer::present(const TlsIdentity& identity) {
+  return useIdentity(tls_, identity);
 }
 
 void HttpsServer::accept() {

@@ -27,7 +27,8 @@ struct ConnectionLimits {
 // the intercom, announcements or Avahi of descriptors.
 ConnectionLimits connectionLimits(std::uint64_t descriptors);
 
-// A TCP port that speaks HTTPS, and plain HTTP only to send the browser to HTTPS: it accepts,
+// A TCP port that speaks HTTPS, and plain HTTP to send the browser to HTTPS, but for the paths the
+// handler serves plain (what a device needs before it trusts the certificate): it accepts,
 // tells TLS from plain by the first bytes, reads each request within limits and hands it to the
 // handler, which answers it or takes it as a WebSocket. It knows no path. Everything runs on the
 // loop. Connections are capped by connectionLimits() of the process's descriptor limit: past the
@@ -49,6 +50,9 @@ class HttpsServer {
 
   // Loop thread (or the main thread before the loop runs). Starts accepting.
   void start();
+  // Loop thread. The certificate and key for the connections from now on; those under way keep
+  // theirs. A failure leaves the server presenting what it did.
+  Result<void> present(const TlsIdentity& identity);
   // Loop thread (or the main thread before start()). Who may connect at all: anyone else's
   // connection is closed as it is accepted, before a byte is read or written. Empty: anyone.
   void admitOnly(std::function<bool(const HostAddress&)> admitted) {

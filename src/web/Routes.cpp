@@ -67,6 +67,18 @@ platform::HttpHeaders securityHeaders(const std::vector<std::string>& ownHosts) 
   };
 }
 
+// The trust page with the authority's fingerprint, for a careful user to compare with the
+// console's.
+std::string trustPage(const std::string& fingerprint) {
+  const WebFile* page = file("trust/index.html");
+  std::string text(page != nullptr ? page->bytes : "");
+  constexpr std::string_view kPlaceholder = "{{authority-fingerprint}}";
+  if (const auto at = text.find(kPlaceholder); at != std::string::npos) {
+    text.replace(at, kPlaceholder.size(), fingerprint);
+  }
+  return text;
+}
+
 }  // namespace
 
 Routes::Routes(Answers answers)
@@ -84,10 +96,31 @@ Routes::Routes(Answers answers)
   table_.emplace(kStationInfo, Route{std::move(answers.stationInfo)});
   table_.emplace(kIntercomSocket, Route{&answers.crew, crew});
   table_.emplace(kMonitorFeed, Route{&answers.monitorFeed, operatorOnly});
+  // The page only as it is made, with its fingerprint.
+  table_.erase("/trust/index.html");
+  if (!answers.authorityDer.empty()) {
+    trusting_ = true;
+    table_.emplace(
+        kTrustPage,
+        Route{Document{"text/html; charset=utf-8",
+                       [page = trustPage(answers.authorityFingerprint)] { return page; }}});
+    // The type that has iOS offer a profile and Android a CA certificate to install.
+    table_.emplace(kAuthorityCertificate,
+                   Route{Document{"application/x-x509-ca-cert",
+                                  [der = std::move(answers.authorityDer)] { return der; }}});
+  }
   for (auto& [path, action] : answers.actions) {
     const Gate* gate = action.operatorOnly ? operatorOnly : nullptr;
     table_.insert_or_assign(path, Route{std::move(action), gate});
   }
+}
+
+void Routes::setOwnHosts(const std::vector<std::string>& ownHosts) {
+  headers_ = securityHeaders(ownHosts);
+}
+
+bool Routes::servesPlain(std::string_view path) const {
+  return trusting_ && (path == kTrustPage || path.starts_with(std::string(kTrustPage) + "/"));
 }
 
 platform::HttpResponse Routes::respond(const platform::HttpRequest& request) {

@@ -21,7 +21,8 @@ using Gate = std::function<std::optional<platform::HttpResponse>(const platform:
 // asked for (the metrics), an action a form posts, the crew's WebSocket, where each session is a
 // peer of the intercom, and the monitor's read-only feed. The crew's WebSocket passes the crew's
 // gate first; the monitor, its feed and the metrics the operator's, as do actions that ask for it.
-// Everything else is 404, and a method a path does not take 405. Loop thread only.
+// The trust page, open to all, is served over plain HTTP as well. Everything else is 404, and a
+// method a path does not take 405. Loop thread only.
 class Routes final : public platform::HttpHandler {
  public:
   struct Document {
@@ -45,6 +46,10 @@ class Routes final : public platform::HttpHandler {
     std::vector<std::pair<std::string, Action>> actions = {};
     Gate crewGate = {};
     Gate operatorGate = {};
+    // The server's own certificate authority, which the trust page offers: its certificate (DER)
+    // and SHA-256 fingerprint. Empty with an operator's own certificate: then no trust page.
+    std::string authorityDer = {};
+    std::string authorityFingerprint = {};
   };
 
   explicit Routes(Answers answers);
@@ -53,6 +58,10 @@ class Routes final : public platform::HttpHandler {
   std::variant<platform::HttpResponse, Upgrade> upgrade(
       const platform::HttpRequest& request) override;
   const platform::HttpHeaders& headers() const override { return headers_; }
+  // The trust page and what it needs, while the server has an authority of its own.
+  bool servesPlain(std::string_view path) const override;
+  // The names and addresses the pages are served under from now on, as for Answers::ownHosts.
+  void setOwnHosts(const std::vector<std::string>& ownHosts);
 
  private:
   using Answer = std::variant<const WebFile*, Document, Action, WebPeers*, Feed*>;
@@ -65,6 +74,7 @@ class Routes final : public platform::HttpHandler {
   Gate crewGate_;
   Gate operatorGate_;
   platform::HttpHeaders headers_;
+  bool trusting_ = false;  // whether there is a trust page
 };
 
 }  // namespace parlavox::web

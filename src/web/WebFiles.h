@@ -12,7 +12,8 @@ struct WebFile {
   std::string_view bytes;
 };
 
-// Any thread. Every file under src/web's shared/, station/ and monitor/, and the generated module
+// Any thread. Every file under src/web's shared/, station/, monitor/ and trust/, and the generated
+// module
 // of protocol facts, shared/constants.js.
 std::span<const WebFile> webFiles();
 

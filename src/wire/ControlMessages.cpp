@@ -207,6 +207,13 @@ std::optional<AnnounceMsg> readAnnounce(const Json& object) {
   return message;
 }
 
+// A message's object, its type first.
+OrderedJson typed(MessageType type) {
+  OrderedJson json = OrderedJson::object();
+  json["t"] = nameOf(type);
+  return json;
+}
+
 }  // namespace
 
 std::string_view nameOf(MessageType type) {
@@ -249,8 +256,7 @@ std::string controlDatagram(std::string_view json) {
 
 std::string encodeControl(const Incoming& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(message.t);
+    OrderedJson json = typed(message.t);
     if (message.name) {
       json["name"] = *message.name;
     }
@@ -274,8 +280,7 @@ std::string encodeControl(const Incoming& message) {
 
 std::string encodeControl(const ConfigMsg& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(MessageType::config);
+    OrderedJson json = typed(MessageType::config);
     json["channels"] = message.channels;
     json["roles"] = OrderedJson::array();
     for (const Role& role : message.roles) {
@@ -287,8 +292,7 @@ std::string encodeControl(const ConfigMsg& message) {
 
 std::string encodeControl(const WelcomeMsg& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(MessageType::welcome);
+    OrderedJson json = typed(MessageType::welcome);
     json["id"] = message.id;
     json["role"] = message.role;
     json["talkMask"] = message.talkMask;
@@ -299,8 +303,7 @@ std::string encodeControl(const WelcomeMsg& message) {
 
 std::string encodeControl(const SimpleMsg& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(message.t);
+    OrderedJson json = typed(message.t);
     if (message.reason) {
       json["reason"] = *message.reason;
     }
@@ -318,8 +321,7 @@ std::string encodeControl(const RosterMsg& message) {
       entry["role"] = user.role;
       users.push_back(std::move(entry));
     }
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(MessageType::roster);
+    OrderedJson json = typed(MessageType::roster);
     json["users"] = std::move(users);
     return json;
   });
@@ -327,8 +329,7 @@ std::string encodeControl(const RosterMsg& message) {
 
 std::string encodeControl(const CallMsg& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(MessageType::call);
+    OrderedJson json = typed(MessageType::call);
     json["id"] = message.id;
     json["mask"] = message.mask;
     return json;
@@ -337,8 +338,7 @@ std::string encodeControl(const CallMsg& message) {
 
 std::string encodeControl(const AnnounceMsg& message) {
   return datagram([&] {
-    OrderedJson json = OrderedJson::object();
-    json["t"] = nameOf(MessageType::announce);
+    OrderedJson json = typed(MessageType::announce);
     json["text"] = message.text;
     json["mask"] = message.mask;
     return json;

@@ -4,11 +4,13 @@
 // checked in the relay's unit tests; here the crew's audio and the server's memory are measured
 // while it happens.
 #include <arpa/inet.h>
+#include <fmt/format.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <iostream>
 #include <thread>
 
@@ -212,10 +214,32 @@ TEST_F(Hardening, AConnectionFloodLeavesTheIntercomAndAnnouncementsWorking) {
   // Accepting in a loop takes a whole CPU; an idle server next to nothing.
   EXPECT_LT(held, 0.5);
   EXPECT_LT(after, 0.5);
-  const devkit::ChildRun page = devkit::runToEnd(
-      "curl", {"-sk", "-o", "/dev/null", "-w", "%{http_code}\n", "https://127.0.0.1:50505/"},
-      dir.path());
-  EXPECT_EQ(page.lines, std::vector<std::string>{"200"}) << "served again once they are gone";
+  const auto served = [this] {
+    return devkit::runToEnd("curl",
+                            {"-sk", "-o", "/dev/null", "-w", "%{http_code}\n", "--max-time", "5",
+                             "https://127.0.0.1:50505/"},
+                            dir.path())
+        .lines;
+  };
+  EXPECT_EQ(served(), std::vector<std::string>{"200"}) << "served again once they are gone";
+
+  // Out of descriptors below the caps (the limit lowered under the running server's feet):
+  // accepting fails, and the server waits between tries instead of spinning.
+  const std::string pid = std::to_string(server->pid());
+  const auto open = static_cast<std::size_t>(
+      std::distance(std::filesystem::directory_iterator("/proc/" + pid + "/fd"), {}));
+  const auto limit = [&](std::size_t n) {
+    return devkit::runProgram({"prlimit", "--pid", pid, fmt::format("--nofile={}:256", n)});
+  };
+  ASSERT_EQ(limit(open + 2), 0);
+  flood = std::make_unique<devkit::IdleConnections>(40, 4, wire::kIntercomPort);
+  std::this_thread::sleep_for(1s);
+  const double starved = devkit::cpuShare(server->pid(), 2s);
+  std::cout << "CPU out of descriptors: " << starved * 100 << "%\n";
+  EXPECT_LT(starved, 0.5);
+  flood.reset();
+  ASSERT_EQ(limit(256), 0);
+  EXPECT_EQ(served(), std::vector<std::string>{"200"}) << "served again with descriptors back";
 }
 
 TEST_F(Hardening, HostileNamesStayOnOneLineOfTheConsole) {

@@ -104,6 +104,8 @@ TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
       {"GET", "/station", 404, "text/plain", notFound},
       {"GET", "/intercom", 404, "text/plain", notFound},
       {"GET", "/monitor/events", 404, "text/plain", notFound},
+      {"GET", "/trust", 404, "text/plain", notFound},  // no authority of the server's own
+      {"GET", "/trust/index.html", 404, "text/plain", notFound},
   };
   for (const Case& c : cases) {
     const auto answer = get(c.path, c.method);
@@ -112,6 +114,7 @@ TEST_F(RoutesTest, EachPathIsAnsweredByWhatItIsFor) {
     EXPECT_EQ(answer.body, c.body) << c.path;
   }
   EXPECT_NE(page("station/index.html").find("/station/station.js"), std::string::npos);
+  EXPECT_FALSE(routes.servesPlain("/trust"));
 }
 
 TEST_F(RoutesTest, OnlyTheCrewAndTheFeedTakeAWebSocket) {

@@ -19,9 +19,9 @@ namespace parlavox::devkit {
 
 // A crew station's session as a browser holds one: a WebSocket over TLS at the server's
 // /intercom whose binary messages are the intercom's datagrams, with TCP_NODELAY on as browsers
-// set it. It trusts any certificate (the server's own is self-signed): for the tests and the
-// bench, on loopback. Asynchronous on the io_context it is given, so that one thread can drive
-// many; client::StationClient gives one a context of its own and waits for it.
+// set it. It trusts any certificate (the server's authority is not the tests' to trust): for the
+// tests and the bench, on loopback. Asynchronous on the io_context it is given, so that one thread
+// can drive many; client::StationClient gives one a context of its own and waits for it.
 class StationSession {
  public:
   using MessageHandler = std::function<void(std::span<const std::uint8_t>)>;

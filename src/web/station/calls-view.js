@@ -1,25 +1,20 @@
 // Calls on the screen: a call key beside each talk channel, the calls waiting with who made them,
 // and the channels they light (the list itself is a CallList's).
+import { decoration, el } from "./dom.js";
 import { maskBits } from "./session.js";
 
 const SENT_MS = 1500; // the key shows the call went out, and a press meanwhile is not another
 
 function labelled(button, icon, text, name) {
-  const mark = document.createElement("span");
-  mark.setAttribute("aria-hidden", "true");
-  mark.textContent = icon;
-  const hidden = document.createElement("span");
-  hidden.className = "visually-hidden";
-  hidden.textContent = ` ${name}`;
-  button.replaceChildren(mark, ` ${text}`, hidden); // read as "Call Stage"
+  // Read as "Call Stage".
+  button.replaceChildren(decoration(icon), ` ${text}`, el("span", "visually-hidden", ` ${name}`));
 }
 
 // A beltpack's call button for the channel `name`. call() -> whether the call went out; said(text):
 // for screen readers.
 export function callKey(name, call, said) {
-  const button = document.createElement("button");
+  const button = el("button", "call-key");
   button.type = "button";
-  button.className = "call-key";
   labelled(button, "📞", "Call", name);
   let busy = false;
   button.addEventListener("click", () => {
@@ -79,19 +74,12 @@ export class CallsView {
   }
 
   row(call) {
-    const li = document.createElement("li");
-    li.className = "call";
-    const text = document.createElement("span");
-    text.className = "call-text";
-    const who = document.createElement("strong");
-    who.className = "who";
-    who.textContent = call.name ?? "Someone";
-    const icon = document.createElement("span");
-    icon.setAttribute("aria-hidden", "true");
-    icon.textContent = "📞 ";
-    text.append(icon, who, ` calls on ${this.where(call)}`);
-    const dismiss = document.createElement("button");
-    Object.assign(dismiss, { type: "button", className: "quiet", textContent: "Dismiss" });
+    const li = el("li", "call");
+    const text = el("span", "call-text");
+    const who = el("strong", "who", call.name ?? "Someone");
+    text.append(decoration("📞 "), who, ` calls on ${this.where(call)}`);
+    const dismiss = el("button", "quiet", "Dismiss");
+    dismiss.type = "button";
     dismiss.setAttribute("aria-label", `Dismiss the call from ${who.textContent}`);
     dismiss.addEventListener("click", () => this.onDismiss(call.key));
     li.append(text, dismiss);

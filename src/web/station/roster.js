@@ -1,19 +1,14 @@
 // The crew list: who is talking first, then who shares our channels, the rest folded behind a
 // count. Drawn by difference, so a crew of hundreds costs the rows that change, not the list.
 import { arrangeCrew, roleMasks, sortCrew } from "./crew.js";
+import { el } from "./dom.js";
 import { LIT_MS } from "./session.js";
 
 const RECENT_MS = 2500; // a talker keeps their place at the top through the pauses of a talk
 
 function row(user, you) {
-  const li = document.createElement("li");
-  const dot = document.createElement("span");
-  dot.className = "dot";
-  const who = document.createElement("span");
-  who.className = "who";
-  const what = document.createElement("span");
-  what.className = "what";
-  li.append(dot, who, what);
+  const li = el("li");
+  li.append(el("span", "dot"), el("span", "who"), el("span", "what"));
   fill(li, user, you);
   return li;
 }
@@ -26,10 +21,7 @@ function fill(li, user, you) {
   const who = li.children[1];
   who.textContent = name;
   if (you) {
-    const mark = document.createElement("span");
-    mark.className = "you";
-    mark.textContent = "you";
-    who.append(" ", mark);
+    who.append(" ", el("span", "you", "you"));
   }
   li.children[2].textContent = role;
 }
