@@ -339,13 +339,12 @@ int run(int argc, char** argv, platform::Console& terminal) {
                     fmt::format("⚠️  Crew station unavailable: certificate in {}: {}",
                                 certificates, identity.error()));
   }
-  // The station's TLS key is the secret that signs crew sessions: kept across restarts (until a
-  // new station certificate is issued with a key of its own), never served.
+  // Crew sessions are signed with the identity's secret: they outlive restarts and new addresses.
   std::optional<web::CrewAccess> crewAccess;
   std::vector<std::pair<std::string, web::Routes::Action>> actions;
   web::Gate crewGate;
   if (identity && !show.config().crewPin.empty()) {
-    crewAccess.emplace(show.config().crewPin, identity->keyPem, clock, platform::unixSeconds,
+    crewAccess.emplace(show.config().crewPin, identity->secret, clock, platform::unixSeconds,
                        console);
     actions.emplace_back(web::kCrewPin,
                          web::Routes::Action{[&crewAccess](const platform::HttpRequest& request) {

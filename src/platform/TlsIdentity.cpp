@@ -321,8 +321,10 @@ Result<TlsIdentity> operatorsOwn(X509* certificate, EVP_PKEY* key, PemPair pem) 
   if (X509_check_private_key(certificate, key) != 1) {
     return openSslFailure("the key is not the certificate's");
   }
+  std::string secret = pem.second;
   return TlsIdentity{
-      std::move(pem.first), std::move(pem.second), fingerprintOf(certificate), "", "", false};
+      std::move(pem.first), std::move(pem.second), fingerprintOf(certificate), "", "", false,
+      std::move(secret)};
 }
 
 }  // namespace
@@ -367,7 +369,8 @@ Result<TlsIdentity> loadOrCreateTlsIdentity(const std::string& directory, const 
     authority = std::move(*made);
   }
   X509* issuer = authority->certificate.get();
-  TlsIdentity identity{"", "", "", derOf(issuer), fingerprintOf(issuer), false};
+  TlsIdentity identity{
+      "", "", "", derOf(issuer), fingerprintOf(issuer), false, keyPemOf(authority->key.get())};
   if (certificate && signedBy(certificate.get(), issuer) &&
       serves(certificate.get(), key.get(), names)) {
     identity.certificatePem = std::move((*station)->first);

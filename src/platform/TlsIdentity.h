@@ -20,6 +20,10 @@ struct TlsIdentity {
   std::string authorityFingerprint;
   // Whether this call issued the station's certificate (for the names asked for).
   bool issued = false;
+  // What the server may sign its own tokens with, never served, and as lasting as the devices'
+  // trust: the authority's key when it is the server's own (the station's changes with every new
+  // address), else the operator's key.
+  std::string secret;
 };
 
 // The names the station's certificate is issued for: DNS names and IPv4 addresses.

@@ -15,8 +15,9 @@ namespace parlavox::web {
 
 // The crew PIN: a browser that posts it gets a session cookie for 24 hours, and the crew's gate
 // lets through only requests that carry a good one. The cookie is its expiry signed with a key
-// made of a secret the server keeps (its TLS key) and the PIN, so that it outlives a restart but
-// not a change of PIN, and needs no table. Wrong PINs are limited per host. Loop thread only.
+// made of a secret the server keeps (its authority's key) and the PIN, so that it outlives a
+// restart but not a change of PIN, and needs no table. Wrong PINs are limited per host. Loop thread
+// only.
 class CrewAccess {
  public:
   static constexpr std::string_view kCookie = "parlavox-crew";
