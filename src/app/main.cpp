@@ -1,4 +1,5 @@
-// parlavox: the intercom server. One optional argument, the roles file; --help and --version.
+// parlavox: the intercom server. One optional argument, the roles file; --operator-password,
+// --help and --version.
 //
 // This file is where the parts meet: the show, the platform's services, the relay and the
 // announcements are made here and wired to each other, and nowhere else.
@@ -6,6 +7,7 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -26,12 +28,16 @@
 #include "platform/Console.h"
 #include "platform/HttpsServer.h"
 #include "platform/Interfaces.h"
+#include "platform/PasswordFile.h"
+#include "platform/PasswordHash.h"
 #include "platform/QrCode.h"
 #include "platform/SystemdNotifier.h"
+#include "platform/Terminal.h"
 #include "platform/TlsIdentity.h"
 #include "platform/UdpNetwork.h"
 #include "relay/IntercomServer.h"
 #include "web/Feed.h"
+#include "web/OperatorAccess.h"
 #include "web/Routes.h"
 #include "web/WebPeers.h"
 #include "wire/Protocol.h"
@@ -45,7 +51,21 @@ std::string stationAddress(std::string_view host) {
   return fmt::format("https://{}:{}/", host, wire::kIntercomPort);
 }
 
-void printReport(const Config& config, const platform::TlsIdentity* station, bool service,
+// What stands before the monitor and the metrics, for the report.
+std::string operatorLine(web::OperatorAccess::State state) {
+  switch (state) {
+    case web::OperatorAccess::State::open:
+      return "   Monitor open: no operator password (parlavox --operator-password sets one)";
+    case web::OperatorAccess::State::guarded:
+      return "   Monitor: operator password required";
+    case web::OperatorAccess::State::unusable:
+      break;
+  }
+  return "   Monitor closed: the operator password cannot be read";
+}
+
+void printReport(const Config& config, const platform::TlsIdentity* station,
+                 web::OperatorAccess::State operatorAccess, bool service,
                  platform::Console& console) {
   std::vector<std::string> roles;
   roles.reserve(config.roles.size());
@@ -72,6 +92,7 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
                    "   Crew station: " + stationAddress(platform::hostName() + ".local"));
     }
     console.info(platform::EventKind::report, "   Certificate SHA-256: " + station->fingerprint);
+    console.info(platform::EventKind::report, operatorLine(operatorAccess));
     // A phone's camera is the quickest way to the first address; the journal has no use for it.
     if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
       for (const std::string& line :
@@ -120,6 +141,66 @@ std::string stateDirectory() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here sets the environment
   const char* directory = std::getenv("STATE_DIRECTORY");
   return directory != nullptr ? directory : "";
+}
+
+// Where the server keeps what it makes for itself (the certificate, the operator's password): the
+// state directory under systemd, else beside the roles file.
+std::string ownDirectory(const std::string& configPath, const std::string& state) {
+  const std::string directory =
+      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
+  return directory.empty() ? "." : directory;
+}
+
+// How a password given to --operator-password counts its length: in characters, not bytes.
+constexpr std::size_t kShortestPassword = 8;
+constexpr std::size_t kLongestPassword = 1024;
+
+std::size_t characters(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
+  }));
+}
+
+// parlavox --operator-password: the new password from the terminal, unechoed and asked twice, or
+// one line of standard input when that is not a terminal (over ssh, from a password manager);
+// only its hash is kept. The running server reads it within a second.
+int setOperatorPassword(const std::string& configPath, platform::Console& terminal) {
+  const auto fail = [&terminal](std::string_view why) {
+    terminal.error(platform::EventKind::service, fmt::format("❌ {}", why));
+    return 1;
+  };
+  platform::Result<std::string> password = std::string();
+  if (platform::inputIsTerminal()) {
+    password = platform::readHiddenLine("New operator password: ");
+    if (password) {
+      const auto again = platform::readHiddenLine("The same again: ");
+      if (again && *again != *password) {
+        return fail("The two passwords differ: nothing changed.");
+      }
+    }
+  } else {
+    password = platform::readInputLine(kLongestPassword);
+  }
+  if (!password) {
+    return fail("Couldn't read the password: " + password.error());
+  }
+  if (characters(*password) < kShortestPassword) {
+    return fail(fmt::format("An operator password has at least {} characters: nothing changed.",
+                            kShortestPassword));
+  }
+  const auto hash = platform::hashPassword(*password);
+  if (!hash) {
+    return fail("Couldn't hash the password: " + hash.error());
+  }
+  const std::string path = (std::filesystem::path(ownDirectory(configPath, stateDirectory())) /
+                            web::OperatorAccess::kFileName)
+                               .string();
+  if (auto stored = platform::PasswordFile::store(path, *hash); !stored) {
+    return fail(fmt::format("Couldn't write {}: {}", path, stored.error()));
+  }
+  terminal.info(platform::EventKind::service,
+                fmt::format("🔑 Operator password stored (its hash only) in {}", path));
+  return 0;
 }
 
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
@@ -187,6 +268,7 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
 }
 
 constexpr const char* kUsage = R"(usage: parlavox [ROLES_FILE]
+       parlavox --operator-password [ROLES_FILE]
        parlavox --help | --version
 
 The intercom server for a theatre crew: UDP port 50505 for crew devices, the crew station and
@@ -195,6 +277,10 @@ oscPort (47000 unless it says otherwise).
 
   ROLES_FILE  the show: its channels and roles (default: roles.json here, written with the
               built-in show when there is none)
+  --operator-password
+              set the password the monitor and /metrics ask for (any user name): read from
+              the terminal, or one line of standard input; its hash is kept in
+              parlavox-operator, where the certificate is, and a running server takes it up
 
 Environment:
   STATE_DIRECTORY  a directory of the server's own (systemd sets it for the service:
@@ -204,7 +290,8 @@ Environment:
                    locale's language (LC_ALL, LC_MESSAGES, LANG), else English
 
 The crew station's certificate and key, parlavox-cert.pem and parlavox-key.pem, are made on the
-first start and kept beside the roles file, or in STATE_DIRECTORY.)";
+first start and kept beside the roles file, or in STATE_DIRECTORY. Without parlavox-operator
+there, the monitor and the metrics are open to anyone on the network.)";
 
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
@@ -221,6 +308,9 @@ int run(int argc, char** argv, platform::Console& terminal) {
   if (first == "--version") {
     terminal.info(platform::EventKind::report, fmt::format("parlavox {}", PARLAVOX_VERSION));
     return 0;
+  }
+  if (first == "--operator-password") {
+    return setOperatorPassword(argc >= 3 ? argv[2] : "roles.json", terminal);
   }
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
@@ -259,6 +349,12 @@ int run(int argc, char** argv, platform::Console& terminal) {
   Monitor monitor(show, *relay, *announcements, console, clock);
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
+  const std::string directory = ownDirectory(configPath, state);
+  platform::PasswordFile operatorPassword(
+      (std::filesystem::path(directory) / web::OperatorAccess::kFileName).string());
+  web::OperatorAccess operatorAccess(operatorPassword, clock, console);
+  // A password set or changed with --operator-password while the server runs: a stat a second.
+  loop.every(std::chrono::seconds(1), [&operatorAccess] { operatorAccess.refresh(); });
   const platform::TlsNames names = stationNames();
   std::vector<std::string> ownHosts = names.dns;
   ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());
@@ -268,10 +364,11 @@ int run(int argc, char** argv, platform::Console& terminal) {
                                   [&monitor] { return monitor.metrics(); }},
                       .stationInfo = {"application/json; charset=utf-8",
                                       [info = stationInfo(show)] { return info; }},
-                      .ownHosts = std::move(ownHosts)});
-  const std::string certificates =
-      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  const auto identity = stationIdentity(certificates.empty() ? "." : certificates, names, console);
+                      .ownHosts = std::move(ownHosts),
+                      .operatorGate = [&operatorAccess](const platform::HttpRequest& request) {
+                        return operatorAccess.check(request);
+                      }});
+  const auto identity = stationIdentity(directory, names, console);
   const auto station =
       identity ? openStation(loop.context(), *identity, routes, clock, console) : nullptr;
   if (station) {
@@ -281,7 +378,8 @@ int run(int argc, char** argv, platform::Console& terminal) {
       }
     });
   }
-  printReport(show.config(), station ? &*identity : nullptr, systemd.active(), console);
+  printReport(show.config(), station ? &*identity : nullptr, operatorAccess.state(),
+              systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {
