@@ -192,9 +192,14 @@ int setOperatorPassword(const std::string& configPath, platform::Console& termin
   if (!hash) {
     return fail("Couldn't hash the password: " + hash.error());
   }
-  const std::string path = (std::filesystem::path(ownDirectory(configPath, stateDirectory())) /
-                            web::OperatorAccess::kFileName)
-                               .string();
+  // Said in full where it was stored, so the operator sees which server will read it.
+  std::error_code unknown;
+  const std::string path =
+      std::filesystem::absolute(std::filesystem::path(ownDirectory(configPath, stateDirectory())) /
+                                    web::OperatorAccess::kFileName,
+                                unknown)
+          .lexically_normal()
+          .string();
   if (auto stored = platform::PasswordFile::store(path, *hash); !stored) {
     return fail(fmt::format("Couldn't write {}: {}", path, stored.error()));
   }
