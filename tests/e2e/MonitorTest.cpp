@@ -151,6 +151,15 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
   }
   EXPECT_EQ(statusOf("/metrics", "other:" + password, false, dir.path()), "429 ");
   EXPECT_EQ(statusOf("/metrics", "anyone:" + password, false, dir.path()), "200 ");
+  // A kept hash that is not one closes the monitor rather than opening it; none opens it again.
+  devkit::writeFile(file, "scrypt$1$1$1$AAAA$AAAA\n");
+  ASSERT_TRUE(
+      server->waitForLine("⚠️  Operator password unusable, so the monitor and metrics refuse"));
+  EXPECT_EQ(statusOf("/metrics", "anyone:" + password, false, dir.path()), "503 ");
+  std::filesystem::remove(file);
+  ASSERT_TRUE(
+      server->waitForLine("⚠️  Operator password removed: the monitor and metrics are open"));
+  EXPECT_EQ(statusOf("/metrics", "", false, dir.path()), "200 ");
   EXPECT_EQ(server->count(password), 0U);
   EXPECT_EQ(server->standardError(), "");
 }
