@@ -174,7 +174,10 @@ int setOperatorPassword(const std::string& configPath, platform::Console& termin
     password = platform::readHiddenLine("New operator password: ");
     if (password) {
       const auto again = platform::readHiddenLine("The same again: ");
-      if (again && *again != *password) {
+      if (!again) {
+        return fail("Couldn't read the password: " + again.error());
+      }
+      if (*again != *password) {
         return fail("The two passwords differ: nothing changed.");
       }
     }

@@ -73,10 +73,12 @@ Result<std::string> readHiddenLine(std::string_view prompt) {
   hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   hidden.c_lflag |= ECHONL;  // the line end still shows, so the next prompt starts a line
   write(prompt);
-  if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden) != 0) {
-    return systemFailure(errno);
+  Result<std::string> line = Failure{};
+  if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden) == 0) {
+    line = readInputLine(kMostHidden);
+  } else {
+    line = systemFailure(errno);
   }
-  auto line = readInputLine(kMostHidden);
   ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &savedTerminal);
   for (const int signal : kEndingSignals) {
     std::signal(signal, SIG_DFL);
