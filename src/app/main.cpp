@@ -362,7 +362,12 @@ int run(int argc, char** argv, platform::Console& terminal) {
       (std::filesystem::path(directory) / web::OperatorAccess::kFileName).string());
   web::OperatorAccess operatorAccess(operatorPassword, clock, console);
   // A password set or changed with --operator-password while the server runs: a stat a second.
-  loop.every(std::chrono::seconds(1), [&operatorAccess] { operatorAccess.refresh(); });
+  // Monitors open until then must give it too.
+  loop.every(std::chrono::seconds(1), [&operatorAccess, &monitorFeed] {
+    if (operatorAccess.refresh()) {
+      monitorFeed.closeAll();
+    }
+  });
   const platform::TlsNames names = stationNames();
   std::vector<std::string> ownHosts = names.dns;
   ownHosts.insert(ownHosts.end(), names.ipv4.begin(), names.ipv4.end());

@@ -67,7 +67,7 @@ OperatorAccess::OperatorAccess(platform::PasswordStore& store, platform::Clock& 
   load();
 }
 
-void OperatorAccess::load() {
+bool OperatorAccess::load() {
   const State before = state_;
   const std::string previous = std::move(hash_);
   hash_.clear();
@@ -79,7 +79,7 @@ void OperatorAccess::load() {
         platform::EventKind::service,
         "⚠️  Operator password unusable, so the monitor and metrics refuse everyone: " +
             kept.error());
-    return;
+    return true;
   }
   state_ = *kept ? State::guarded : State::open;
   hash_ = kept->value_or("");
@@ -91,12 +91,11 @@ void OperatorAccess::load() {
     console_.warning(platform::EventKind::service,
                      "⚠️  Operator password removed: the monitor and metrics are open");
   }
+  return state_ == State::guarded && hash_ != previous;
 }
 
-void OperatorAccess::refresh() {
-  if (store_.changed()) {
-    load();
-  }
+bool OperatorAccess::refresh() {
+  return store_.changed() && load();
 }
 
 std::optional<platform::HttpResponse> OperatorAccess::check(const platform::HttpRequest& request) {

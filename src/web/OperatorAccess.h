@@ -36,15 +36,17 @@ class OperatorAccess {
   OperatorAccess(platform::PasswordStore& store, platform::Clock& clock,
                  platform::Console& console);
 
-  // Re-reads the password if it changed since, and says so on the console. Once a second.
-  void refresh();
+  // Re-reads the password if it changed since, and says so on the console. Once a second. True
+  // when someone let in before may no longer be.
+  bool refresh();
   State state() const { return state_; }
 
   // The gate: nothing lets `request` through; else the answer that refuses it.
   std::optional<platform::HttpResponse> check(const platform::HttpRequest& request);
 
  private:
-  void load();
+  // Whether the password is other than it was.
+  bool load();
 
   platform::PasswordStore& store_;
   platform::Clock& clock_;

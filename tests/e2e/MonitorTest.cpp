@@ -8,6 +8,7 @@
 #include <map>
 #include <sstream>
 
+#include "devkit/StationSession.h"
 #include "e2e/ServerFixture.h"
 #include "wire/Audio.h"
 
@@ -118,6 +119,13 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
   for (const Route& route : routes) {
     EXPECT_EQ(statusOf(route.path, "", route.upgrade, dir.path()), route.opened) << route.path;
   }
+  boost::asio::io_context io;
+  boost::asio::ssl::context tls(boost::asio::ssl::context::tls_client);
+  devkit::StationSession reader(io, tls, "127.0.0.1", 50505, "", "/monitor/events");
+  bool readerEnded = false;
+  reader.start([](auto) {}, [&] { readerEnded = true; });
+  io.run_for(1s);
+  ASSERT_FALSE(readerEnded);
 
   const std::string password = "Lime light 42 ✓";
   const ChildRun set = runToEnd(
@@ -128,6 +136,10 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
   EXPECT_EQ(set.lines, std::vector<std::string>{"🔑 Operator password stored (its hash only) in " +
                                                 dir / "parlavox-operator"});
   ASSERT_TRUE(server->waitForLine("🔑 Operator password set"));
+  for (int i = 0; i < 50 && !readerEnded; ++i) {
+    io.run_for(100ms);
+  }
+  EXPECT_TRUE(readerEnded) << "a monitor open before must give the password too";
   const std::filesystem::path file = dir / "parlavox-operator";
   EXPECT_EQ(std::filesystem::status(file).permissions(),
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
