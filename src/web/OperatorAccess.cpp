@@ -14,8 +14,9 @@ constexpr std::size_t kHostsKept = 1024;
 // However many hosts take part, checks take at most a small share of the loop that relays audio.
 constexpr double kChecks = 10;
 constexpr double kChecksPerSecond = 4;
-// Operators' browsers and scrapers that got in; more than this, and the oldest must again.
-constexpr std::size_t kAcceptedKept = 32;
+// Operators' browsers and scrapers that got in, and wrong passwords; more than this, and the
+// oldest is forgotten.
+constexpr std::size_t kVerdictsKept = 32;
 // The challenge's realm is what a browser's prompt shows.
 constexpr const char* kChallenge = R"(Basic realm="Parlavox operator", charset="UTF-8")";
 
@@ -72,6 +73,7 @@ bool OperatorAccess::load() {
   const std::string previous = std::move(hash_);
   hash_.clear();
   accepted_.clear();
+  refused_.clear();
   auto kept = store_.read();
   if (!kept) {
     state_ = State::unusable;
@@ -110,6 +112,9 @@ std::optional<platform::HttpResponse> OperatorAccess::check(const platform::Http
   if (std::find(accepted_.begin(), accepted_.end(), digest) != accepted_.end()) {
     return std::nullopt;
   }
+  if (std::find(refused_.begin(), refused_.end(), digest) != refused_.end()) {
+    return challenge();
+  }
   const auto password = basicPassword(request.authorization);
   if (!password) {
     return challenge();
@@ -119,14 +124,13 @@ std::optional<platform::HttpResponse> OperatorAccess::check(const platform::Http
     return platform::HttpResponse{
         429, "text/plain", "Too many tries: wait a minute.\n", {{"Retry-After", "60"}}};
   }
-  if (!store_.verify(*password, hash_)) {
-    return challenge();
+  const bool right = store_.verify(*password, hash_);
+  std::vector<platform::Sha256>& verdicts = right ? accepted_ : refused_;
+  if (verdicts.size() == kVerdictsKept) {
+    verdicts.erase(verdicts.begin());
   }
-  if (accepted_.size() == kAcceptedKept) {
-    accepted_.erase(accepted_.begin());
-  }
-  accepted_.push_back(digest);
-  return std::nullopt;
+  verdicts.push_back(digest);
+  return right ? std::nullopt : std::optional(challenge());
 }
 
 }  // namespace parlavox::web

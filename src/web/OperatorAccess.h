@@ -19,7 +19,8 @@ namespace parlavox::web {
 // Prometheus scrape both get in. Without a password kept, everything passes, as before there was
 // one; with one that cannot be read, nothing does. The password is checked by a slow hash, on the
 // loop: an Authorization that passed once is remembered (its SHA-256) until the password changes,
-// and the hash runs at most a few times a minute for each host and a few times a second in all.
+// and so is one that failed; the hash runs at most a few times a minute for each host and a few
+// times a second in all.
 // Loop thread only.
 class OperatorAccess {
  public:
@@ -54,6 +55,9 @@ class OperatorAccess {
   State state_ = State::open;
   std::string hash_;
   std::vector<platform::Sha256> accepted_;  // Authorization values that passed
+  // And those that failed: a monitor left open across a change of password retries with the old
+  // one, which must cost neither a check nor its host's share of them.
+  std::vector<platform::Sha256> refused_;
   RateLimiter hostChecks_;
   TokenBucket allChecks_;
 };
