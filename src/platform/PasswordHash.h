@@ -30,6 +30,9 @@ using Sha256 = std::array<std::uint8_t, 32>;
 // Any thread.
 Sha256 sha256(std::string_view bytes);
 
+// Any thread. `bytes` in standard base64, padded.
+std::string encodeBase64(std::string_view bytes);
+
 // Any thread. The bytes `text` (standard base64, padded) stands for; nothing when it is not
 // base64.
 std::optional<std::string> decodeBase64(std::string_view text);
