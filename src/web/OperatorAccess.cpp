@@ -120,7 +120,17 @@ std::optional<platform::HttpResponse> OperatorAccess::check(const platform::Http
     return challenge();
   }
   const platform::MonoTime now = clock_.now();
-  if (!hostChecks_.allow(request.from, now) || !allChecks_.take(now, kChecks, kChecksPerSecond)) {
+  const bool hostMayTry = hostChecks_.allow(request.from, now);
+  if (!hostMayTry || !allChecks_.take(now, kChecks, kChecksPerSecond)) {
+    if (!hostMayTry && std::find(named_.begin(), named_.end(), request.from) == named_.end()) {
+      if (named_.size() == kVerdictsKept) {
+        named_.clear();
+      }
+      named_.push_back(request.from);
+      console_.warning(platform::EventKind::service,
+                       "⚠️  Too many wrong operator passwords from " +
+                           platform::toString(request.from) + ": it waits before its next try");
+    }
     return platform::HttpResponse{
         429, "text/plain", "Too many tries: wait a minute.\n", {{"Retry-After", "60"}}};
   }

@@ -58,6 +58,8 @@ class OperatorAccess {
   // And those that failed: a monitor left open across a change of password retries with the old
   // one, which must cost neither a check nor its host's share of them.
   std::vector<platform::Sha256> refused_;
+  // Hosts the console has named for guessing, each once (a few, then forgotten).
+  std::vector<platform::HostAddress> named_;
   RateLimiter hostChecks_;
   TokenBucket allChecks_;
 };

@@ -164,6 +164,10 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
     EXPECT_EQ(statusOf("/metrics", guess, false, dir.path()).substr(0, 4), expected) << guess;
   }
   EXPECT_EQ(statusOf("/metrics", "other:" + password, false, dir.path()), "429 ");
+  EXPECT_EQ(
+      server->count("⚠️  Too many wrong operator passwords from 127.0.0.1: it waits before "
+                    "its next try"),
+      1U);
   EXPECT_EQ(statusOf("/metrics", "anyone:" + password, false, dir.path()), "200 ");
   // A kept hash that is not one closes the monitor rather than opening it; none opens it again.
   devkit::writeFile(file, "scrypt$1$1$1$AAAA$AAAA\n");
