@@ -1,4 +1,5 @@
-// parlavox: the intercom server. One optional argument, the roles file; --help and --version.
+// parlavox: the intercom server. One optional argument, the roles file; --operator-password,
+// --help and --version.
 //
 // This file is where the parts meet: the show, the platform's services, the relay and the
 // announcements are made here and wired to each other, and nowhere else.
@@ -6,6 +7,7 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -26,13 +28,17 @@
 #include "platform/Console.h"
 #include "platform/HttpsServer.h"
 #include "platform/Interfaces.h"
+#include "platform/PasswordFile.h"
+#include "platform/PasswordHash.h"
 #include "platform/QrCode.h"
 #include "platform/SystemdNotifier.h"
+#include "platform/Terminal.h"
 #include "platform/TlsIdentity.h"
 #include "platform/UdpNetwork.h"
 #include "relay/IntercomServer.h"
 #include "web/CrewAccess.h"
 #include "web/Feed.h"
+#include "web/OperatorAccess.h"
 #include "web/Paths.h"
 #include "web/Routes.h"
 #include "web/WebPeers.h"
@@ -47,7 +53,21 @@ std::string stationAddress(std::string_view host) {
   return fmt::format("https://{}:{}/", host, wire::kIntercomPort);
 }
 
-void printReport(const Config& config, const platform::TlsIdentity* station, bool service,
+// What stands before the monitor and the metrics, for the report.
+std::string operatorLine(web::OperatorAccess::State state) {
+  switch (state) {
+    case web::OperatorAccess::State::open:
+      return "   Monitor open: no operator password (parlavox --operator-password sets one)";
+    case web::OperatorAccess::State::guarded:
+      return "   Monitor: operator password required";
+    case web::OperatorAccess::State::unusable:
+      break;
+  }
+  return "   Monitor closed: the operator password cannot be read";
+}
+
+void printReport(const Config& config, const platform::TlsIdentity* station,
+                 web::OperatorAccess::State operatorAccess, bool service,
                  platform::Console& console) {
   std::vector<std::string> roles;
   roles.reserve(config.roles.size());
@@ -95,6 +115,7 @@ void printReport(const Config& config, const platform::TlsIdentity* station, boo
     if (!config.crewPin.empty()) {
       console.info(platform::EventKind::report, "   The station asks for the crew PIN.");
     }
+    console.info(platform::EventKind::report, operatorLine(operatorAccess));
     // A phone's camera is the quickest way to the first address; the journal has no use for it.
     if (!service && !addresses.empty() && isatty(STDOUT_FILENO) == 1) {
       for (const std::string& line :
@@ -143,6 +164,74 @@ std::string stateDirectory() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here sets the environment
   const char* directory = std::getenv("STATE_DIRECTORY");
   return directory != nullptr ? directory : "";
+}
+
+// Where the server keeps what it makes for itself (the certificate, the operator's password): the
+// state directory under systemd, else beside the roles file.
+std::string ownDirectory(const std::string& configPath, const std::string& state) {
+  const std::string directory =
+      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
+  return directory.empty() ? "." : directory;
+}
+
+// How a password given to --operator-password counts its length: in characters, not bytes.
+constexpr std::size_t kShortestPassword = 8;
+constexpr std::size_t kLongestPassword = 1024;
+
+std::size_t characters(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
+  }));
+}
+
+// parlavox --operator-password: the new password from the terminal, unechoed and asked twice, or
+// one line of standard input when that is not a terminal (over ssh, from a password manager);
+// only its hash is kept. The running server reads it within a second.
+int setOperatorPassword(const std::string& configPath, platform::Console& terminal) {
+  const auto fail = [&terminal](std::string_view why) {
+    terminal.error(platform::EventKind::service, fmt::format("❌ {}", why));
+    return 1;
+  };
+  platform::Result<std::string> password = std::string();
+  if (platform::inputIsTerminal()) {
+    password = platform::readHiddenLine("New operator password: ");
+    if (password) {
+      const auto again = platform::readHiddenLine("The same again: ");
+      if (!again) {
+        return fail("Couldn't read the password: " + again.error());
+      }
+      if (*again != *password) {
+        return fail("The two passwords differ: nothing changed.");
+      }
+    }
+  } else {
+    password = platform::readInputLine(kLongestPassword);
+  }
+  if (!password) {
+    return fail("Couldn't read the password: " + password.error());
+  }
+  if (characters(*password) < kShortestPassword) {
+    return fail(fmt::format("An operator password has at least {} characters: nothing changed.",
+                            kShortestPassword));
+  }
+  const auto hash = platform::hashPassword(*password);
+  if (!hash) {
+    return fail("Couldn't hash the password: " + hash.error());
+  }
+  // Said in full where it was stored, so the operator sees which server will read it.
+  std::error_code unknown;
+  const std::string path =
+      std::filesystem::absolute(std::filesystem::path(ownDirectory(configPath, stateDirectory())) /
+                                    web::OperatorAccess::kFileName,
+                                unknown)
+          .lexically_normal()
+          .string();
+  if (auto stored = platform::PasswordFile::store(path, *hash); !stored) {
+    return fail(fmt::format("Couldn't write {}: {}", path, stored.error()));
+  }
+  terminal.info(platform::EventKind::service,
+                fmt::format("🔑 Operator password stored (its hash only) in {}", path));
+  return 0;
 }
 
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(500);
@@ -250,6 +339,7 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
 }
 
 constexpr const char* kUsage = R"(usage: parlavox [ROLES_FILE]
+       parlavox --operator-password [ROLES_FILE]
        parlavox --help | --version
 
 The intercom server for a theatre crew: UDP port 50505 for crew devices, the crew station and
@@ -258,6 +348,10 @@ oscPort (47000 unless it says otherwise).
 
   ROLES_FILE  the show: its channels and roles (default: roles.json here, written with the
               built-in show when there is none)
+  --operator-password
+              set the password the monitor and /metrics ask for (any user name): read from
+              the terminal, or one line of standard input; its hash is kept in
+              parlavox-operator, where the certificate is, and a running server takes it up
 
 Environment:
   STATE_DIRECTORY  a directory of the server's own (systemd sets it for the service:
@@ -270,7 +364,8 @@ The server's certificate authority, parlavox-ca.pem and parlavox-ca-key.pem, is 
 start and kept beside the roles file, or in STATE_DIRECTORY; each device trusts it once, at
 http://HOST:50505/trust. It issues the crew station's certificate, parlavox-cert.pem and
 parlavox-key.pem, again whenever the computer's names or addresses change. An operator's own
-certificate and key in their place are used as they are.)";
+certificate and key in their place are used as they are. Without parlavox-operator there, the
+monitor and the metrics are open to anyone on the network.)";
 
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
@@ -287,6 +382,9 @@ int run(int argc, char** argv, platform::Console& terminal) {
   if (first == "--version") {
     terminal.info(platform::EventKind::report, fmt::format("parlavox {}", PARLAVOX_VERSION));
     return 0;
+  }
+  if (first == "--operator-password") {
+    return setOperatorPassword(argc >= 3 ? argv[2] : "roles.json", terminal);
   }
   const std::string configPath = argc >= 2 ? argv[1] : "roles.json";
   const std::string state = stateDirectory();
@@ -329,15 +427,23 @@ int run(int argc, char** argv, platform::Console& terminal) {
   Monitor monitor(show, *relay, *announcements, console, clock);
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
+  const std::string directory = ownDirectory(configPath, state);
+  platform::PasswordFile operatorPassword(
+      (std::filesystem::path(directory) / web::OperatorAccess::kFileName).string());
+  web::OperatorAccess operatorAccess(operatorPassword, clock, console);
+  // A password set or changed with --operator-password while the server runs: a stat a second.
+  // Monitors open until then must give it too.
+  loop.every(std::chrono::seconds(1), [&operatorAccess, &monitorFeed] {
+    if (operatorAccess.refresh()) {
+      monitorFeed.closeAll();
+    }
+  });
   const platform::TlsNames names = stationNames();
-  std::string certificates =
-      !state.empty() ? state : std::filesystem::path(configPath).parent_path().string();
-  certificates = certificates.empty() ? "." : certificates;
-  auto identity = stationIdentity(certificates, names, console);
+  auto identity = stationIdentity(directory, names, console);
   if (!identity) {
     console.warning(platform::EventKind::service,
                     fmt::format("⚠️  Crew station unavailable: certificate in {}: {}",
-                                certificates, identity.error()));
+                                directory, identity.error()));
   }
   // Crew sessions are signed with the identity's secret: they outlive restarts and new addresses.
   std::optional<web::CrewAccess> crewAccess;
@@ -364,14 +470,17 @@ int run(int argc, char** argv, platform::Console& terminal) {
                       .ownHosts = allOf(names),
                       .actions = std::move(actions),
                       .crewGate = std::move(crewGate),
-                      .operatorGate = {},
+                      .operatorGate =
+                          [&operatorAccess](const platform::HttpRequest& request) {
+                            return operatorAccess.check(request);
+                          },
                       .authorityDer = identity ? identity->authorityDer : "",
                       .authorityFingerprint = identity ? identity->authorityFingerprint : ""});
   const auto station = identity ? openStation(loop.context(), *identity, routes, clock,
                                               show.config().crewNetworks, console)
                                 : nullptr;
   if (station && !identity->authorityDer.empty()) {
-    keepCertificateCurrent(loop, *station, routes, certificates, names, console);
+    keepCertificateCurrent(loop, *station, routes, directory, names, console);
   }
   if (station) {
     loop.every(kMonitorPeriod, [&monitor, &monitorFeed] {
@@ -380,7 +489,8 @@ int run(int argc, char** argv, platform::Console& terminal) {
       }
     });
   }
-  printReport(show.config(), station ? &*identity : nullptr, systemd.active(), console);
+  printReport(show.config(), station ? &*identity : nullptr, operatorAccess.state(),
+              systemd.active(), console);
   // Ctrl-C and systemd's stop end the server cleanly: the loop stops here, and on the way out the
   // announcer kills a speech command still running and deletes its speech file.
   loop.onStopSignals([&loop, &announcer, &systemd] {

@@ -1,5 +1,7 @@
 #include "web/Feed.h"
 
+#include <utility>
+
 namespace parlavox::web {
 
 Feed::~Feed() {
@@ -17,6 +19,13 @@ void Feed::open(std::shared_ptr<platform::WebSocket> socket) {
   // What a reader says is not listened to.
   socket->start({.onMessage = {}, .onClosed = [this, number] { readers_.erase(number); }});
   readers_.emplace(number, std::move(socket));
+}
+
+void Feed::closeAll() {
+  // close() reports nothing more, so the readers are forgotten here.
+  for (auto& [number, socket] : std::exchange(readers_, {})) {
+    socket->close();
+  }
 }
 
 void Feed::publish(std::string_view text) {

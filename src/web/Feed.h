@@ -30,6 +30,8 @@ class Feed {
   // Whether anyone reads now: the text need not be made for nobody.
   bool hasReaders() const { return !readers_.empty(); }
   void publish(std::string_view text);
+  // Closes every reader: who may read has changed, and each must pass the gate again.
+  void closeAll();
 
  private:
   std::uint64_t next_ = 1;

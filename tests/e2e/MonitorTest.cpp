@@ -1,10 +1,14 @@
 // The operator's view from outside: /metrics read with curl while a UDP talker sends a known
-// sequence, and the console's warning when a talker's audio breaks up.
+// sequence, the console's warning when a talker's audio breaks up, and the operator's password
+// before the monitor, its feed and the metrics.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <sstream>
 
+#include "devkit/StationSession.h"
 #include "e2e/ServerFixture.h"
 #include "wire/Audio.h"
 
@@ -75,6 +79,107 @@ TEST_F(Monitor, TheConsoleWarnsOfATalkerWhoseAudioBreaksUp) {
   }
   EXPECT_TRUE(server->waitForLine("⚠️  Ann (Sound): 9% audio lost in the last 10 s", 3s));
   EXPECT_EQ(server->count("audio lost"), 1U);
+}
+
+// curl's status for `path` with `credentials` ("user:password", or none), and the challenge that
+// came with it; a WebSocket's upgrade when `upgrade`, answered 101 when the feed opens.
+std::string statusOf(const std::string& path, const std::string& credentials, bool upgrade,
+                     const std::filesystem::path& dir) {
+  std::vector<std::string> args = {
+      "-sk", "--http1.1", "-m", "1",
+      "-o",  "/dev/null", "-w", "%{http_code} %header{www-authenticate}\n"};
+  if (!credentials.empty()) {
+    args.insert(args.end(), {"-u", credentials});
+  }
+  if (upgrade) {
+    for (const char* header :
+         {"Connection: Upgrade", "Upgrade: websocket", "Sec-WebSocket-Version: 13",
+          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ=="}) {
+      args.insert(args.end(), {"-H", header});
+    }
+  }
+  args.push_back("https://127.0.0.1:50505" + path);
+  const ChildRun run = runToEnd("curl", args, dir);
+  return run.lines.empty() ? "" : run.lines[0];
+}
+
+// Open as before until a password is set; then set while the server runs, it is asked of the
+// monitor, its feed and the metrics alike, any user name will do, and guessing soon stops.
+TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
+  EXPECT_TRUE(server->waitForLine(
+      "   Monitor open: no operator password (parlavox --operator-password sets one)"));
+  const std::string challenge = R"(Basic realm="Parlavox operator", charset="UTF-8")";
+  struct Route {
+    std::string path;
+    bool upgrade;
+    std::string opened;
+  };
+  const std::vector<Route> routes = {
+      {"/monitor", false, "200 "}, {"/metrics", false, "200 "}, {"/monitor/events", true, "101 "}};
+  for (const Route& route : routes) {
+    EXPECT_EQ(statusOf(route.path, "", route.upgrade, dir.path()), route.opened) << route.path;
+  }
+  boost::asio::io_context io;
+  boost::asio::ssl::context tls(boost::asio::ssl::context::tls_client);
+  devkit::StationSession reader(io, tls, "127.0.0.1", 50505, "", "/monitor/events");
+  bool readerEnded = false;
+  reader.start([](auto) {}, [&] { readerEnded = true; });
+  io.run_for(1s);
+  ASSERT_FALSE(readerEnded);
+
+  const std::string password = "Lime light 42 ✓";
+  const ChildRun set = runToEnd(
+      "sh",
+      {"-c", R"(printf '%s\n' "$1" | "$2" --operator-password)", "sh", password, parlavoxBinary()},
+      dir.path());
+  ASSERT_EQ(set.status, 0) << set.standardError;
+  EXPECT_EQ(set.lines, std::vector<std::string>{"🔑 Operator password stored (its hash only) in " +
+                                                dir / "parlavox-operator"});
+  ASSERT_TRUE(server->waitForLine("🔑 Operator password set"));
+  for (int i = 0; i < 50 && !readerEnded; ++i) {
+    io.run_for(100ms);
+  }
+  EXPECT_TRUE(readerEnded) << "a monitor open before must give the password too";
+  const std::filesystem::path file = dir / "parlavox-operator";
+  EXPECT_EQ(std::filesystem::status(file).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  std::stringstream kept;
+  kept << std::ifstream(file).rdbuf();
+  EXPECT_EQ(kept.str().rfind("scrypt$", 0), 0U);
+  EXPECT_EQ(kept.str().find("Lime"), std::string::npos);
+
+  for (const Route& route : routes) {
+    for (const std::string& wrong : {std::string(), "operator:" + password + "x"}) {
+      EXPECT_EQ(statusOf(route.path, wrong, route.upgrade, dir.path()), "401 " + challenge)
+          << route.path << " " << wrong;
+    }
+    EXPECT_EQ(statusOf(route.path, "anyone:" + password, route.upgrade, dir.path()), route.opened)
+        << route.path;
+  }
+  // One wrong password (refused again without a check) and one right so far: three more wrong
+  // ones, and then not even the right password, under another user name, is checked for a while;
+  // the one that got in still passes, and a wrong one tried before is refused as before.
+  for (const auto& [guess, expected] : std::vector<std::pair<std::string, std::string>>{
+           {"x:1", "401 "}, {"x:2", "401 "}, {"x:3", "401 "}, {"x:4", "429 "}, {"x:1", "401 "}}) {
+    EXPECT_EQ(statusOf("/metrics", guess, false, dir.path()).substr(0, 4), expected) << guess;
+  }
+  EXPECT_EQ(statusOf("/metrics", "other:" + password, false, dir.path()), "429 ");
+  EXPECT_EQ(
+      server->count("⚠️  Too many wrong operator passwords from 127.0.0.1: it waits before "
+                    "its next try"),
+      1U);
+  EXPECT_EQ(statusOf("/metrics", "anyone:" + password, false, dir.path()), "200 ");
+  // A kept hash that is not one closes the monitor rather than opening it; none opens it again.
+  devkit::writeFile(file, "scrypt$1$1$1$AAAA$AAAA\n");
+  ASSERT_TRUE(
+      server->waitForLine("⚠️  Operator password unusable, so the monitor and metrics refuse"));
+  EXPECT_EQ(statusOf("/metrics", "anyone:" + password, false, dir.path()), "503 ");
+  std::filesystem::remove(file);
+  ASSERT_TRUE(
+      server->waitForLine("⚠️  Operator password removed: the monitor and metrics are open"));
+  EXPECT_EQ(statusOf("/metrics", "", false, dir.path()), "200 ");
+  EXPECT_EQ(server->count(password), 0U);
+  EXPECT_EQ(server->standardError(), "");
 }
 
 }  // namespace

@@ -76,6 +76,8 @@ TEST(Startup, InAnEmptyDirectoryWritesTheDefaultShowAndReports) {
                         "Parent, Director (listen only)",
                         "   Crew station: https://" + hostName() + ".local:50505/",
                         "   Trust once: http://" + hostName() + ".local:50505/trust",
+                        "   Monitor open: no operator password (parlavox --operator-password "
+                        "sets one)",
                         "   QLab / OSC: point a Network (OSC) cue at this computer, port 47000,",
                         "               address /parlavox/say with a string argument to announce.",
                         "   Press Ctrl-C to stop.", ""}));
@@ -111,8 +113,8 @@ TEST(Startup, HelpAndVersionPrintAndEndWithoutServing) {
   EXPECT_EQ(help.status, 0);
   ASSERT_FALSE(help.lines.empty());
   EXPECT_EQ(help.lines[0], "usage: parlavox [ROLES_FILE]");
-  for (const char* mentioned :
-       {"ROLES_FILE", "STATE_DIRECTORY", "PARLAVOX_VOICE", "parlavox-cert.pem"}) {
+  for (const char* mentioned : {"ROLES_FILE", "STATE_DIRECTORY", "PARLAVOX_VOICE",
+                                "parlavox-cert.pem", "--operator-password"}) {
     EXPECT_TRUE(std::any_of(help.lines.begin(), help.lines.end(), [&](const std::string& line) {
       return line.find(mentioned) != std::string::npos;
     })) << mentioned;

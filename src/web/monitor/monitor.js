@@ -10,7 +10,24 @@ const LOG_MAX = 50;
 const FLOOR_DBFS = -60; // the level meter's empty end
 
 const $ = (id) => document.getElementById(id);
-const s = { snapshot: null, rows: new Map(), queueKey: "", logKey: "" };
+const s = { snapshot: null, rows: new Map(), queueKey: "", logKey: "", refused: "" };
+
+// Why the server refuses the feed, when it does: a browser's WebSocket never tells, so the same
+// path is asked for once more as a plain request, whose status does.
+const REFUSED = {
+  401: "The operator password is needed: reload the page to give it.",
+  429: "Too many wrong passwords: wait a minute, then reload.",
+  503: "The server cannot read its operator password: see its console.",
+};
+async function whyRefused() {
+  try {
+    const answer = await fetch(PATHS.monitorFeed, { method: "HEAD", cache: "no-store" });
+    s.refused = REFUSED[answer.status] ?? "";
+  } catch {
+    s.refused = "";
+  }
+  renderConn();
+}
 
 const link = new Connection(PATHS.monitorFeed, {
   deadMs: DEAD_MS, checkEveryMs: 1000,
@@ -20,10 +37,12 @@ const link = new Connection(PATHS.monitorFeed, {
     try { snap = JSON.parse(data); } catch { return; } // keep showing the last good one
     if (!snap || typeof snap !== "object") return;
     link.live();
+    s.refused = "";
     s.snapshot = snap;
     render(snap);
   },
   onChange: renderConn,
+  onLost: whyRefused,
 });
 
 // Writes only what changed: snapshots mostly repeat, and untouched nodes cost nothing.
@@ -39,8 +58,12 @@ function setClass(el, name) {
 function renderConn() {
   const { connected, everConnected } = link;
   renderBanner($("banner"), link);
+  if (s.refused && !connected) {
+    $("banner").hidden = false;
+    setText($("banner"), s.refused);
+  }
   const conn = $("conn");
-  setText(conn, connected ? "Live" : everConnected ? "Reconnecting…" : "Connecting…");
+  setText(conn, connected ? "Live" : s.refused ? "Refused" : everConnected ? "Reconnecting…" : "Connecting…");
   setClass(conn, "conn " + (connected ? "ok" : "bad"));
   document.body.classList.toggle("stale", !connected && everConnected);
 }
