@@ -22,12 +22,14 @@
 #include "config/Show.h"
 #include "monitor/EventLog.h"
 #include "monitor/Monitor.h"
+#include "monitor/ShowLog.h"
 #include "platform/AsioEventLoop.h"
 #include "platform/AvahiAdvertiser.h"
 #include "platform/Clock.h"
 #include "platform/Console.h"
 #include "platform/HttpsServer.h"
 #include "platform/Interfaces.h"
+#include "platform/LogDirectory.h"
 #include "platform/PasswordFile.h"
 #include "platform/PasswordHash.h"
 #include "platform/QrCode.h"
@@ -338,6 +340,30 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
   }
 }
 
+// How often the show's log looks at the date: a new day's file within this of midnight.
+constexpr auto kShowLogTick = std::chrono::minutes(1);
+
+// The day's show log, downloaded as a file named for its day. Never open to all: it names the
+// crew.
+web::Routes::Download logDownload(const ShowLog& log, const web::OperatorAccess& access,
+                                  bool json) {
+  return {[&log, &access, json] {
+    if (auto refused = access.refuseWhileOpen()) {
+      return std::move(*refused);
+    }
+    const std::vector<ShowLog::Entry> entries = log.entries();
+    std::string name = ShowLog::fileName(log.day());
+    if (json) {
+      name.replace(name.rfind('.'), std::string::npos, ".json");
+    }
+    return platform::HttpResponse{
+        200,
+        json ? "application/json; charset=utf-8" : "text/csv; charset=utf-8; header=present",
+        json ? ShowLog::json(entries) : ShowLog::csv(entries),
+        {{"Content-Disposition", fmt::format("attachment; filename=\"{}\"", name)}}};
+  }};
+}
+
 constexpr const char* kUsage = R"(usage: parlavox [ROLES_FILE]
        parlavox --operator-password [ROLES_FILE]
        parlavox --help | --version
@@ -356,7 +382,7 @@ oscPort (47000 unless it says otherwise).
 Environment:
   STATE_DIRECTORY  a directory of the server's own (systemd sets it for the service:
                    /var/lib/parlavox): its roles.json stands in when there is nothing at
-                   ROLES_FILE, and the certificate is kept there
+                   ROLES_FILE, and the certificate and the show's log are kept there
   PARLAVOX_VOICE   the voice parlavox-say speaks announcements in ("fr", "en-us"); else the
                    locale's language (LC_ALL, LC_MESSAGES, LANG), else English
 
@@ -365,7 +391,9 @@ start and kept beside the roles file, or in STATE_DIRECTORY; each device trusts 
 http://HOST:50505/trust. It issues the crew station's certificate, parlavox-cert.pem and
 parlavox-key.pem, again whenever the computer's names or addresses change. An operator's own
 certificate and key in their place are used as they are. Without parlavox-operator there, the
-monitor and the metrics are open to anyone on the network.)";
+monitor and the metrics are open to anyone on the network. The show's log, one file a day
+(parlavox-log-YYYY-MM-DD.csv, the last 14 kept, 16 MiB each at most), is kept there too; the
+day's is downloaded from /operator/log.csv and /operator/log.json with the operator password.)";
 
 // Ends the process from any thread without running destructors under the announcer's feet.
 [[noreturn]] void endProcess(int status) {
@@ -399,8 +427,11 @@ int run(int argc, char** argv, platform::Console& terminal) {
   }
 
   platform::SteadyClock clock;
-  // From here on the monitor's log sees what the operator sees.
-  EventLog console(terminal, clock);
+  const std::string directory = ownDirectory(configPath, state);
+  platform::LogDirectory logFiles(directory);
+  // From here on the monitor's log sees what the operator sees, and the show's log keeps it.
+  EventLog eventLog(terminal, clock);
+  ShowLog console(eventLog, logFiles, platform::localWallTime, ShowLog::Limits{});
   platform::AsioEventLoop loop;
   platform::UdpNetwork network(loop.context());
   platform::AvahiAdvertiser advertiser(console);
@@ -424,10 +455,10 @@ int run(int argc, char** argv, platform::Console& terminal) {
     return 1;
   }
 
-  Monitor monitor(show, *relay, *announcements, console, clock);
+  Monitor monitor(show, *relay, *announcements, eventLog, clock);
   web::WebPeers browsers(*relay);
   web::Feed monitorFeed;
-  const std::string directory = ownDirectory(configPath, state);
+  loop.every(kShowLogTick, [&console] { console.tick(); });
   platform::PasswordFile operatorPassword(
       (std::filesystem::path(directory) / web::OperatorAccess::kFileName).string());
   web::OperatorAccess operatorAccess(operatorPassword, clock, console);
@@ -469,6 +500,10 @@ int run(int argc, char** argv, platform::Console& terminal) {
                                       [info = stationInfo(show)] { return info; }},
                       .ownHosts = allOf(names),
                       .actions = std::move(actions),
+                      .operatorDownloads = {{std::string(web::kLogCsv),
+                                             logDownload(console, operatorAccess, false)},
+                                            {std::string(web::kLogJson),
+                                             logDownload(console, operatorAccess, true)}},
                       .crewGate = std::move(crewGate),
                       .operatorGate =
                           [&operatorAccess](const platform::HttpRequest& request) {

@@ -1,19 +1,12 @@
 #include "monitor/EventLog.h"
 
+#include "monitor/ShowLog.h"
+
 namespace parlavox {
-namespace {
-
-bool worthKeeping(const platform::ConsoleEvent& event) {
-  return event.kind == platform::EventKind::crew || event.kind == platform::EventKind::call ||
-         event.kind == platform::EventKind::announcement ||
-         event.severity != platform::Severity::info;
-}
-
-}  // namespace
 
 void EventLog::print(const platform::ConsoleEvent& event) {
   next_.print(event);
-  if (!worthKeeping(event)) {
+  if (!ShowLog::worthKeeping(event)) {
     return;
   }
   Entry entry{clock_.now(), std::string(event.text)};

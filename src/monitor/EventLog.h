@@ -12,8 +12,9 @@
 namespace parlavox {
 
 // The console as the operator's monitor sees it: every message goes on to `next`, and the ones
-// an operator scans a show's log for (the crew's comings and goings, the announcements, and every
-// warning and error) are kept, the latest kLimit of them, with when they were printed.
+// an operator scans a show's log for (those the show's log keeps: the crew's comings and goings,
+// announcements, calls, links, the operator's actions, every warning and error) are kept, the
+// latest kLimit of them, with when they were printed.
 class EventLog final : public platform::Console {
  public:
   static constexpr std::size_t kLimit = 50;

@@ -11,6 +11,17 @@ std::int64_t unixSeconds() {
       .count();
 }
 
+WallTime localWallTime() {
+  const std::int64_t now = unixSeconds();
+  const auto seconds = static_cast<time_t>(now);
+  tm local{};
+  // localtime_r, unlike localtime, is safe from any thread; it reads the zone once per process.
+  if (localtime_r(&seconds, &local) == nullptr) {
+    return {now, 0};
+  }
+  return {now, static_cast<std::int32_t>(local.tm_gmtoff)};
+}
+
 MonoTime SteadyClock::now() const {
   return MonoClock::now();
 }

@@ -23,6 +23,16 @@ class Clock {
 // session's expiry), never for pacing or timeouts.
 std::int64_t unixSeconds();
 
+// A moment by the wall clock, with the local time zone's offset from UTC then: what a log kept
+// for people is stamped with.
+struct WallTime {
+  std::int64_t unixSeconds = 0;
+  std::int32_t utcOffsetSeconds = 0;  // east of Greenwich positive
+};
+
+// Any thread. Now, by the wall clock, in the local time zone (TZ, else /etc/localtime).
+WallTime localWallTime();
+
 class SteadyClock final : public Clock {
  public:
   MonoTime now() const override;

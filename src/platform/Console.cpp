@@ -46,6 +46,26 @@ std::string_view priorityOf(Severity severity) {
 
 }  // namespace
 
+std::string_view kindName(EventKind kind) {
+  switch (kind) {
+    case EventKind::report:
+      return "report";
+    case EventKind::crew:
+      return "crew";
+    case EventKind::announcement:
+      return "announcement";
+    case EventKind::call:
+      return "call";
+    case EventKind::link:
+      return "link";
+    case EventKind::service:
+      return "service";
+    case EventKind::operatorAction:
+      return "operator";
+  }
+  return "service";
+}
+
 StdoutConsole::StdoutConsole() : journal_(stdoutIsJournal()) {}
 
 void StdoutConsole::makeLineBuffered() {

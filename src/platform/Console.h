@@ -7,13 +7,17 @@ namespace parlavox::platform {
 // What a console message is about, said where it is made: whoever keeps some of them (the
 // monitor's log) chooses by kind, never by reading the text.
 enum class EventKind {
-  report,        // the start-up report and the ports coming up
-  crew,          // joins, departures, time-outs
-  announcement,  // announcements asked for, spoken, stopped, failed
-  call,          // a call from the crew or from show control
-  link,          // a talker's audio breaking up, and back to normal
-  service,       // the server's own workings: files, ports, advertisement, certificate
+  report,          // the start-up report and the ports coming up
+  crew,            // joins, departures, time-outs
+  announcement,    // announcements asked for, spoken, stopped, failed
+  call,            // a call from the crew or from show control
+  link,            // a talker's audio breaking up, and back to normal
+  service,         // the server's own workings: files, ports, advertisement, certificate
+  operatorAction,  // what the operator did from the monitor or its HTTP API
 };
+
+// Any thread. The kind's name in a kept log ("crew", "operator"): every kind has one.
+std::string_view kindName(EventKind kind);
 
 // How much it matters: under systemd, the journal's priority.
 enum class Severity {

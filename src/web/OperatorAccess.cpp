@@ -100,6 +100,16 @@ bool OperatorAccess::refresh() {
   return store_.changed() && load();
 }
 
+std::optional<platform::HttpResponse> OperatorAccess::refuseWhileOpen() const {
+  if (state_ != State::open) {
+    return std::nullopt;
+  }
+  return platform::HttpResponse{
+      403, "text/plain",
+      "This needs an operator password, and none is set: run parlavox --operator-password on the "
+      "server.\n"};
+}
+
 std::optional<platform::HttpResponse> OperatorAccess::check(const platform::HttpRequest& request) {
   if (state_ == State::open) {
     return std::nullopt;

@@ -44,6 +44,9 @@ class OperatorAccess {
 
   // The gate: nothing lets `request` through; else the answer that refuses it.
   std::optional<platform::HttpResponse> check(const platform::HttpRequest& request);
+  // For what is never open to all (the show's log): without a password, the 403 that says how to
+  // set one; else nothing, and check() decides.
+  std::optional<platform::HttpResponse> refuseWhileOpen() const;
 
  private:
   // Whether the password is other than it was.

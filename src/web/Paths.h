@@ -15,6 +15,9 @@ inline constexpr std::string_view kMetrics = "/metrics";
 inline constexpr std::string_view kStationInfo = "/station.json";
 // Where the station posts the crew PIN, when the show has one, for its session cookie.
 inline constexpr std::string_view kCrewPin = "/pin";
+// The show's log of the day, for the operator to download; the monitor page links to them.
+inline constexpr std::string_view kLogCsv = "/operator/log.csv";
+inline constexpr std::string_view kLogJson = "/operator/log.json";
 // Where a device learns to trust the server's own certificate authority, and downloads it; served
 // over plain HTTP too, since a device that does not trust the server yet is warned off HTTPS.
 inline constexpr std::string_view kTrustPage = "/trust";

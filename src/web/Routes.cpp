@@ -109,6 +109,9 @@ Routes::Routes(Answers answers)
                    Route{Document{"application/x-x509-ca-cert",
                                   [der = std::move(answers.authorityDer)] { return der; }}});
   }
+  for (auto& [path, download] : answers.operatorDownloads) {
+    table_.insert_or_assign(path, Route{std::move(download), operatorOnly});
+  }
   for (auto& [path, action] : answers.actions) {
     const Gate* gate = action.operatorOnly ? operatorOnly : nullptr;
     table_.insert_or_assign(path, Route{std::move(action), gate});
@@ -147,6 +150,9 @@ platform::HttpResponse Routes::respond(const platform::HttpRequest& request) {
   }
   if (const auto* document = std::get_if<Document>(&route.answer)) {
     return {200, document->contentType, document->make()};
+  }
+  if (const auto* download = std::get_if<Download>(&route.answer)) {
+    return download->make();
   }
   return {404, "text/plain", "Not found\n"};  // a WebSocket's path, asked for as a page
 }

@@ -20,7 +20,8 @@ using Gate = std::function<std::optional<platform::HttpResponse>(const platform:
 // The web port's route table: what answers each path. A page file as it is, a document made when
 // asked for (the metrics), an action a form posts, the crew's WebSocket, where each session is a
 // peer of the intercom, and the monitor's read-only feed. The crew's WebSocket passes the crew's
-// gate first; the monitor, its feed and the metrics the operator's, as do actions that ask for it.
+// gate first; the monitor, its feed, the metrics and downloads the operator's, as do actions that
+// ask for it.
 // The trust page, open to all, is served over plain HTTP as well. Everything else is 404, and a
 // method a path does not take 405. Loop thread only.
 class Routes final : public platform::HttpHandler {
@@ -28,6 +29,11 @@ class Routes final : public platform::HttpHandler {
   struct Document {
     std::string contentType;
     std::function<std::string()> make;
+  };
+  // A document answered in full when asked for, headers and all: a download under a name of its
+  // own, behind the operator's gate.
+  struct Download {
+    std::function<platform::HttpResponse()> make;
   };
   // What a POST to its path does.
   struct Action {
@@ -44,6 +50,7 @@ class Routes final : public platform::HttpHandler {
     // policy allows.
     std::vector<std::string> ownHosts;
     std::vector<std::pair<std::string, Action>> actions = {};
+    std::vector<std::pair<std::string, Download>> operatorDownloads = {};
     Gate crewGate = {};
     Gate operatorGate = {};
     // The server's own certificate authority, which the trust page offers: its certificate (DER)
@@ -64,7 +71,7 @@ class Routes final : public platform::HttpHandler {
   void setOwnHosts(const std::vector<std::string>& ownHosts);
 
  private:
-  using Answer = std::variant<const WebFile*, Document, Action, WebPeers*, Feed*>;
+  using Answer = std::variant<const WebFile*, Document, Download, Action, WebPeers*, Feed*>;
   struct Route {
     Answer answer;
     const Gate* gate = nullptr;  // the crew's or the operator's, when either is set

@@ -6,10 +6,13 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "devkit/StationSession.h"
 #include "e2e/ServerFixture.h"
+#include "web/Paths.h"
 #include "wire/Audio.h"
 
 namespace parlavox::test {
@@ -23,6 +26,14 @@ using namespace std::chrono_literals;
 class Monitor : public ServerFixture {
  protected:
   void SetUp() override { startWith(defaultConfig()); }
+
+  // parlavox --operator-password, as an operator would run it beside the running server.
+  ChildRun setPassword(const std::string& password) {
+    return runToEnd("sh",
+                    {"-c", R"(printf '%s\n' "$1" | "$2" --operator-password)", "sh", password,
+                     parlavoxBinary()},
+                    dir.path());
+  }
 
   // Every sample of the Prometheus text by its name and labels, as written.
   std::map<std::string, std::string> metrics() {
@@ -128,10 +139,7 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
   ASSERT_FALSE(readerEnded);
 
   const std::string password = "Lime light 42 ✓";
-  const ChildRun set = runToEnd(
-      "sh",
-      {"-c", R"(printf '%s\n' "$1" | "$2" --operator-password)", "sh", password, parlavoxBinary()},
-      dir.path());
+  const ChildRun set = setPassword(password);
   ASSERT_EQ(set.status, 0) << set.standardError;
   EXPECT_EQ(set.lines, std::vector<std::string>{"🔑 Operator password stored (its hash only) in " +
                                                 dir / "parlavox-operator"});
@@ -180,6 +188,70 @@ TEST_F(Monitor, TheOperatorPasswordGuardsTheMonitorItsFeedAndTheMetrics) {
   EXPECT_EQ(statusOf("/metrics", "", false, dir.path()), "200 ");
   EXPECT_EQ(server->count(password), 0U);
   EXPECT_EQ(server->standardError(), "");
+}
+
+// The day's log: on disk as events happen, the report left out, a name with a comma and quotes
+// quoted as CSV quotes; and downloaded as the file holds it, with the password only (none set:
+// refused, never open), from the links on the monitor page.
+TEST_F(Monitor, TheShowsLogIsKeptOnDiskAndDownloadedWithThePassword) {
+  auto ann = member("Ann \"Lx\", Deck", "Lighting");
+  ASSERT_EQ(devkit::runProgram({"oscsend", "127.0.0.1", "47000", "/parlavox/say", "s", "Places"}),
+            0);
+  ASSERT_TRUE(server->waitForLine("📣 Announcing: \"Places\""));
+  ann->sendControl({{"t", "bye"}});
+  ASSERT_TRUE(server->waitForLine("👋 Ann \"Lx\", Deck (Lighting) left"));
+  std::vector<std::string> files = dir.entries();
+  std::erase_if(files, [](const std::string& name) { return !name.starts_with("parlavox-log-"); });
+  ASSERT_EQ(files.size(), 1U);
+  const std::string day = files[0].substr(13, 10);
+  const std::string kept = devkit::readFile(dir / files[0]);
+  const std::string time = day + R"(T\d\d:\d\d:\d\d[+-]\d\d:\d\d)";
+  EXPECT_TRUE(std::regex_match(
+      kept, std::regex("time,kind,text\r\n" + time +
+                       R"(,crew,"🎧 Ann ""Lx"", Deck joined as Lighting"\r\n)" + time +
+                       R"(,announcement,"📣 Announcing: ""Places"""\r\n)" + "(.*\r\n)*" + time +
+                       R"(,crew,"👋 Ann ""Lx"", Deck \(Lighting\) left"\r\n)")))
+      << kept;
+
+  const std::vector<std::string> paths = {std::string(web::kLogCsv), std::string(web::kLogJson)};
+  for (const std::string& path : paths) {
+    EXPECT_EQ(statusOf(path, "", false, dir.path()), "403 ") << path;
+  }
+  ASSERT_EQ(setPassword("Lime light 42").status, 0);
+  ASSERT_TRUE(server->waitForLine("🔑 Operator password set"));
+  for (const std::string& path : paths) {
+    EXPECT_EQ(statusOf(path, "", false, dir.path()).substr(0, 4), "401 ") << path;
+    const ChildRun got = runToEnd("curl",
+                                  {"-sk", "-u", "x:Lime light 42", "-D", dir / "head", "-o",
+                                   dir / "body", "https://127.0.0.1:50505" + path},
+                                  dir.path());
+    ASSERT_EQ(got.status, 0);
+    const std::string extension = path.substr(path.rfind('.'));
+    EXPECT_NE(devkit::readFile(dir / "head")
+                  .find("Content-Disposition: attachment; filename=\"parlavox-log-" + day +
+                        extension + "\""),
+              std::string::npos);
+    const std::string body = devkit::readFile(dir / "body");
+    if (extension == ".csv") {
+      EXPECT_EQ(body, kept);
+    } else {
+      const auto json = nlohmann::json::parse(body);
+      ASSERT_FALSE(json.empty());
+      EXPECT_EQ(json[0]["kind"], "crew");
+      EXPECT_EQ(json[0]["text"], "🎧 Ann \"Lx\", Deck joined as Lighting");
+      EXPECT_EQ(json[0]["time"].get<std::string>().substr(0, 10), day);
+    }
+  }
+  const std::string monitor = [&] {
+    runToEnd(
+        "curl",
+        {"-sk", "-u", "x:Lime light 42", "-o", dir / "page", "https://127.0.0.1:50505/monitor"},
+        dir.path());
+    return devkit::readFile(dir / "page");
+  }();
+  for (const std::string& path : paths) {
+    EXPECT_NE(monitor.find("href=\"" + path + "\""), std::string::npos) << path;
+  }
 }
 
 }  // namespace
