@@ -35,16 +35,21 @@ std::string LogDirectory::pathOf(const std::string& name) const {
 Result<std::uint64_t> LogDirectory::open(const std::string& name) {
   close();
   const std::string path = pathOf(name);
-  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                        S_IRUSR | S_IWUSR | S_IRGRP);
+  const int fd =
+      ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+             S_IRUSR | S_IWUSR | S_IRGRP);
   if (fd < 0) {
     return systemFailure(errno);
   }
   struct stat status {};
-  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (::fstat(fd, &status) != 0) {
     const int error = errno;
     ::close(fd);
-    return S_ISREG(status.st_mode) ? systemFailure(error) : Failure{"not a regular file"};
+    return systemFailure(error);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    ::close(fd);
+    return Failure{"not a regular file"};
   }
   fd_ = fd;
   return static_cast<std::uint64_t>(status.st_size);

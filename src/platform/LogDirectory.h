@@ -20,7 +20,8 @@ class LogDirectory {
   LogDirectory& operator=(const LogDirectory&) = delete;
 
   // Opens the file `name` in the directory for appending, creating it (readable by the owner and
-  // the group) if need be, never through a link, in place of the one open before. Its size.
+  // the group) if need be, never through a link nor blocking on a FIFO, in place of the one open
+  // before. Its size.
   Result<std::uint64_t> open(const std::string& name);
   // Appends `bytes` to the open file in one write.
   Result<void> append(std::string_view bytes);
