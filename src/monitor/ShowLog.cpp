@@ -82,8 +82,8 @@ std::string ShowLog::fileName(const std::string& day) {
 }
 
 void ShowLog::print(const platform::ConsoleEvent& event) {
-  next_.print(event);
   if (!worthKeeping(event)) {
+    next_.print(event);
     return;
   }
   const platform::WallTime now = now_();
@@ -108,6 +108,8 @@ void ShowLog::print(const platform::ConsoleEvent& event) {
       entries_.push_back(std::move(entry));
     }
   }
+  // Kept before it is seen: whoever reads a line on the console finds it in the file.
+  next_.print(event);
   for (const std::string& warning : warnings) {
     next_.warning(platform::EventKind::service, warning);
   }
