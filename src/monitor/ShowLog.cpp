@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 
@@ -137,6 +138,7 @@ void ShowLog::turnTo(const std::string& today, platform::WallTime now,
   }
   day_ = today;
   entries_.clear();
+  used_ = 0;
   full_ = false;
   openFile(warnings);
   removeOldFiles(now);
@@ -146,7 +148,6 @@ void ShowLog::openFile(std::vector<std::string>& warnings) {
   const std::string name = fileName(day_);
   const auto opened = files_.open(name);
   open_ = static_cast<bool>(opened);
-  used_ = opened ? *opened : 0;
   if (!opened) {
     if (!failing_) {
       warnings.push_back(
@@ -157,10 +158,12 @@ void ShowLog::openFile(std::vector<std::string>& warnings) {
     return;
   }
   failing_ = false;
-  // A file that reached its bound before a restart stays as it is.
-  full_ = used_ + kHeader.size() > limits_.bytesPerDay;
-  if (used_ == 0) {
-    used_ = kHeader.size();
+  // What the day kept in memory while the file could not be had counts too; a file that reached
+  // its bound before a restart stays as it is.
+  used_ = std::max(used_, *opened);
+  full_ = full_ || used_ + kHeader.size() > limits_.bytesPerDay;
+  if (*opened == 0) {
+    used_ += kHeader.size();
     write(std::string(kHeader), warnings);
   }
 }

@@ -50,7 +50,6 @@ TEST(ShowLog, KeepsTheDayWithinItsBoundAndRotatesAtMidnight) {
       "2026-11-24T23:59:58+01:00,operator,📣 Operator announced\r\n";
   EXPECT_EQ(file.substr(0, head.size()), head);
   const std::string last = "service,⚠️  Show log full: the rest of the day was dropped\r\n";
-  ASSERT_GE(file.size(), last.size());
   EXPECT_EQ(file.substr(file.size() - last.size()), last);
   EXPECT_EQ(ShowLog::csv(log.entries()), file) << "the download has what the file has";
 
