@@ -11,14 +11,13 @@
 //     tests/e2e/netns-run node bench/monitor-crew.mjs build/dev/bin/parlavox [CREW] [CHURN_MS]
 //
 // Run it in a network namespace of its own (netns-run): it uses the fixed intercom port.
-import { spawn } from "node:child_process";
-import { mkdtempSync, readFileSync, writeFileSync } from "node:fs";
+import { mkdtempSync, readFileSync } from "node:fs";
 import { tmpdir } from "node:os";
-import { join, resolve } from "node:path";
+import { join } from "node:path";
 
 const devkit = new URL("../tools/devkit/browser/", import.meta.url);
 const { chromium } = await import(new URL("node_modules/playwright-core/index.mjs", devkit).href);
-const { joinCrew, show, talk } = await import(new URL("big-crew.mjs", devkit).href);
+const { joinCrew, startServer, talk } = await import(new URL("big-crew.mjs", devkit).href);
 
 const [program, crewArg = "500", churnArg = "1000"] = process.argv.slice(2);
 const CREW = Number(crewArg);
@@ -27,11 +26,7 @@ const WINDOW_MS = 10000;
 const PORT = 50505;
 const sleep = (ms) => new Promise((done) => setTimeout(done, ms));
 
-const dir = mkdtempSync(join(tmpdir(), "parlavox-monitor-"));
-writeFileSync(join(dir, "roles.json"), JSON.stringify(show));
-const server = spawn(resolve(program), [join(dir, "roles.json")], { cwd: dir, stdio: ["ignore", "pipe", "inherit"] });
-let serverOut = "";
-server.stdout.setEncoding("utf8").on("data", (text) => (serverOut += text));
+const server = await startServer(program, mkdtempSync(join(tmpdir(), "parlavox-monitor-")));
 
 // The server's user and system CPU so far, in ms (fields 14 and 15 of /proc/PID/stat, in ticks
 // of 10 ms on Linux).
@@ -43,10 +38,6 @@ const serverCpuMs = () => {
 let browser;
 const stops = [];
 try {
-  for (let t = 0; !serverOut.includes("Listening on UDP port"); t++) {
-    if (t > 200) throw new Error("the server did not start");
-    await sleep(50);
-  }
   const crew = await joinCrew(CREW, PORT);
   const [talker, lossy] = [crew[1], crew[2]];
   stops.push(talk(talker, lossy));
@@ -125,7 +116,6 @@ try {
 } finally {
   stops.forEach((stop) => stop());
   await browser?.close();
-  server.kill("SIGTERM");
-  await new Promise((done) => server.on("exit", done));
+  await server.stop();
   process.exit();
 }

@@ -136,7 +136,10 @@ const WRITE = {
     r.cells.meter.title = db === null ? "silent" : `${db} dBFS`;
   },
   name: (r, m) => setText(r.cells.name, m.name),
-  role: (r, m) => setText(r.cells.role, m.role),
+  role: (r, m) => {
+    setText(r.cells.role, m.role);
+    r.cells.role.title = m.role; // a long one is cut short on screen
+  },
   health: (r, m) => {
     setText(r.cells.health, m.cells.health);
     setClass(r.cells.health, `health ${["ok", "warn", "bad"][m.rank]}`);

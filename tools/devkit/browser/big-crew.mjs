@@ -1,6 +1,10 @@
 // A big production's crew on UDP, for the monitor's browser test and its bench: the show (a stage
-// manager on every channel, nine departments that talk among themselves and hear Main) and its
-// members, each from an address of its own (127.1.x.y), the server capping members per address.
+// manager on every channel, nine departments that talk among themselves and hear Main), the
+// server on it, and its members, each from an address of its own (127.1.x.y), the server capping
+// members per address.
+import { spawn } from "node:child_process";
+import { writeFileSync } from "node:fs";
+import { join, resolve } from "node:path";
 import { sine, UdpCrew } from "./udp-crew.mjs";
 
 export const departments = ["Sound", "Lighting", "Stage", "Fly", "Wardrobe", "Props", "Video", "Orchestra", "FOH"];
@@ -59,4 +63,22 @@ export function talk(talker, lossy, every = 5) {
     lossy.talk(k, k % every === 0);
   }, 20);
   return () => clearInterval(timer);
+}
+
+// The server on the show, run from `dir` (its roles file written there), once it listens.
+// Resolves to the child process; stop() ends it and waits.
+export async function startServer(program, dir) {
+  writeFileSync(join(dir, "roles.json"), JSON.stringify(show));
+  const server = spawn(resolve(program), [], { cwd: dir, stdio: ["ignore", "pipe", "inherit"] });
+  let out = "";
+  server.stdout.setEncoding("utf8").on("data", (text) => (out += text));
+  for (let t = 0; !out.includes("Listening on UDP port"); t++) {
+    if (t > 200 || server.exitCode !== null) throw new Error("the server did not start");
+    await new Promise((done) => setTimeout(done, 50));
+  }
+  server.stop = () => {
+    server.kill("SIGTERM");
+    return new Promise((done) => (server.exitCode === null ? server.on("exit", done) : done()));
+  };
+  return server;
 }
