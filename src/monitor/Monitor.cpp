@@ -39,7 +39,7 @@ std::string Monitor::snapshot() const {
   // Written straight into one string rather than built as a JSON tree first: at a full crew the
   // tree's allocations were most of the snapshot's cost, and the loop pays it twice a second.
   // Channels go once, as names, and each peer's as masks over them; the figures are rounded to
-  // what the page shows, so that a snapshot repeats the last one wherever nothing changed.
+  // what the page shows, which keeps the snapshot short.
   std::string out;
   out.reserve(256 + 240 * peers.joined().size());
   const auto text = [&out](std::string_view value) {
