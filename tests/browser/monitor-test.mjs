@@ -51,19 +51,16 @@ try {
   const names = crew.map((m) => m.name).sort(new Intl.Collator(undefined, { numeric: true }).compare);
   for (const [column, expected, first] of [
     ["name", "name ascending", names], ["name", "name descending", [...names].reverse()],
-    ["loss", "loss descending", [lossy.name]], ["level", "level descending", [talker.name, lossy.name].sort()],
-    ["link", "link descending", [lossy.name]],
+    ["loss", "loss descending", [lossy.name]], ["link", "link descending", [lossy.name]],
   ]) {
     await page.click(`th button[data-sort="${column}"]`);
     assert.equal(await sortedBy(), expected);
-    const top = (await shown()).slice(0, first.length);
-    assert.deepEqual(column === "level" ? top.sort() : top, first, expected);
+    assert.deepEqual((await shown()).slice(0, first.length), first, expected);
   }
 
   // The filter: every word in a name, role or channel (the stage managers are on Fly too).
-  for (const [query, keeps] of [["Crew 007", (m) => m.name === "Crew 007"],
-    ["fly", (m) => m.role === "Fly" || m.role === "Stage Manager"], ["stage manager", (m) => m.role === "Stage Manager"],
-    ["", () => true]]) {
+  for (const [query, keeps] of [["fly", (m) => m.role === "Fly" || m.role === "Stage Manager"],
+    ["stage manager", (m) => m.role === "Stage Manager"], ["", () => true]]) {
     await page.fill("#filter", query);
     assert.deepEqual((await shown()).sort(), crew.filter(keeps).map((m) => m.name).sort(), query);
   }
