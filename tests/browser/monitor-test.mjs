@@ -41,7 +41,8 @@ try {
   await until("500 rows, the lossy link first", async () => (await shown()).length === 500 && (await shown())[0] === lossy.name);
   assert.equal(await sortedBy(), "link descending");
   assert.equal(await page.text("#crew tr:first-child .health"), "Bad");
-  assert.match(await page.text("#counts"), /^500 joined · 2 talking · [1-9]\d* links? with warnings$/);
+  await until("the header's counts", async () => // "talking" is the last 300 ms: a stall of ours may miss it
+    /^500 joined · 2 talking · [1-9]\d* links? with warnings$/.test(await page.text("#counts")));
   const heights = await page.evaluate(() => [...document.querySelectorAll("#crew tr")]
     .map((tr) => tr.getBoundingClientRect()).filter((r) => r.top >= 0 && r.bottom <= innerHeight).map((r) => r.height));
   assert.ok(heights.length >= 15 && new Set(heights).size === 1, `rows on screen: ${heights}`);
@@ -65,15 +66,15 @@ try {
     assert.deepEqual((await shown()).sort(), crew.filter(keeps).map((m) => m.name).sort(), query);
   }
 
-  // A phone: nothing sideways; the bad link, its loss and both talkers' lights in sight.
+  // A phone: nothing sideways; the bad link's light, grade and loss in sight.
   await page.resize(390, 844);
   assert.deepEqual(await page.evaluate(() => {
     const inSight = (sel) => [...document.querySelectorAll(sel)]
       .filter((el) => el.getBoundingClientRect().width > 0 && el.getBoundingClientRect().right <= innerWidth).length;
     const { scrollWidth, clientWidth } = document.documentElement;
     return [scrollWidth - clientWidth, document.querySelector("#crew .health").textContent,
-      inSight("#crew tr:first-child .loss"), inSight('#crew tr[data-talking="true"] .dot')];
-  }), [0, "Bad", 1, 2]);
+      inSight("#crew tr:first-child .loss"), inSight("#crew tr:first-child .dot")];
+  }), [0, "Bad", 1, 1]);
   if (screenshots) await page.screenshot(join(screenshots, "monitor-500-phone.png"));
   assert.deepEqual(await page.errors(), []);
   crew.forEach((m) => m.leave());
