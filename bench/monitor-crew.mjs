@@ -14,6 +14,7 @@
 import { mkdtempSync, readFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
+import { counters, profiler } from "./main-thread.mjs";
 
 const devkit = new URL("../tools/devkit/browser/", import.meta.url);
 const { chromium } = await import(new URL("node_modules/playwright-core/index.mjs", devkit).href);
@@ -73,28 +74,15 @@ try {
     { timeout: 30000 });
   await sleep(3000);
 
-  await cdp.send("Performance.enable");
-  const metrics = async () => Object.fromEntries((await cdp.send("Performance.getMetrics")).metrics
-    .map(({ name, value }) => [name, value]));
+  const metrics = await counters(cdp);
   const before = await metrics();
   const feedBefore = { ...feed };
   const cpuWatched = serverCpuMs();
-  if (process.env.PROFILE) await cdp.send("Profiler.enable").then(() => cdp.send("Profiler.start"));
+  const stopProfile = await profiler(cdp, WINDOW_MS, 20);
   await sleep(WINDOW_MS);
   const after = await metrics();
   const serverWatched = (serverCpuMs() - cpuWatched) / (WINDOW_MS / 1000);
-  if (process.env.PROFILE) {
-    const { profile } = await cdp.send("Profiler.stop");
-    const self = new Map();
-    const dt = new Map(profile.nodes.map((n) => [n.id, 0]));
-    profile.samples.forEach((id, i) => dt.set(id, dt.get(id) + (profile.timeDeltas[i] ?? 0)));
-    for (const n of profile.nodes) {
-      const key = `${n.callFrame.functionName || "(anon)"} ${n.callFrame.url.split("/").pop()}:${n.callFrame.lineNumber}`;
-      self.set(key, (self.get(key) ?? 0) + dt.get(n.id) / 1000);
-    }
-    [...self].sort((a, b) => b[1] - a[1]).slice(0, 20)
-      .forEach(([k, ms]) => console.log(`  ${(ms / (WINDOW_MS / 1000)).toFixed(2).padStart(7)} ms/s  ${k}`));
-  }
+  await stopProfile();
   const seconds = after.Timestamp - before.Timestamp;
   const perSecond = (name) => ((after[name] - before[name]) * 1000) / seconds;
   const shown = {
