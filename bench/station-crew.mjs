@@ -13,6 +13,7 @@ import { spawn } from "node:child_process";
 import { mkdtempSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join, resolve } from "node:path";
+import { counters, profiler } from "./main-thread.mjs";
 
 // The devkit's drivers: Chromium's own performance counters are the point here, so playwright
 // directly rather than the engines' common interface. PARLAVOX_WEB_ROOT names the staged pages,
@@ -125,27 +126,14 @@ try {
   await sleep(3000); // the window starts with the talk and the churn under way
 
   const cdp = await context.newCDPSession(page);
-  await cdp.send("Performance.enable");
-  const metrics = async () => Object.fromEntries((await cdp.send("Performance.getMetrics")).metrics
-    .map(({ name, value }) => [name, value]));
+  const metrics = await counters(cdp);
   const pageCost = () => page.evaluate(() => window.parlavoxStation.crewCost?.() ?? null);
   const [before, costBefore] = [await metrics(), await pageCost()];
   const rosters = await page.evaluate(() => window.parlavoxStation.rosters?.() ?? null);
-  if (process.env.PROFILE) await cdp.send("Profiler.enable").then(() => cdp.send("Profiler.start"));
+  const stopProfile = await profiler(cdp, WINDOW_MS);
   await sleep(WINDOW_MS);
   const [after, costAfter] = [await metrics(), await pageCost()];
-  if (process.env.PROFILE) {
-    const { profile } = await cdp.send("Profiler.stop");
-    const self = new Map();
-    const dt = new Map(profile.nodes.map((n) => [n.id, 0]));
-    profile.samples.forEach((id, i) => dt.set(id, dt.get(id) + (profile.timeDeltas[i] ?? 0)));
-    for (const n of profile.nodes) {
-      const key = `${n.callFrame.functionName || "(anon)"} ${n.callFrame.url.split("/").pop()}:${n.callFrame.lineNumber}`;
-      self.set(key, (self.get(key) ?? 0) + dt.get(n.id) / 1000);
-    }
-    [...self].sort((a, b) => b[1] - a[1]).slice(0, 25)
-      .forEach(([k, ms]) => console.log(`  ${(ms / (WINDOW_MS / 1000)).toFixed(2).padStart(7)} ms/s  ${k}`));
-  }
+  await stopProfile();
   const rostersAfter = await page.evaluate(() => window.parlavoxStation.rosters?.() ?? null);
   const seconds = after.Timestamp - before.Timestamp;
   const perSecond = (name) => ((after[name] - before[name]) * 1000) / seconds;

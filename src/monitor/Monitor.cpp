@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "platform/ProcessStats.h"
@@ -10,16 +11,6 @@ namespace parlavox {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
-
-nlohmann::json channelsOf(std::uint32_t mask, const std::vector<std::string>& channels) {
-  auto names = nlohmann::json::array();
-  for (std::size_t i = 0; i < channels.size() && i < kChannelLimit; ++i) {
-    if ((mask >> i & 1U) != 0) {
-      names.push_back(channels[i]);
-    }
-  }
-  return names;
-}
 
 void metric(std::string& out, std::string_view name, std::string_view type, std::string_view help) {
   out += fmt::format("# HELP {} {}\n# TYPE {} {}\n", name, help, name, type);
@@ -45,50 +36,77 @@ Monitor::Monitor(const Show& show, const IntercomServer& relay, const Announceme
 std::string Monitor::snapshot() const {
   const platform::MonoTime now = clock_.now();
   const PeerTable& peers = relay_.peers();
-  auto crew = nlohmann::json::array();
+  // Written straight into one string rather than built as a JSON tree first: at a full crew the
+  // tree's allocations were most of the snapshot's cost, and the loop pays it twice a second.
+  // Channels go once, as names, and each peer's as masks over them; the figures are rounded to
+  // what the page shows, which keeps the snapshot short.
+  std::string out;
+  out.reserve(256 + 240 * peers.joined().size());
+  const auto text = [&out](std::string_view value) {
+    out += nlohmann::json(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  };
+  out += "{\"show\":";
+  text(show_.name());
+  fmt::format_to(std::back_inserter(out), ",\"uptime\":{:.1f},\"unjoined\":{},\"channels\":[",
+                 Seconds(now - started_).count(), peers.size() - peers.joined().size());
+  const auto& channels = show_.channels();
+  for (std::size_t i = 0; i < channels.size() && i < kChannelLimit; ++i) {
+    out += i == 0 ? "" : ",";
+    text(channels[i]);
+  }
+  out += "],\"peers\":[";
+  bool first = true;
   for (const JoinedPeer& member : peers.joined()) {
     const Peer& peer = *peers.find(*member.address);
     const LinkHealth& health = peer.health;
     const LinkHealth::Window window = health.lastSeconds(now);
     const auto level = health.levelDbfs(now);
-    crew.push_back({
-        {"id", peer.id},
-        {"name", peer.name},
-        {"role", peer.role},
-        {"transport",
-         peer.address.transport->kind() == platform::Transport::Kind::browser ? "browser" : "udp"},
-        {"talk", channelsOf(peer.talkMask, show_.channels())},
-        {"listen", channelsOf(peer.listenMask, show_.channels())},
-        {"received", health.received()},
-        {"lost", health.lost()},
-        {"loss", window.received + window.lost == 0
-                     ? 0.0
-                     : static_cast<double>(window.lost) /
-                           static_cast<double>(window.received + window.lost)},
-        {"jitterMs", health.jitterMs()},
-        {"lastSeenMs",
-         std::chrono::duration_cast<std::chrono::milliseconds>(now - peer.lastSeen).count()},
-        {"talking", health.talking(now)},
-        {"levelDbfs", level ? nlohmann::json(*level) : nlohmann::json()},
-    });
-  }
-  auto log = nlohmann::json::array();
-  for (const EventLog::Entry& entry : log_.entries()) {
-    log.push_back({{"ago", Seconds(now - entry.at).count()}, {"line", entry.line}});
+    const double loss =
+        window.received + window.lost == 0
+            ? 0.0
+            : static_cast<double>(window.lost) / static_cast<double>(window.received + window.lost);
+    out += first ? "{\"id\":" : ",{\"id\":";
+    first = false;
+    fmt::format_to(std::back_inserter(out), "{},\"name\":", peer.id);
+    text(peer.name);
+    out += ",\"role\":";
+    text(peer.role);
+    fmt::format_to(
+        std::back_inserter(out),
+        ",\"transport\":\"{}\",\"talk\":{},\"listen\":{},\"loss\":{:.4f},\"jitterMs\":{:.1f},"
+        "\"lastSeenMs\":{},\"talking\":{}",
+        peer.address.transport->kind() == platform::Transport::Kind::browser ? "browser" : "udp",
+        peer.talkMask, peer.listenMask, loss, health.jitterMs(),
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - peer.lastSeen).count(),
+        health.talking(now));
+    if (level) {
+      fmt::format_to(std::back_inserter(out), ",\"levelDbfs\":{:.1f}", *level);
+    }
+    out += "}";
   }
   const auto& pending = announcements_.pending();
-  nlohmann::json snapshot{
-      {"show", show_.name()},
-      {"uptime", Seconds(now - started_).count()},
-      {"unjoined", peers.size() - peers.joined().size()},
-      {"peers", std::move(crew)},
-      {"speaking", pending.empty() ? nlohmann::json() : nlohmann::json(pending.front())},
-      {"queued", pending.empty() ? nlohmann::json::array()
-                                 : nlohmann::json(std::vector<std::string>(pending.begin() + 1,
-                                                                           pending.end()))},
-      {"log", std::move(log)},
-  };
-  return snapshot.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  out += "],\"speaking\":";
+  if (pending.empty()) {
+    out += "null";
+  } else {
+    text(pending.front());
+  }
+  out += ",\"queued\":[";
+  for (std::size_t i = 1; i < pending.size(); ++i) {
+    out += i == 1 ? "" : ",";
+    text(pending[i]);
+  }
+  out += "],\"log\":[";
+  first = true;
+  for (const EventLog::Entry& entry : log_.entries()) {
+    fmt::format_to(std::back_inserter(out), "{}{{\"ago\":{:.1f},\"line\":", first ? "" : ",",
+                   Seconds(now - entry.at).count());
+    first = false;
+    text(entry.line);
+    out += "}";
+  }
+  out += "]}";
+  return out;
 }
 
 std::string Monitor::metrics() const {

@@ -19,8 +19,8 @@ class Monitor {
   Monitor(const Show& show, const IntercomServer& relay, const Announcements& announcements,
           const EventLog& log, platform::Clock& clock);
 
-  // The monitor page's snapshot, as JSON: the crew with their link health, the announcements,
-  // the log and the uptime.
+  // The monitor page's snapshot, as JSON: the show's channels, the crew with their link health
+  // (their channels as masks over those), the announcements, the log and the uptime.
   std::string snapshot() const;
   // The Prometheus text exposition (format 0.0.4). Crew members appear by id only: their names
   // are the monitor page's business, not a metrics database's.

@@ -17,7 +17,9 @@ export function clock(ms) {
   return `${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}`;
 }
 
-export const seen = (ms) => (ms < 1000 ? "now" : `${Math.floor(ms / 1000)} s ago`);
+// A member heard within a keepalive's period is heard now: counting those seconds up would only
+// make every row of a quiet crew change every second.
+export const seen = (ms) => (ms < LINK_GRADES.lastHeardMs.warn ? "now" : `${Math.floor(ms / 1000)} s ago`);
 export const transport = (t) => (t === "udp" ? "UDP" : t === "browser" ? "Browser" : String(t ?? "?"));
 
 // "ok" below warn, "warn" from it, "bad" above bad; unknown counts as ok.
