@@ -10,6 +10,9 @@ import { clock, num, upFor } from "./format.js";
 
 const DEAD_MS = 4000; // snapshots come at least twice a second: this much silence is a dead link
 const LOG_MAX = 50;
+// A log entry's "ago" is in whole seconds and the snapshots come apart: the same line this close
+// in time is the same entry.
+const SAME_ENTRY_MS = 2 * 1000;
 const FLOOR_DBFS = -60; // the level meter's empty end
 
 const $ = (id) => document.getElementById(id);
@@ -259,7 +262,7 @@ function renderLog(log) {
     .map((e) => ({ at: now - (num(e?.ago) ?? 0) * 1000, line: String(e?.line ?? "") }));
   let j = 0;
   const kept = entries.map((e) => {
-    while (j < s.log.length && !(s.log[j].line === e.line && Math.abs(s.log[j].at - e.at) < 2000)) j++;
+    while (j < s.log.length && !(s.log[j].line === e.line && Math.abs(s.log[j].at - e.at) < SAME_ENTRY_MS)) j++;
     return j < s.log.length ? s.log[j++] : { ...e, li: logLine(e) };
   });
   const keep = new Set(kept);
