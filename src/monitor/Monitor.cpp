@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "platform/ProcessStats.h"
@@ -55,6 +56,7 @@ std::string Monitor::snapshot() const {
         {"id", peer.id},
         {"name", peer.name},
         {"role", peer.role},
+        {"host", platform::toString(peer.address.host)},
         {"transport",
          peer.address.transport->kind() == platform::Transport::Kind::browser ? "browser" : "udp"},
         {"talk", channelsOf(peer.talkMask, show_.channels())},
@@ -76,9 +78,19 @@ std::string Monitor::snapshot() const {
   for (const EventLog::Entry& entry : log_.entries()) {
     log.push_back({{"ago", Seconds(now - entry.at).count()}, {"line", entry.line}});
   }
+  auto announced = nlohmann::json::array();
+  for (const Announcements::Announced& each : announcements_.recent()) {
+    // One channel by its name, or every channel as null, as the operator's announce takes it.
+    const auto names = channelsOf(each.mask, show_.channels());
+    const bool all = names.size() == std::min(show_.channels().size(), kChannelLimit);
+    announced.push_back({{"ago", Seconds(now - each.at).count()},
+                         {"text", each.text},
+                         {"channel", all || names.size() != 1 ? nlohmann::json() : names[0]}});
+  }
   const auto& pending = announcements_.pending();
   nlohmann::json snapshot{
       {"show", show_.name()},
+      {"channels", show_.channels()},
       {"uptime", Seconds(now - started_).count()},
       {"unjoined", peers.size() - peers.joined().size()},
       {"peers", std::move(crew)},
@@ -87,6 +99,7 @@ std::string Monitor::snapshot() const {
                                  : nlohmann::json(std::vector<std::string>(pending.begin() + 1,
                                                                            pending.end()))},
       {"log", std::move(log)},
+      {"announced", std::move(announced)},
   };
   return snapshot.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

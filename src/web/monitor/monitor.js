@@ -1,8 +1,10 @@
-// Operator's monitor: a read-only view of who is on the intercom and how well they are heard.
-// The server pushes a full snapshot several times a second; the page only ever draws the latest.
+// Operator's monitor: who is on the intercom and how well they are heard, and the operator's
+// actions. The server pushes a full snapshot several times a second; the page only ever draws
+// the latest.
 
 import { PATHS } from "../shared/constants.js";
 import { Connection, renderBanner } from "../shared/connection.js";
+import { bindActions, rowActions, updateActions } from "./actions.js";
 import { clock, linkFigures, list, num, transport, upFor } from "./format.js";
 
 const DEAD_MS = 4000; // snapshots come at least twice a second: this much silence is a dead link
@@ -79,6 +81,7 @@ function render(snap) {
   setText($("counts"), `${peers.length} crew joined` + (unjoined > 0 ? ` · ${unjoined} connecting` : ""));
   renderCrew(peers);
   renderAnnouncements(snap);
+  updateActions(snap);
   renderLog(snap.log);
 }
 
@@ -89,6 +92,7 @@ function makeRow(id) {
   return {
     tr, cover: q(".cover"), meter: q(".meter"), name: q(".name"), role: q(".role"), badge: q(".badge"),
     talk: q(".talk"), listen: q(".listen"), loss: q(".loss"), jitter: q(".jitter"), seen: q(".seen"),
+    actions: q(".actions"),
   };
 }
 
@@ -104,7 +108,10 @@ function renderCrew(peers) {
   peers.forEach((p, i) => {
     const id = ids[i];
     let row = s.rows.get(id);
-    if (!row) s.rows.set(id, (row = makeRow(id)));
+    if (!row) {
+      s.rows.set(id, (row = makeRow(id)));
+      row.actions.append(rowActions(p));
+    }
     fillRow(row, p);
     if (body.children[i] !== row.tr) body.insertBefore(row.tr, body.children[i] ?? null);
   });
@@ -188,4 +195,5 @@ if (new URLSearchParams(location.search).has("test")) {
 }
 
 renderConn();
+bindActions();
 link.start();
