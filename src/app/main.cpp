@@ -347,7 +347,8 @@ oscPort (47000 unless it says otherwise).
   ROLES_FILE  the show: its channels and roles (default: roles.json here, written with the
               built-in show when there is none)
   --operator-password
-              set the password the monitor and /metrics ask for (any user name): read from
+              set the password the monitor, /metrics and the operator's actions (which
+              are refused without one) ask for (any user name): read from
               the terminal, or one line of standard input; its hash is kept in
               parlavox-operator, where the certificate is, and a running server takes it up
 
