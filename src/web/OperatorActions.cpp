@@ -99,8 +99,9 @@ std::optional<HttpResponse> OperatorActions::refusal(const HttpRequest& request)
   return std::nullopt;
 }
 
-void OperatorActions::print(const HttpRequest& request, std::string_view what) {
-  console_.info(platform::EventKind::crew,
+void OperatorActions::print(platform::EventKind kind, const HttpRequest& request,
+                            std::string_view what) {
+  console_.info(kind,
                 fmt::format("🎛️  Operator at {}{}", platform::toString(request.from), what));
 }
 
@@ -117,14 +118,15 @@ HttpResponse OperatorActions::announce(const HttpRequest& request) {
   if (auto refused = announcements_.announce(*text, *channel)) {
     return badRequest(std::move(*refused));
   }
-  print(request, fmt::format(": announce \"{}\" on {}", printable(*text),
-                             whereTo(*channel, "all channels")));
+  print(
+      platform::EventKind::announcement, request,
+      fmt::format(": announce \"{}\" on {}", printable(*text), whereTo(*channel, "all channels")));
   return json(202, {{"announced", *text}, {"channel", channel->empty() ? Json() : Json(*channel)}});
 }
 
 HttpResponse OperatorActions::stop(const HttpRequest& request) {
   announcements_.stop();
-  print(request, ": stop the announcements");
+  print(platform::EventKind::announcement, request, ": stop the announcements");
   return json(202, {{"stopped", true}});
 }
 
@@ -137,7 +139,7 @@ HttpResponse OperatorActions::call(const HttpRequest& request) {
   if (auto refused = announcements_.call(*channel)) {
     return badRequest(std::move(*refused));
   }
-  print(request, ": call " + whereTo(*channel, "everyone"));
+  print(platform::EventKind::call, request, ": call " + whereTo(*channel, "everyone"));
   return json(202, {{"called", channel->empty() ? Json() : Json(*channel)}});
 }
 
@@ -167,7 +169,7 @@ HttpResponse OperatorActions::remove(const HttpRequest& request) {
   if (refusing) {
     what += fmt::format("{} refused {}", removal->others.empty() ? " and" : ", and", host);
   }
-  print(request, what);
+  print(platform::EventKind::crew, request, what);
   Json removed = Json::array({who});
   for (const std::string& other : removal->others) {
     removed.push_back(other);
