@@ -116,7 +116,8 @@ class IntercomServer final : public platform::Transport::Receiver,
   void join(const wire::Incoming& message, const Peer& peer);
   // `caller` (named `who` to the operator) calls the joined peers that listen on `mask`.
   void call(std::uint16_t caller, std::uint32_t mask, std::string_view who);
-  // By value: callers may pass the address held by the peer that goes.
+  // By value: callers may pass the address held by the peer that goes. `quietly`: without the
+  // departure line, for the operator's removals, whose own line says it.
   void remove(platform::PeerAddress address, bool quietly = false);
   void sweep();
   void checkLinks();
