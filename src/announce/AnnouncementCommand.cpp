@@ -42,18 +42,30 @@ std::optional<AnnouncementTarget> resolveChannels(std::string_view address, std:
     return std::nullopt;
   }
   const std::string_view name = address.substr(head.size());
-  const auto position = findName(name, channels);
-  if (!position) {
+  const auto mask = name.empty() ? std::nullopt : channelMask(name, channels);
+  if (!mask) {
     target.kind = unknown;
     target.channel = std::string(name);
     return target;
   }
   target.kind = kind;
-  target.mask = *position < kChannelLimit ? std::uint32_t{1} << *position : 0;
+  target.mask = *mask;
   return target;
 }
 
 }  // namespace
+
+std::optional<std::uint32_t> channelMask(std::string_view channel,
+                                         const std::vector<std::string>& channels) {
+  if (channel.empty()) {
+    return lowBits(channels.size());
+  }
+  const auto position = findName(channel, channels);
+  if (!position) {
+    return std::nullopt;
+  }
+  return *position < kChannelLimit ? std::uint32_t{1} << *position : 0;
+}
 
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels) {

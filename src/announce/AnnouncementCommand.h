@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,5 +28,10 @@ struct AnnouncementTarget {
 // all".
 AnnouncementTarget resolveAnnouncement(std::string_view address,
                                        const std::vector<std::string>& channels);
+
+// The mask of the channel named `channel`, every configured channel for an empty name; nothing
+// when it names no channel.
+std::optional<std::uint32_t> channelMask(std::string_view channel,
+                                         const std::vector<std::string>& channels);
 
 }  // namespace parlavox

@@ -29,19 +29,21 @@ std::size_t codePoints(std::string_view text) {
 
 std::shared_ptr<Announcements> Announcements::create(const Show& show, platform::EventLoop& loop,
                                                      platform::Network& network,
-                                                     platform::Console& console, Speaker& speaker,
+                                                     platform::Console& console,
+                                                     platform::Clock& clock, Speaker& speaker,
                                                      Crew& crew) {
   return std::shared_ptr<Announcements>(
-      new Announcements(show, loop, network, console, speaker, crew));
+      new Announcements(show, loop, network, console, clock, speaker, crew));
 }
 
 Announcements::Announcements(const Show& show, platform::EventLoop& loop,
                              platform::Network& network, platform::Console& console,
-                             Speaker& speaker, Crew& crew)
+                             platform::Clock& clock, Speaker& speaker, Crew& crew)
     : channels_(show.channels()),
       oscPort_(show.oscPort()),
       loop_(loop),
       console_(console),
+      clock_(clock),
       speaker_(speaker),
       crew_(crew),
       chime_(std::make_shared<const std::vector<std::int16_t>>(renderChime())),
@@ -74,30 +76,59 @@ void Announcements::handleOSC(const std::string& address, const std::optional<st
           fmt::format("⚠️  OSC: unknown channel \"{}\"", printable(target.channel)));
       return;
     case AnnouncementTarget::Kind::stop:
-      speaker_.stop();
-      console_.info(platform::EventKind::announcement, "📣 Announcements stopped");
+      stop();
       return;
     case AnnouncementTarget::Kind::call:
       crew_.callFromShowControl(target.mask);
       return;
     case AnnouncementTarget::Kind::announce:
       if (text) {
-        announce(*text, target.mask);
+        if (const auto refused = announceTo(*text, target.mask)) {
+          console_.warning(platform::EventKind::announcement, "⚠️  OSC: " + *refused);
+        }
       }
       return;
   }
 }
 
-void Announcements::announce(const std::string& text, std::uint32_t mask) {
+std::optional<std::string> Announcements::announce(const std::string& text,
+                                                   std::string_view channel) {
+  const auto mask = channelMask(channel, channels_);
+  if (!mask) {
+    return fmt::format("unknown channel \"{}\"", printable(channel));
+  }
+  return announceTo(text, *mask);
+}
+
+void Announcements::stop() {
+  speaker_.stop();
+  console_.info(platform::EventKind::announcement, "📣 Announcements stopped");
+}
+
+std::optional<std::string> Announcements::call(std::string_view channel) {
+  const auto mask = channelMask(channel, channels_);
+  if (!mask) {
+    return fmt::format("unknown channel \"{}\"", printable(channel));
+  }
+  crew_.callFromShowControl(*mask);
+  return std::nullopt;
+}
+
+std::optional<std::string> Announcements::announceTo(const std::string& text, std::uint32_t mask) {
   if (const std::size_t length = codePoints(text); length > kMaxTextLength) {
-    console_.warning(platform::EventKind::announcement,
-                     fmt::format("⚠️  OSC: announcement of {} characters refused (at most {})",
-                                 length, kMaxTextLength));
-    return;
+    return fmt::format("announcement of {} characters refused (at most {})", length,
+                       kMaxTextLength);
+  }
+  if (std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t'; })) {
+    return "announcement without words refused";
   }
   console_.info(platform::EventKind::announcement,
                 fmt::format("📣 Announcing: \"{}\"", printable(text)));
   pending_.push_back(text);
+  recent_.push_back({text, mask, clock_.now()});
+  if (recent_.size() > kRecentLimit) {
+    recent_.pop_front();
+  }
   ++asked_;
   // Both run on the speaker's thread: they touch nothing here, only hand over to the loop.
   speaker_.speak(
@@ -122,6 +153,7 @@ void Announcements::announce(const std::string& text, std::uint32_t mask) {
           }
         });
       });
+  return std::nullopt;
 }
 
 void Announcements::ringChime(std::uint16_t caller, std::uint32_t mask) {

@@ -41,6 +41,7 @@
 #include "web/CrewAccess.h"
 #include "web/Feed.h"
 #include "web/OperatorAccess.h"
+#include "web/OperatorActions.h"
 #include "web/Paths.h"
 #include "web/Routes.h"
 #include "web/WebPeers.h"
@@ -312,7 +313,7 @@ void keepCertificateCurrent(platform::EventLoop& loop, platform::HttpsServer& st
 std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& context,
                                                    const platform::TlsIdentity& identity,
                                                    web::Routes& routes, platform::Clock& clock,
-                                                   const std::vector<Subnet>& crewNetworks,
+                                                   const IntercomServer& relay,
                                                    platform::Console& console) {
   try {
     auto station = std::make_unique<platform::HttpsServer>(context, wire::kIntercomPort, identity,
@@ -325,11 +326,8 @@ std::unique_ptr<platform::HttpsServer> openStation(boost::asio::io_context& cont
                       "{}): raise the limit (ulimit -n; LimitNOFILE for the service)",
                       total, platform::HttpsServer::kConnectionLimit));
     }
-    if (!crewNetworks.empty()) {
-      station->admitOnly([&crewNetworks](const platform::HostAddress& host) {
-        return crewMayComeFrom(crewNetworks, host);
-      });
-    }
+    // The crew's networks, less the addresses the operator refused.
+    station->admitOnly([&relay](const platform::HostAddress& host) { return relay.admits(host); });
     station->start();
     return station;
   } catch (const std::exception& error) {
@@ -375,7 +373,8 @@ oscPort (47000 unless it says otherwise).
   ROLES_FILE  the show: its channels and roles (default: roles.json here, written with the
               built-in show when there is none)
   --operator-password
-              set the password the monitor and /metrics ask for (any user name): read from
+              set the password the monitor, /metrics and the operator's actions (which
+              are refused without one) ask for (any user name): read from
               the terminal, or one line of standard input; its hash is kept in
               parlavox-operator, where the certificate is, and a running server takes it up
 
@@ -439,7 +438,8 @@ int run(int argc, char** argv, platform::Console& terminal) {
   Announcer announcer(defaultSayCommand(), console, clock);
   const auto relay =
       IntercomServer::create(show, ServerPlatform{loop, advertiser, clock, console}, endProcess);
-  const auto announcements = Announcements::create(show, loop, network, console, announcer, *relay);
+  const auto announcements =
+      Announcements::create(show, loop, network, console, clock, announcer, *relay);
   relay->setChimeCallback(
       [&announcements = *announcements](std::uint16_t caller, std::uint32_t mask) {
         announcements.ringChime(caller, mask);
@@ -492,6 +492,10 @@ int run(int argc, char** argv, platform::Console& terminal) {
       return crewAccess->gate(request);
     };
   }
+  web::OperatorActions operatorActions(*announcements, *relay, operatorAccess, console);
+  for (auto& action : operatorActions.actions()) {
+    actions.push_back(std::move(action));
+  }
   web::Routes routes({.crew = browsers,
                       .monitorFeed = monitorFeed,
                       .metrics = {"text/plain; version=0.0.4; charset=utf-8",
@@ -511,9 +515,8 @@ int run(int argc, char** argv, platform::Console& terminal) {
                           },
                       .authorityDer = identity ? identity->authorityDer : "",
                       .authorityFingerprint = identity ? identity->authorityFingerprint : ""});
-  const auto station = identity ? openStation(loop.context(), *identity, routes, clock,
-                                              show.config().crewNetworks, console)
-                                : nullptr;
+  const auto station =
+      identity ? openStation(loop.context(), *identity, routes, clock, *relay, console) : nullptr;
   if (station && !identity->authorityDer.empty()) {
     keepCertificateCurrent(loop, *station, routes, directory, names, console);
   }

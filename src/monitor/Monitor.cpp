@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <bit>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
@@ -71,6 +72,8 @@ std::string Monitor::snapshot() const {
     text(peer.name);
     out += ",\"role\":";
     text(peer.role);
+    out += ",\"host\":";
+    text(platform::toString(peer.address.host));
     fmt::format_to(
         std::back_inserter(out),
         ",\"transport\":\"{}\",\"talk\":{},\"listen\":{},\"loss\":{:.4f},\"jitterMs\":{:.1f},"
@@ -103,6 +106,24 @@ std::string Monitor::snapshot() const {
                    Seconds(now - entry.at).count());
     first = false;
     text(entry.line);
+    out += "}";
+  }
+  // The latest announcements, for announcing again: one channel by its name, or every channel as
+  // null, as the operator's announce takes it.
+  out += "],\"announced\":[";
+  first = true;
+  for (const Announcements::Announced& each : announcements_.recent()) {
+    fmt::format_to(std::back_inserter(out), "{}{{\"ago\":{:.1f},\"text\":", first ? "" : ",",
+                   Seconds(now - each.at).count());
+    first = false;
+    text(each.text);
+    out += ",\"channel\":";
+    const auto channel = static_cast<std::size_t>(std::countr_zero(each.mask));
+    if (std::popcount(each.mask) == 1 && channel < channels.size()) {
+      text(channels[channel]);
+    } else {
+      out += "null";
+    }
     out += "}";
   }
   out += "]}";

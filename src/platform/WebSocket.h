@@ -54,6 +54,10 @@ class WebSocket {
   virtual void send(Bytes head, Bytes body = {}) = 0;
   // Closes it at once; nothing more is reported.
   virtual void close() = 0;
+  // Closes it once what is queued is written, with a WebSocket close, so that a last message (why
+  // it ends) reaches the other side; nothing more is reported. A peer that stops reading is cut
+  // off as by the send policy's stuckAfter.
+  virtual void closeWhenSent() = 0;
 };
 
 }  // namespace parlavox::platform

@@ -48,7 +48,7 @@ void WebSocketSession::start(Handlers handlers) {
 }
 
 void WebSocketSession::send(Bytes head, Bytes body) {
-  if (ended_) {
+  if (ended_ || closing_) {
     return;
   }
   queue_.push(head, body, clock_.now());
@@ -61,6 +61,26 @@ void WebSocketSession::close() {
   stuck_.cancel();
   ErrorCode ignored;
   beast::get_lowest_layer(socket_).socket().close(ignored);
+}
+
+void WebSocketSession::closeWhenSent() {
+  if (ended_ || closing_) {
+    return;
+  }
+  closing_ = true;
+  write();
+}
+
+// Nothing left to write: the close handshake, bounded as a write is.
+void WebSocketSession::finish() {
+  stuck_.expires_after(options_.policy.stuckAfter);
+  stuck_.async_wait([self = shared_from_this()](ErrorCode error) {
+    if (!error) {
+      self->close();
+    }
+  });
+  socket_.async_close(websocket::close_code::normal,
+                      [self = shared_from_this()](ErrorCode /*error*/) { self->close(); });
 }
 
 void WebSocketSession::read() {
@@ -77,6 +97,11 @@ void WebSocketSession::received(ErrorCode error) {
     fail();
     return;
   }
+  if (closing_) {
+    in_.consume(in_.size());
+    read();  // what comes before the other side's close is ignored
+    return;
+  }
   // Messages of the other kind mean nothing here: a binary socket ignores text, and back.
   if (socket_.got_binary() == options_.binary && handlers_.onMessage) {
     const auto data = in_.cdata();
@@ -91,6 +116,9 @@ void WebSocketSession::received(ErrorCode error) {
 void WebSocketSession::write() {
   const std::vector<std::uint8_t>* message = queue_.next(clock_.now());
   if (message == nullptr) {
+    if (closing_ && !queue_.writing()) {
+      finish();
+    }
     return;
   }
   stuck_.expires_after(options_.policy.stuckAfter);
@@ -124,7 +152,7 @@ void WebSocketSession::fail() {
   }
   const auto self = shared_from_this();  // the handler may let go of the last other reference
   close();
-  if (handlers_.onClosed) {
+  if (handlers_.onClosed && !closing_) {
     handlers_.onClosed();
   }
 }

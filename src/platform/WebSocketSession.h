@@ -38,6 +38,7 @@ class WebSocketSession final : public WebSocket,
   void start(Handlers handlers) override;
   void send(Bytes head, Bytes body) override;
   void close() override;
+  void closeWhenSent() override;
 
  private:
   void read();
@@ -45,6 +46,7 @@ class WebSocketSession final : public WebSocket,
   void write();
   void written(boost::beast::error_code error);
   void fail();
+  void finish();
 
   std::shared_ptr<const void> place_;
   boost::beast::websocket::stream<TlsStream> socket_;
@@ -57,6 +59,7 @@ class WebSocketSession final : public WebSocket,
   SendQueue queue_;
   Handlers handlers_;
   bool ended_ = false;
+  bool closing_ = false;  // to end once the queue is written
 };
 
 }  // namespace parlavox::platform

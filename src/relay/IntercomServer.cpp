@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "config/Printable.h"
@@ -14,6 +15,8 @@ namespace {
 
 constexpr const char* kUnknownRole = "That role no longer exists. Pick another.";
 constexpr const char* kFull = "The intercom is full.";
+constexpr const char* kRemoved = "The operator removed you from the intercom. You may join again.";
+constexpr const char* kRefused = "The operator removed you from the intercom.";
 
 // The names of `mask`'s channels, for the operator.
 std::string channelNames(const std::vector<std::string>& channels, std::uint32_t mask) {
@@ -99,8 +102,8 @@ void IntercomServer::advertisedChanged(bool advertised) {
 }
 
 void IntercomServer::deliver(const platform::PeerAddress& from, Bytes datagram) {
-  // From outside the crew's networks: as if nothing were listening.
-  if (!crewMayComeFrom(show_.config().crewNetworks, from.host)) {
+  // From outside the crew's networks, or refused: as if nothing were listening.
+  if (!admits(from.host)) {
     return;
   }
   // A new address is a new peer, even for a datagram that says nothing.
@@ -129,7 +132,52 @@ void IntercomServer::ended(const platform::PeerAddress& peer) {
   remove(peer);
 }
 
-void IntercomServer::remove(platform::PeerAddress address) {
+bool IntercomServer::admits(const platform::HostAddress& host) const {
+  return crewMayComeFrom(show_.config().crewNetworks, host) &&
+         (refused_.empty() || !refused_.contains(host));  // no hashing per datagram until then
+}
+
+std::optional<Removal> IntercomServer::removeMember(std::uint16_t id, bool refuse) {
+  const auto joined = peers_.joined();
+  const auto member = std::find_if(joined.begin(), joined.end(),
+                                   [id](const JoinedPeer& each) { return each.id == id; });
+  if (member == joined.end()) {
+    return std::nullopt;
+  }
+  const platform::PeerAddress address = *member->address;
+  const Peer* peer = peers_.find(address);
+  Removal removal{peer->name, peer->role, address.host, {}};
+  std::vector<platform::PeerAddress> leaving{address};
+  if (refuse) {
+    refused_.insert(address.host);
+    for (const JoinedPeer& other : joined) {
+      if (other.address->host == address.host && other.id != id) {
+        const Peer* each = peers_.find(*other.address);
+        removal.others.push_back(
+            fmt::format("{} ({})", printable(each->name), printable(each->role)));
+        leaving.push_back(*other.address);
+      }
+    }
+  }
+  for (const platform::PeerAddress& each : leaving) {
+    if (const Peer* gone = peers_.find(each);
+        gone != nullptr && gone->features.has(wire::Feature::removed)) {
+      send(wire::SimpleMsg{wire::MessageType::error, refuse ? kRefused : kRemoved}, each);
+    }
+    remove(each, true);
+  }
+  // Those not yet joined from a refused address go as well: they would hear nothing more.
+  if (refuse) {
+    for (const platform::PeerAddress& each : peers_.silentSince(platform::MonoTime::max())) {
+      if (each.host == address.host) {
+        remove(each, true);
+      }
+    }
+  }
+  return removal;
+}
+
+void IntercomServer::remove(platform::PeerAddress address, bool quietly) {
   const std::optional<Peer> peer = peers_.remove(address);
   if (!peer) {
     return;
@@ -137,10 +185,13 @@ void IntercomServer::remove(platform::PeerAddress address) {
   address.transport->end(address);
   if (peer->joined) {
     hostsAtCap_.erase(address.host);  // below the cap again: a next refusal is news
+    rosterChanged();
+    if (quietly) {
+      return;
+    }
     platform_.console.info(
         platform::EventKind::crew,
         fmt::format("👋 {} ({}) left", printable(peer->name), printable(peer->role)));
-    rosterChanged();
   }
 }
 

@@ -39,6 +39,14 @@ struct RelayCounts {
   std::uint64_t joinsRefused = 0;   // for a full intercom, or a host at its cap
 };
 
+// A crew member the operator removed, and who else went with it when its address was refused.
+struct Removal {
+  std::string name;
+  std::string role;
+  platform::HostAddress host;
+  std::vector<std::string> others;  // "Name (Role)" of the others joined from a refused address
+};
+
 struct CrewCount {
   std::size_t joined = 0;
   std::size_t talking = 0;  // of the joined, those who sent audio within kTalkingWindow
@@ -76,6 +84,15 @@ class IntercomServer final : public platform::Transport::Receiver,
   // they understand call messages; without one, they are not called.
   void setChimeCallback(ChimeCallback callback) { chime_ = std::move(callback); }
 
+  // Loop thread. The joined peer `id` leaves: it is sent why, when it said it understands that,
+  // and its session ends. With `refuse`, everyone at its host address goes too, and that address
+  // gets no answer from now on (see admits()). Nothing when no peer has joined under `id`. Prints
+  // nothing: the operator's action says what happened.
+  std::optional<Removal> removeMember(std::uint16_t id, bool refuse);
+  // Loop thread. Whether `host` may reach the intercom at all: from the crew's
+  // networks, and not refused by the operator. Anyone else is answered as if nothing listened.
+  bool admits(const platform::HostAddress& host) const;
+
   // Loop thread.
   CrewCount crew() const;
   const PeerTable& peers() const { return peers_; }
@@ -99,8 +116,9 @@ class IntercomServer final : public platform::Transport::Receiver,
   void join(const wire::Incoming& message, const Peer& peer);
   // `caller` (named `who` to the operator) calls the joined peers that listen on `mask`.
   void call(std::uint16_t caller, std::uint32_t mask, std::string_view who);
-  // By value: callers may pass the address held by the peer that goes.
-  void remove(platform::PeerAddress address);
+  // By value: callers may pass the address held by the peer that goes. `quietly`: without the
+  // departure line, for the operator's removals, whose own line says it.
+  void remove(platform::PeerAddress address, bool quietly = false);
   void sweep();
   void checkLinks();
   void reportListening();
@@ -123,6 +141,8 @@ class IntercomServer final : public platform::Transport::Receiver,
   RateLimiter joins_{32, 8};
   // Hosts told of as having reached Config::peersPerHost, until one of their peers leaves.
   std::unordered_set<platform::HostAddress, platform::HostAddressHash> hostsAtCap_;
+  // Addresses the operator refused, until the server restarts.
+  std::unordered_set<platform::HostAddress, platform::HostAddressHash> refused_;
   std::optional<platform::MonoTime> lastRoster_;
   bool rosterScheduled_ = false;
   std::uint16_t port_ = 0;

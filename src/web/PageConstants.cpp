@@ -88,6 +88,10 @@ int main(int argc, char** argv) {
         "  monitorFeed: \"{}\",\n"
         "  stationInfo: \"{}\",\n"
         "  pin: \"{}\",\n"
+        "  operatorAnnounce: \"{}\",\n"
+        "  operatorStop: \"{}\",\n"
+        "  operatorCall: \"{}\",\n"
+        "  operatorRemove: \"{}\",\n"
         "}});\n",
         wire::kControlKind, wire::kAudioKind, wire::AudioHeader::kSize,
         wire::AudioHeader::kSenderIDOffset, wire::AudioHeader::kMaskOffset,
@@ -95,7 +99,8 @@ int main(int argc, char** argv) {
         milliseconds(wire::kKeepaliveInterval), milliseconds(wire::kSilenceLimit), kChannelLimit,
         wire::kNameLimit, types, features, grade(kLossGrade), grade(kJitterGradeMs),
         grade(kLastHeardGradeMs), web::kStationPage, web::kMonitorPage, web::kIntercomSocket,
-        web::kMonitorFeed, web::kStationInfo, web::kCrewPin);
+        web::kMonitorFeed, web::kStationInfo, web::kCrewPin, web::kOperatorAnnounce,
+        web::kOperatorStop, web::kOperatorCall, web::kOperatorRemove);
   } catch (const std::exception& error) {
     fmt::print(stderr, "parlavox-page-constants: {}\n", error.what());
     return 1;

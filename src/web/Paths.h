@@ -23,4 +23,10 @@ inline constexpr std::string_view kLogJson = "/operator/log.json";
 inline constexpr std::string_view kTrustPage = "/trust";
 inline constexpr std::string_view kAuthorityCertificate = "/trust/parlavox-ca.crt";
 
+// What the operator does, from the monitor page or show control: each a POST of a JSON object.
+inline constexpr std::string_view kOperatorAnnounce = "/operator/announce";
+inline constexpr std::string_view kOperatorStop = "/operator/stop";
+inline constexpr std::string_view kOperatorCall = "/operator/call";
+inline constexpr std::string_view kOperatorRemove = "/operator/remove";
+
 }  // namespace parlavox::web

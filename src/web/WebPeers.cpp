@@ -29,7 +29,7 @@ void WebPeers::send(const platform::PeerAddress& to, Bytes head, Bytes body) {
 
 void WebPeers::end(const platform::PeerAddress& peer) {
   if (const auto found = sessions_.find(peer.slot); found != sessions_.end()) {
-    found->second->close();
+    found->second->closeWhenSent();  // its last message, why it ends, goes first
     sessions_.erase(found);
   }
 }

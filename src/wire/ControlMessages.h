@@ -53,13 +53,15 @@ inline constexpr std::array<std::pair<MessageType, std::string_view>, 12> kMessa
 }};
 
 // What a client understands beyond the original protocol, as its join lists them in "features":
-// "call" (call messages instead of the call chime), "text" (the words of each announcement). A
-// client that lists none is sent only what the original protocol defines.
-enum class Feature : std::uint8_t { call = 1U << 0U, text = 1U << 1U };
+// "call" (call messages instead of the call chime), "text" (the words of each announcement),
+// "removed" (an "error" saying why when the operator removes it, rather than silence). A client
+// that lists none is sent only what the original protocol defines.
+enum class Feature : std::uint8_t { call = 1U << 0U, text = 1U << 1U, removed = 1U << 2U };
 
-inline constexpr std::array<std::pair<Feature, std::string_view>, 2> kFeatures{{
+inline constexpr std::array<std::pair<Feature, std::string_view>, 3> kFeatures{{
     {Feature::call, "call"},
     {Feature::text, "text"},
+    {Feature::removed, "removed"},
 }};
 
 // A set of features, one bit each.

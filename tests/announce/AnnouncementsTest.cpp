@@ -133,7 +133,7 @@ class AnnouncementsTest : public testing::Test {
  protected:
   void SetUp() override {
     announcements =
-        Announcements::create(Show(defaultConfig()), loop, network, console, speaker, crew);
+        Announcements::create(Show(defaultConfig()), loop, network, console, clock, speaker, crew);
     announcements->start();
   }
   void osc(const std::string& address, const std::string& text) {

@@ -21,6 +21,7 @@ class FakeWebSocket final : public platform::WebSocket {
     sent.push_back(message.append(body.begin(), body.end()));
   }
   void close() override { closed = true; }
+  void closeWhenSent() override { closed = true; }
 
   // As the real socket: a message nobody listens for is dropped.
   void say(std::string_view message) {

@@ -1,10 +1,11 @@
-// Operator's monitor: who is on the intercom and how well they are heard.
+// Operator's monitor: who is on the intercom and how well they are heard, and the operator's
+// actions.
 // The server pushes a full snapshot twice a second; the page only ever draws the latest, and of it
 // only what changed: at a full crew most rows repeat, and an untouched row costs no layout.
 
 import { PATHS } from "../shared/constants.js";
 import { Connection, renderBanner } from "../shared/connection.js";
-import { rowActions } from "./actions.js";
+import { bindActions, rowActions, updateActions } from "./actions.js";
 import { changedCells, countsOf, DEFAULT_SORT, filterRows, rowOf, sortRows } from "./crew.js";
 import { clock, num, upFor } from "./format.js";
 
@@ -97,6 +98,7 @@ function render(snap) {
   $("counts").classList.toggle("warn", counts.warnings > 0);
   arrange();
   renderAnnouncements(snap);
+  updateActions(snap);
   renderLog(snap.log);
 }
 
@@ -287,4 +289,5 @@ if (new URLSearchParams(location.search).has("test")) {
 
 renderSort();
 renderConn();
+bindActions();
 link.start();

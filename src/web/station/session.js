@@ -6,8 +6,9 @@ import { decode, encodeAudio, encodeControl } from "./protocol.js";
 export const LIT_MS = 300; // a talker stays lit this long after their last frame
 const FORGET_MS = 60000;
 const REFUSED = "The intercom refused to let us join.";
-// We show calls and announcements' words ourselves, and make our own call chime.
-const FEATURES = [Feature.call, Feature.text];
+// We show calls and announcements' words ourselves, make our own call chime, and say so when the
+// operator removes us.
+const FEATURES = [Feature.call, Feature.text, Feature.removed];
 
 // The channels of a mask, lowest first.
 export const maskBits = (mask) => [...Array(CHANNEL_LIMIT).keys()].filter((i) => (mask >>> i) & 1);

@@ -13,7 +13,7 @@ const { LIT_MS, Session } = await load("station/session.js");
 const T = MessageType;
 const frame = new Float32Array([0.5, -0.25]);
 const fromServer = (message) => encodeControl(message);
-const joinAnn = { t: T.join, name: "Ann", role: "Sound", features: [Feature.call, Feature.text] };
+const joinAnn = { t: T.join, name: "Ann", role: "Sound", features: [Feature.call, Feature.text, Feature.removed] };
 const welcome = { t: T.welcome, id: 7, role: "Sound", talkMask: 0b101, listenMask: 0b110 };
 
 // A session whose control messages and audio land in `out`, decoded; shed(): audio is refused.
