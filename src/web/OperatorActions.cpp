@@ -88,10 +88,8 @@ std::vector<std::pair<std::string, Routes::Action>> OperatorActions::actions() {
 // The operator's gate has let the request through: with no password set, that is anyone, and
 // no one may act for the operator then.
 std::optional<HttpResponse> OperatorActions::refusal(const HttpRequest& request) const {
-  if (access_.state() != OperatorAccess::State::guarded) {
-    return plain(403,
-                 "Operator actions need the operator password: set one with parlavox "
-                 "--operator-password");
+  if (auto open = access_.refuseWhileOpen()) {
+    return open;
   }
   if (request.body.size() > kBodyLimit) {
     return plain(413, fmt::format("At most {} bytes, please", kBodyLimit));
@@ -99,9 +97,8 @@ std::optional<HttpResponse> OperatorActions::refusal(const HttpRequest& request)
   return std::nullopt;
 }
 
-void OperatorActions::print(platform::EventKind kind, const HttpRequest& request,
-                            std::string_view what) {
-  console_.info(kind,
+void OperatorActions::print(const HttpRequest& request, std::string_view what) {
+  console_.info(platform::EventKind::operatorAction,
                 fmt::format("🎛️  Operator at {}{}", platform::toString(request.from), what));
 }
 
@@ -118,15 +115,14 @@ HttpResponse OperatorActions::announce(const HttpRequest& request) {
   if (auto refused = announcements_.announce(*text, *channel)) {
     return badRequest(std::move(*refused));
   }
-  print(
-      platform::EventKind::announcement, request,
-      fmt::format(": announce \"{}\" on {}", printable(*text), whereTo(*channel, "all channels")));
+  print(request, fmt::format(": announce \"{}\" on {}", printable(*text),
+                             whereTo(*channel, "all channels")));
   return json(202, {{"announced", *text}, {"channel", channel->empty() ? Json() : Json(*channel)}});
 }
 
 HttpResponse OperatorActions::stop(const HttpRequest& request) {
   announcements_.stop();
-  print(platform::EventKind::announcement, request, ": stop the announcements");
+  print(request, ": stop the announcements");
   return json(202, {{"stopped", true}});
 }
 
@@ -139,7 +135,7 @@ HttpResponse OperatorActions::call(const HttpRequest& request) {
   if (auto refused = announcements_.call(*channel)) {
     return badRequest(std::move(*refused));
   }
-  print(platform::EventKind::call, request, ": call " + whereTo(*channel, "everyone"));
+  print(request, ": call " + whereTo(*channel, "everyone"));
   return json(202, {{"called", channel->empty() ? Json() : Json(*channel)}});
 }
 
@@ -169,7 +165,7 @@ HttpResponse OperatorActions::remove(const HttpRequest& request) {
   if (refusing) {
     what += fmt::format("{} refused {}", removal->others.empty() ? " and" : ", and", host);
   }
-  print(platform::EventKind::crew, request, what);
+  print(request, what);
   Json removed = Json::array({who});
   for (const std::string& other : removal->others) {
     removed.push_back(other);

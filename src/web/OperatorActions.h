@@ -38,7 +38,7 @@ class OperatorActions {
   platform::HttpResponse remove(const platform::HttpRequest& request);
   // The answer that refuses `request` before anything is done, or nothing.
   std::optional<platform::HttpResponse> refusal(const platform::HttpRequest& request) const;
-  void print(platform::EventKind kind, const platform::HttpRequest& request, std::string_view what);
+  void print(const platform::HttpRequest& request, std::string_view what);
 
   Announcements& announcements_;
   IntercomServer& relay_;

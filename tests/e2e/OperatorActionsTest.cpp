@@ -54,8 +54,8 @@ class OperatorActions : public ServerFixture {
 // Never open: refused until a password is set, then only with it, and each refusal says why.
 TEST_F(OperatorActions, AskForThePasswordAndSayWhatIsWrong) {
   const std::string setOne =
-      "403 Operator actions need the operator password: set one with parlavox "
-      "--operator-password";
+      "403 This needs an operator password, and none is set: run parlavox --operator-password on "
+      "the server.";
   for (const char* path :
        {"/operator/announce", "/operator/stop", "/operator/call", "/operator/remove"}) {
     EXPECT_EQ(post(path, R"({"text":"Go"})"), setOne) << path;
