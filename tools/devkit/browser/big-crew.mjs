@@ -66,7 +66,7 @@ export function talk(talker, lossy, every = 5) {
 }
 
 // The server on the show, run from `dir` (its roles file written there), once it listens.
-// Resolves to the child process; stop() ends it and waits.
+// Resolves to the child process; output() is what it has printed so far, stop() ends it and waits.
 export async function startServer(program, dir) {
   writeFileSync(join(dir, "roles.json"), JSON.stringify(show));
   const server = spawn(resolve(program), [], { cwd: dir, stdio: ["ignore", "pipe", "inherit"] });
@@ -76,6 +76,7 @@ export async function startServer(program, dir) {
     if (t > 200 || server.exitCode !== null) throw new Error("the server did not start");
     await new Promise((done) => setTimeout(done, 50));
   }
+  server.output = () => out;
   server.stop = () => {
     server.kill("SIGTERM");
     return new Promise((done) => (server.exitCode === null ? server.on("exit", done) : done()));

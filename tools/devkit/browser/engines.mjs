@@ -7,6 +7,7 @@
 //             (classic WebDriver): the nearest Debian has to Safari on iOS
 //
 // const browser = await engines.firefox.launch({ micFile, micHz, scale, home });
+//   (and Chromium's { credentials }: the username and password a page's server asks for)
 //   browser.version; browser.close()
 //   const page = await browser.open(url, { width, height });
 //   page.evaluate(fn, arg)            fn runs in the page; a returned promise is awaited
@@ -68,7 +69,7 @@ function pageOf(page, { key = (name) => name, select, resize }) {
 
 // --- Chromium: a fake microphone playing a WAV file we give it ---
 
-async function launchChromium({ micFile, scale = 1 }) {
+async function launchChromium({ micFile, scale = 1, credentials }) {
   const { chromium } = await import("playwright-core");
   const browser = await chromium.launch({
     executablePath: "/usr/bin/chromium",
@@ -80,8 +81,10 @@ async function launchChromium({ micFile, scale = 1 }) {
       "--autoplay-policy=no-user-gesture-required",
     ],
   });
-  // The server's certificate is its own, as a crew's phone first sees it.
-  const context = await browser.newContext({ ignoreHTTPSErrors: true, deviceScaleFactor: scale });
+  // The server's certificate is its own, as a crew's phone first sees it; `credentials`
+  // ({ username, password }) answer the server's asking for a password.
+  const context = await browser.newContext({ ignoreHTTPSErrors: true, deviceScaleFactor: scale,
+    ...(credentials ? { httpCredentials: credentials } : {}) });
   return {
     version: `chromium/${browser.version()}`,
     async open(url, { width, height }) {
