@@ -27,3 +27,10 @@ export async function profiler(cdp, windowMs, top = 25) {
       .forEach(([k, ms]) => console.log(`  ${(ms / (windowMs / 1000)).toFixed(2).padStart(7)} ms/s  ${k}`));
   };
 }
+
+// One figure a line, names padded to `width`, fractions to one decimal.
+export function printFigures(shown, width) {
+  for (const [key, value] of Object.entries(shown)) {
+    console.log(`${key.padEnd(width)} ${typeof value === "number" && !Number.isInteger(value) ? value.toFixed(1) : value}`);
+  }
+}

@@ -14,7 +14,7 @@
 import { mkdtempSync, readFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { counters, profiler } from "./main-thread.mjs";
+import { counters, profiler, printFigures } from "./main-thread.mjs";
 
 const devkit = new URL("../tools/devkit/browser/", import.meta.url);
 const { chromium } = await import(new URL("node_modules/playwright-core/index.mjs", devkit).href);
@@ -94,9 +94,7 @@ try {
     snapshotKiB: (feed.bytes - feedBefore.bytes) / 1024 / Math.max(1, feed.frames - feedBefore.frames),
     serverCpuMsPerS: serverAlone, serverCpuWatchedMsPerS: serverWatched,
   };
-  for (const [key, value] of Object.entries(shown)) {
-    console.log(`${key.padEnd(22)} ${typeof value === "number" && !Number.isInteger(value) ? value.toFixed(1) : value}`);
-  }
+  printFigures(shown, 22);
   crew.forEach((m) => m.leave());
 } catch (error) {
   console.error(error);

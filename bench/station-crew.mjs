@@ -13,7 +13,7 @@ import { spawn } from "node:child_process";
 import { mkdtempSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join, resolve } from "node:path";
-import { counters, profiler } from "./main-thread.mjs";
+import { counters, profiler, printFigures } from "./main-thread.mjs";
 
 // The devkit's drivers: Chromium's own performance counters are the point here, so playwright
 // directly rather than the engines' common interface. PARLAVOX_WEB_ROOT names the staged pages,
@@ -145,9 +145,7 @@ try {
     crewListMsPerS: costBefore === null ? null : ((costAfter - costBefore) * 1000) / (seconds * 1000),
     rostersPerS: rosters === null ? null : (rostersAfter - rosters) / seconds,
   };
-  for (const [key, value] of Object.entries(shown)) {
-    console.log(`${key.padEnd(16)} ${typeof value === "number" && !Number.isInteger(value) ? value.toFixed(1) : value}`);
-  }
+  printFigures(shown, 16);
   crew.forEach((m) => m.leave());
 } catch (error) {
   console.error(error);
